@@ -1,0 +1,362 @@
+/* zrconfig.h: the configuration client library.
+ *
+ * Programs read, change and validate the appliance configuration through a
+ * context (cfg) that holds a local copy of the configuration elements they
+ * touched, the schema that describes them, and a stack of coded messages on
+ * which every failure is reported. Functions return 1 or a pointer on
+ * success, 0 or NULL on failure; the reason is on the message stack.
+ */
+#ifndef ZRCONFIG_H
+#define ZRCONFIG_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <jansson.h>
+#include <uthash.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define ZRCONFIG_API __attribute__((visibility("default")))
+#else
+#define ZRCONFIG_API
+#endif
+
+/* ------------------------------------------------------------------------
+ * Type codes and flags
+ * ---------------------------------------------------------------------- */
+
+#define CFG_TYPE_BOOL 1
+#define CFG_TYPE_INT 2
+#define CFG_TYPE_FLOAT 3
+#define CFG_TYPE_STRING 4
+#define CFG_TYPE_BLOB 6
+#define CFG_TYPE_LIST 7
+#define CFG_TYPE_MAP 8
+#define CFG_TYPE_REFERENCE 9
+#define CFG_TYPE_IF 10 /* schema only */
+
+#define CFG_FLAG_NEW 1
+#define CFG_FLAG_CHANGED 2
+#define CFG_FLAG_DELETED 4
+#define CFG_FLAG_FUTURE_CHILD 8
+#define CFG_FLAG_HAS_FUTURE 16
+
+#define CFG_UUID_SIZE 256
+
+/* ------------------------------------------------------------------------
+ * Records
+ * ---------------------------------------------------------------------- */
+
+typedef struct cfg cfg;
+typedef struct cfg_schema cfg_schema;
+typedef struct cfg_element cfg_element;
+
+/* Trigger tables and schema records are completed by their own areas. */
+struct cfg_uuid_trigger;
+struct cfg_path_trigger;
+struct cfg_pattern_trigger;
+struct cfg_reverse_trigger;
+struct cfg_schema_index_entry;
+struct cfg_schema_element;
+struct cfg_schema_type;
+struct cfg_regex_cache_entry;
+
+/* A node of a singly linked list; new nodes go to the tail. */
+typedef struct cfg_link {
+    void *data;
+    struct cfg_link *next;
+} cfg_link;
+
+/* One relation between two elements: list (7), map (8) or reference (9). */
+typedef struct cfg_parent_link {
+    char uuid[CFG_UUID_SIZE];
+    unsigned int type;
+    unsigned int index; /* list kind */
+    char *name;         /* map kind: the member's key (owned) */
+} cfg_parent_link;
+
+/* One configuration element. */
+struct cfg_element {
+    char uuid[CFG_UUID_SIZE];
+    char schema[CFG_UUID_SIZE];
+    unsigned int type;
+    unsigned int flags;
+    int generation;
+    cfg_link *parents;
+    cfg_parent_link *future_parent;
+    union {
+        int int_value;       /* Boolean and Integer */
+        double float_value;
+        char *string_value;  /* String and Reference (target uuid) */
+        struct {
+            unsigned char *data;
+            uint64_t size;
+        } blob;
+        struct {
+            cfg_link *members;
+            cfg_link *future_members;
+        } list;
+        struct {
+            cfg_link *members;
+        } map;
+    } value;
+};
+
+/* An entry of the context's uuid index; the key is the element's own uuid. */
+typedef struct cfg_index_entry {
+    cfg_element *element;
+    UT_hash_handle hh;
+} cfg_index_entry;
+
+/* The schema handle: the uuid map of schema elements, the root, the type
+ * registry and the cache of compiled string patterns. */
+struct cfg_schema {
+    struct cfg_schema_index_entry *elements;
+    struct cfg_schema_element *root;
+    cfg_link *types;
+    struct cfg_regex_cache_entry *regex_cache;
+};
+
+/* A message argument: key is a catalogue name, value owned text. */
+typedef struct cfg_message_arg {
+    char *key;
+    char *value;
+    UT_hash_handle hh;
+    int owns_key; /* set on arguments decoded from JSON */
+} cfg_message_arg;
+
+/* One coded message on the stack. */
+typedef struct cfg_message {
+    int code;
+    cfg_message_arg *args;
+    char *cached_message;
+} cfg_message;
+
+/* One catalogue row. */
+typedef struct cfg_message_def {
+    int code;
+    int type;
+    int level;
+    const char *text;
+    const char **arg_names;
+} cfg_message_def;
+
+/* An item of a connection's id map, held in two hash indexes at once. */
+typedef struct cfg_uuid_item {
+    char key[512];
+    UT_hash_handle hh;
+    UT_hash_handle hh2;
+} cfg_uuid_item;
+
+typedef cfg_element *(*cfg_get_by_id_fn)(cfg *context, const char *uuid);
+typedef cfg_element **(*cfg_get_by_ids_fn)(cfg *context, char **uuids, int count);
+typedef void (*cfg_free_client_data_fn)(cfg *context);
+
+/* The configuration context. */
+struct cfg {
+    cfg_index_entry *elements;
+    cfg_schema *schema;
+    struct cfg_uuid_trigger *uuid_triggers;
+    struct cfg_path_trigger *path_triggers;
+    struct cfg_pattern_trigger *pattern_triggers;
+    struct cfg_reverse_trigger *reverse_triggers;
+    cfg_message **messages;
+    int messages_count;
+    char **conflicts;
+    int conflicts_count;
+    char *transaction_dir;
+    char *transaction_id;
+    void *client_data;
+    cfg_get_by_id_fn get_by_id;
+    cfg_get_by_ids_fn get_by_ids;
+    cfg_free_client_data_fn free_client_data;
+};
+
+/* ------------------------------------------------------------------------
+ * Context and lookups
+ * ---------------------------------------------------------------------- */
+
+/* A new empty schema, or NULL when memory runs out. */
+ZRCONFIG_API cfg_schema *cfg_create_new_schema(void);
+/* A new context over schema (shared, not owned), or over a new empty schema
+ * when schema is NULL. */
+ZRCONFIG_API cfg *cfg_create_new_config(cfg_schema *schema);
+/* Releases the context (not its schema) and clears *handle; 0 for NULL. */
+ZRCONFIG_API int cfg_free_config(cfg **handle);
+/* Releases a schema and every schema element; clears *handle. */
+ZRCONFIG_API int cfg_free_schema(cfg *context, cfg_schema **handle);
+/* Releases an id map whose items sit in two hash indexes. */
+ZRCONFIG_API void free_uuid_map(cfg_uuid_item *head);
+
+ZRCONFIG_API struct cfg_schema_element *cfg_schema_root(cfg *context);
+/* Looks an element up through the context's get_by_id hook (may fetch). */
+ZRCONFIG_API cfg_element *cfg_get_by_id(cfg *context, const char *uuid);
+/* Looks several elements up through the get_by_ids hook; the one further
+ * argument is the number of ids (int). */
+ZRCONFIG_API cfg_element **cfg_get_by_ids(cfg *context, char **uuids, ...);
+/* Looks an element up in the local index only. */
+ZRCONFIG_API cfg_element *cfg_find_by_id(cfg *context, const char *uuid);
+/* The root element "root-1". */
+ZRCONFIG_API cfg_element *cfg_root(cfg *context);
+/* A new JSON array of the texts of a NULL-terminated array. */
+ZRCONFIG_API json_t *strings_to_list(char **strings);
+
+/* Flag queries: the flag's bit value when set, else 0. */
+ZRCONFIG_API unsigned int cfg_element_is_new(cfg_element *element);
+ZRCONFIG_API unsigned int cfg_element_is_changed(cfg_element *element);
+ZRCONFIG_API unsigned int cfg_element_is_deleted(cfg_element *element);
+
+/* Writes a new 36-character identifier into out (256 bytes): a version-1
+ * uuid whose first and last characters are replaced by '{' and '}'. */
+ZRCONFIG_API int gen_uuid(char *out);
+ZRCONFIG_API int uuidcmp(const char *a, const char *b);
+ZRCONFIG_API char *uuidcpy(char *dst, const char *src);
+
+/* ------------------------------------------------------------------------
+ * Messages
+ * ---------------------------------------------------------------------- */
+
+/* Appends msg to the stack, which takes it over. */
+ZRCONFIG_API bool cfg_add_message(cfg *context, cfg_message *msg);
+/* A new message of code with nargs value texts, paired with the row's
+ * argument names. The message takes the texts over; on failure they are
+ * freed. */
+ZRCONFIG_API cfg_message *v_cfg_new_message(int code, int nargs, ...);
+ZRCONFIG_API cfg_message *cfg_new_message(int code, int nargs, char **values);
+ZRCONFIG_API bool cfg_free_message_arg(cfg_message_arg **arg);
+ZRCONFIG_API bool cfg_free_message(cfg_message **msg);
+ZRCONFIG_API bool cfg_free_message_stack(cfg *context);
+ZRCONFIG_API int cfg_message_count(cfg *context);
+ZRCONFIG_API bool cfg_has_messages(cfg *context);
+ZRCONFIG_API cfg_message *cfg_get_message_object(cfg *context, int index);
+/* The filled template (cached; owned by the message), or NULL. */
+ZRCONFIG_API char *cfg_get_message_string(cfg_message *msg);
+ZRCONFIG_API char *cfg_get_first_message_string(cfg *context);
+ZRCONFIG_API int cfg_get_message_code(cfg_message *msg);
+ZRCONFIG_API int cfg_get_message_type(cfg_message *msg);
+ZRCONFIG_API int cfg_get_message_level(cfg_message *msg);
+ZRCONFIG_API int cfg_get_message_arg_count(cfg_message *msg);
+ZRCONFIG_API const char *cfg_get_message_arg_name(cfg_message *msg, int index);
+ZRCONFIG_API char *cfg_get_message_arg_value(cfg_message *msg, int index);
+/* The catalogue row of code, or NULL for a code without a row. */
+ZRCONFIG_API cfg_message_def *cfg_get_message_def(int code);
+ZRCONFIG_API void cfg_message_init(void);
+/* Prints the stack to standard error. */
+ZRCONFIG_API void dump_message_stack(cfg *context);
+ZRCONFIG_API char *zrmsg_itoa(int value);
+ZRCONFIG_API char *zrmsg_ftoa(double value);
+
+/* One adder per catalogue row: the row's arguments in the row's order. */
+ZRCONFIG_API bool cfg_message_add_unexpected(cfg *c, const char *file, int line);
+ZRCONFIG_API bool cfg_message_add_unknown_lock(cfg *c);
+ZRCONFIG_API bool cfg_message_add_file_io(cfg *c);
+ZRCONFIG_API bool cfg_message_add_unknown_pull(cfg *c);
+ZRCONFIG_API bool cfg_message_add_protocol(cfg *c);
+ZRCONFIG_API bool cfg_message_add_int_above_max(cfg *c, int max, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_int_below_min(cfg *c, int min, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_int_invalid_value(cfg *c, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_float_above_max(cfg *c, double max, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_float_below_min(cfg *c, double min, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_float_invalid_value(cfg *c, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_string_above_max(cfg *c, int max, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_string_below_min(cfg *c, int min, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_string_invalid_value(cfg *c, const char *uuid,
+                                                       const char *value);
+ZRCONFIG_API bool cfg_message_add_string_format(cfg *c, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_blob_above_max(cfg *c, int max, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_blob_below_min(cfg *c, int min, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_list_above_max(cfg *c, int max, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_list_below_min(cfg *c, int min, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_list_wrong_type(cfg *c, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_missing_required(cfg *c, const char *name,
+                                                   const char *uuid);
+ZRCONFIG_API bool cfg_message_add_invalid_reference(cfg *c, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_wrong_type(cfg *c, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_no_match(cfg *c, const char *uuid, const char *name);
+ZRCONFIG_API bool cfg_message_add_password_mismatch(cfg *c, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_invalid_networkaddress(cfg *c, const char *address,
+                                                         const char *uuid);
+ZRCONFIG_API bool cfg_message_add_duplicate(cfg *c, const char *field, const char *value,
+                                            const char *uuid);
+ZRCONFIG_API bool cfg_message_add_common_name_error(cfg *c, const char *common_name,
+                                                    const char *uuid);
+ZRCONFIG_API bool cfg_message_add_path_not_found(cfg *c, const char *path);
+ZRCONFIG_API bool cfg_message_add_uuid_not_found(cfg *c, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_database(cfg *c);
+ZRCONFIG_API bool cfg_message_add_schema(cfg *c);
+ZRCONFIG_API bool cfg_message_add_conflict(cfg *c);
+ZRCONFIG_API bool cfg_message_add_push_failed(cfg *c);
+ZRCONFIG_API bool cfg_message_add_get_schema_failed(cfg *c);
+ZRCONFIG_API bool cfg_message_add_get_data_by_path_failed(cfg *c);
+ZRCONFIG_API bool cfg_message_add_get_data_by_id_failed(cfg *c);
+ZRCONFIG_API bool cfg_message_add_lock_failed(cfg *c);
+ZRCONFIG_API bool cfg_message_add_subscribe_failed(cfg *c);
+ZRCONFIG_API bool cfg_message_add_invalid_request(cfg *c);
+ZRCONFIG_API bool cfg_message_add_incomplete_data(cfg *c, const char *param);
+ZRCONFIG_API bool cfg_message_add_invalid_credentials(cfg *c);
+ZRCONFIG_API bool cfg_message_add_invalid_session(cfg *c);
+ZRCONFIG_API bool cfg_message_add_changed_ro(cfg *c);
+ZRCONFIG_API bool cfg_message_add_worker(cfg *c);
+ZRCONFIG_API bool cfg_message_add_reg_not_ready(cfg *c);
+ZRCONFIG_API bool cfg_message_add_permission_denied(cfg *c);
+ZRCONFIG_API bool cfg_message_add_invalid_action(cfg *c, const char *action);
+ZRCONFIG_API bool cfg_message_add_invalid_parameter(cfg *c, const char *param);
+ZRCONFIG_API bool cfg_message_add_invalid_json(cfg *c, const char *param, const char *value,
+                                               const char *error, int line, int column,
+                                               int position);
+ZRCONFIG_API bool cfg_message_add_invalid_cert(cfg *c);
+ZRCONFIG_API bool cfg_message_add_invalid_query(cfg *c);
+ZRCONFIG_API bool cfg_message_add_unknown_data_of_type(cfg *c, const char *type,
+                                                       const char *item);
+ZRCONFIG_API bool cfg_message_add_invalid_ip(cfg *c, const char *address, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_invalid_parameter_value(cfg *c, const char *param,
+                                                          const char *value);
+ZRCONFIG_API bool cfg_message_add_bad_tag_name(cfg *c, const char *tag_name);
+ZRCONFIG_API bool cfg_message_add_bad_key(cfg *c);
+ZRCONFIG_API bool cfg_message_add_csr_generate_failed(cfg *c);
+ZRCONFIG_API bool cfg_message_add_invalid_mac(cfg *c, const char *mac, const char *uuid);
+ZRCONFIG_API bool cfg_message_add_dhcp_limit(cfg *c);
+ZRCONFIG_API bool cfg_message_add_invalid_role(cfg *c, const char *rolename,
+                                               const char *mode);
+ZRCONFIG_API bool cfg_message_add_int_outside_range(cfg *c, int min, int max,
+                                                    const char *uuid);
+ZRCONFIG_API bool cfg_message_add_field_updated(cfg *c, const char *fieldname,
+                                                const char *value);
+ZRCONFIG_API bool cfg_message_add_cfg_push_unsupported_operation(cfg *c);
+ZRCONFIG_API bool cfg_message_add_cfg_push_ug_reserved_value(cfg *c, const char *value);
+ZRCONFIG_API bool cfg_message_add_cfg_push_dataset_updated(cfg *c, const char *dataset);
+ZRCONFIG_API bool cfg_message_add_cfg_push_no_changes_required(cfg *c);
+ZRCONFIG_API bool cfg_message_add_cfg_push_request_failed(cfg *c, const char *message);
+ZRCONFIG_API bool cfg_message_add_cfg_push_communication_failure(cfg *c);
+ZRCONFIG_API bool cfg_message_add_cfg_push_node_offline(cfg *c);
+ZRCONFIG_API bool cfg_message_add_cfg_push_bad_remote_data(cfg *c);
+ZRCONFIG_API bool cfg_message_add_invalid_file_format(cfg *c);
+ZRCONFIG_API bool cfg_message_add_cfg_push_script_exec_success(cfg *c);
+ZRCONFIG_API bool cfg_message_add_cfg_push_script_exec_failure(cfg *c, int code);
+ZRCONFIG_API bool cfg_message_add_cfg_push_script_exec_timeout(cfg *c);
+ZRCONFIG_API bool cfg_message_add_hashed_password_found(cfg *c);
+ZRCONFIG_API bool cfg_message_add_hashed_password_not_found(cfg *c);
+
+/* ------------------------------------------------------------------------
+ * Message JSON
+ * ---------------------------------------------------------------------- */
+
+ZRCONFIG_API json_t *cfg_message_arg_to_json(cfg_message_arg *arg);
+ZRCONFIG_API json_t *cfg_message_to_json(cfg_message *msg);
+/* A new array of the stack's messages, oldest first. */
+ZRCONFIG_API json_t *cfg_message_stack_to_json(cfg *context);
+ZRCONFIG_API cfg_message_arg *json_to_config_message_arg(json_t *json);
+ZRCONFIG_API cfg_message *json_to_config_message(json_t *json);
+/* Decodes every message of array onto the stack; the number appended. */
+ZRCONFIG_API int append_json_config_messages_to_context(cfg *context, json_t *array);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZRCONFIG_H */

@@ -1,0 +1,56 @@
+// Private helpers shared by the library's sources: logging, always-on
+// assertions, and owning handles for Jansson values and malloc'd text.
+#ifndef ZRCONFIG_INTERNAL_H
+#define ZRCONFIG_INTERNAL_H
+
+#include "zrconfig.h"
+#include "zrutil.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <syslog.h>
+
+// Each source defines ZR_SOURCE ("src/data", ...) before including this file.
+#define ZR_LOG(priority, ...) \
+    zrlog_log_prio_codepos(ZR_SOURCE, __func__, __LINE__, (priority), __VA_ARGS__)
+
+namespace zr {
+
+[[noreturn]] inline void assertion_failed(const char *source, const char *func,
+                                          const char *text)
+{
+    fprintf(stderr, "%s: %s: Assertion `%s' failed.\n", source, func, text);
+    fflush(stderr);
+    abort();
+}
+
+} // namespace zr
+
+// Always on, whatever NDEBUG says; the message quotes the expression.
+#define ZR_ASSERT(expr) \
+    ((expr) ? (void)0 : zr::assertion_failed(ZR_SOURCE, __func__, #expr))
+
+namespace zr {
+
+struct json_decref_deleter {
+    void operator()(json_t *value) const { json_decref(value); }
+};
+// Owns one reference to a Jansson value.
+using json_ptr = std::unique_ptr<json_t, json_decref_deleter>;
+
+struct free_deleter {
+    void operator()(void *p) const { free(p); }
+};
+// Owns text (or any block) that came from malloc or strdup.
+using cstr_ptr = std::unique_ptr<char, free_deleter>;
+
+// Allocates one zero-filled T with calloc, as the C side expects.
+template <typename T> T *zalloc()
+{
+    return static_cast<T *>(calloc(1, sizeof(T)));
+}
+
+} // namespace zr
+
+#endif // ZRCONFIG_INTERNAL_H

@@ -1,0 +1,473 @@
+// The message catalogue, the adders and template filling.
+#include "context.h"
+#include "log_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <sstream>
+#include <string>
+
+using zrtest::context_handle;
+using zrtest::log_capture;
+
+namespace {
+
+struct catalogue_case {
+    int code;
+    int type;
+    int level;
+    const char *arg_names; // space-separated, in the row's order
+    const char *arg_values;
+    const char *filled;
+    bool (*add)(cfg *);
+};
+
+// Every row through its adder, with sample arguments: ints from 40 on, 1.5
+// for the float rows, "<name>-<position>" for strings.
+const catalogue_case catalogue_cases[] = {
+    {0, 3, 1, "file line", "file-0 41", "Unexpected internal error (File file-0, Line 41)",
+     [](cfg *c) { return cfg_message_add_unexpected(c, "file-0", 41); }},
+    {1, 3, 1, "", "", "Locking failed with unknown error",
+     [](cfg *c) { return cfg_message_add_unknown_lock(c); }},
+    {2, 3, 1, "", "", "File I/O error",
+     [](cfg *c) { return cfg_message_add_file_io(c); }},
+    {3, 4, 1, "", "", "Pull failed with unknown error",
+     [](cfg *c) { return cfg_message_add_unknown_pull(c); }},
+    {4, 4, 1, "", "", "Protocol error talking to remote host",
+     [](cfg *c) { return cfg_message_add_protocol(c); }},
+    {5, 2, 1, "max uuid", "40 uuid-1", "Number exceeds the maximum allowed value of 40",
+     [](cfg *c) { return cfg_message_add_int_above_max(c, 40, "uuid-1"); }},
+    {6, 2, 1, "min uuid", "40 uuid-1", "Number is below the minimum allowed value of 40",
+     [](cfg *c) { return cfg_message_add_int_below_min(c, 40, "uuid-1"); }},
+    {7, 2, 1, "uuid", "uuid-0", "Number is not in the list of allowed values",
+     [](cfg *c) { return cfg_message_add_int_invalid_value(c, "uuid-0"); }},
+    {8, 2, 1, "max uuid", "1.500000 uuid-1", "Number exceeds the maximum allowed value of 1.500000",
+     [](cfg *c) { return cfg_message_add_float_above_max(c, 1.5, "uuid-1"); }},
+    {9, 2, 1, "min uuid", "1.500000 uuid-1", "Number is below the minimum allowed value of 1.500000",
+     [](cfg *c) { return cfg_message_add_float_below_min(c, 1.5, "uuid-1"); }},
+    {10, 2, 1, "uuid", "uuid-0", "Number is not in the list of allowed values",
+     [](cfg *c) { return cfg_message_add_float_invalid_value(c, "uuid-0"); }},
+    {11, 2, 1, "max uuid", "40 uuid-1", "Element exceeds the maximum allowed length of 40 characters",
+     [](cfg *c) { return cfg_message_add_string_above_max(c, 40, "uuid-1"); }},
+    {12, 2, 1, "min uuid", "40 uuid-1", "Element is below the minimum allowed length of 40 character(s)",
+     [](cfg *c) { return cfg_message_add_string_below_min(c, 40, "uuid-1"); }},
+    {13, 2, 1, "uuid value", "uuid-0 value-1", "'value-1' is not in the list of allowed values",
+     [](cfg *c) { return cfg_message_add_string_invalid_value(c, "uuid-0", "value-1"); }},
+    {14, 2, 1, "uuid", "uuid-0", "String did not conform to the expected format.",
+     [](cfg *c) { return cfg_message_add_string_format(c, "uuid-0"); }},
+    {15, 2, 1, "max uuid", "40 uuid-1", "Element exceeds the maximum allowed size of 40 characters",
+     [](cfg *c) { return cfg_message_add_blob_above_max(c, 40, "uuid-1"); }},
+    {16, 2, 1, "min uuid", "40 uuid-1", "Element is below the minimum allowed size of 40 characters",
+     [](cfg *c) { return cfg_message_add_blob_below_min(c, 40, "uuid-1"); }},
+    {17, 2, 1, "max uuid", "40 uuid-1", "List has more than the maximum allowable size of 40 items",
+     [](cfg *c) { return cfg_message_add_list_above_max(c, 40, "uuid-1"); }},
+    {18, 2, 1, "min uuid", "40 uuid-1", "List has fewer than the minimum allowable size of 40 items",
+     [](cfg *c) { return cfg_message_add_list_below_min(c, 40, "uuid-1"); }},
+    {19, 2, 1, "uuid", "uuid-0", "List element is of the wrong type",
+     [](cfg *c) { return cfg_message_add_list_wrong_type(c, "uuid-0"); }},
+    {20, 2, 1, "name uuid", "name-0 uuid-1", "Required field 'name-0' is not present",
+     [](cfg *c) { return cfg_message_add_missing_required(c, "name-0", "uuid-1"); }},
+    {21, 2, 1, "uuid", "uuid-0", "Invalid reference",
+     [](cfg *c) { return cfg_message_add_invalid_reference(c, "uuid-0"); }},
+    {22, 2, 1, "uuid", "uuid-0", "Element [uuid-0] is of the wrong type",
+     [](cfg *c) { return cfg_message_add_wrong_type(c, "uuid-0"); }},
+    {23, 2, 1, "uuid name", "uuid-0 name-1", "Element [uuid-0] with name 'name-1' does not match any schema element",
+     [](cfg *c) { return cfg_message_add_no_match(c, "uuid-0", "name-1"); }},
+    {24, 2, 1, "uuid", "uuid-0", "Plaintext and hashed passwords do not match",
+     [](cfg *c) { return cfg_message_add_password_mismatch(c, "uuid-0"); }},
+    {25, 2, 1, "address uuid", "address-0 uuid-1", "'address-0' is not a valid network address",
+     [](cfg *c) { return cfg_message_add_invalid_networkaddress(c, "address-0", "uuid-1"); }},
+    {26, 2, 1, "field value uuid", "field-0 value-1 uuid-2", "Duplicate 'field-0' fields with value 'value-1'",
+     [](cfg *c) { return cfg_message_add_duplicate(c, "field-0", "value-1", "uuid-2"); }},
+    {27, 2, 1, "common_name uuid", "common_name-0 uuid-1", "'common_name-0' is not a valid common name",
+     [](cfg *c) { return cfg_message_add_common_name_error(c, "common_name-0", "uuid-1"); }},
+    {28, 5, 1, "path", "path-0", "Could not find element with path 'path-0'",
+     [](cfg *c) { return cfg_message_add_path_not_found(c, "path-0"); }},
+    {29, 5, 1, "uuid", "uuid-0", "Could not find element with UUID 'uuid-0'",
+     [](cfg *c) { return cfg_message_add_uuid_not_found(c, "uuid-0"); }},
+    {30, 5, 1, "", "", "Database error",
+     [](cfg *c) { return cfg_message_add_database(c); }},
+    {31, 5, 1, "", "", "Schema error",
+     [](cfg *c) { return cfg_message_add_schema(c); }},
+    {32, 1, 1, "", "", "Update conflicts with newer data on server",
+     [](cfg *c) { return cfg_message_add_conflict(c); }},
+    {33, 1, 1, "", "", "Push command failed",
+     [](cfg *c) { return cfg_message_add_push_failed(c); }},
+    {34, 1, 1, "", "", "Get schema command failed",
+     [](cfg *c) { return cfg_message_add_get_schema_failed(c); }},
+    {35, 1, 1, "", "", "Get data by path command failed",
+     [](cfg *c) { return cfg_message_add_get_data_by_path_failed(c); }},
+    {36, 1, 1, "", "", "Get data by id command failed",
+     [](cfg *c) { return cfg_message_add_get_data_by_id_failed(c); }},
+    {37, 1, 1, "", "", "Lock command failed",
+     [](cfg *c) { return cfg_message_add_lock_failed(c); }},
+    {38, 1, 1, "", "", "Subscribe command failed",
+     [](cfg *c) { return cfg_message_add_subscribe_failed(c); }},
+    {39, 4, 1, "", "", "Invalid request body",
+     [](cfg *c) { return cfg_message_add_invalid_request(c); }},
+    {40, 4, 1, "param", "param-0", "Required field 'param-0' was not provided in the request",
+     [](cfg *c) { return cfg_message_add_incomplete_data(c, "param-0"); }},
+    {41, 7, 1, "", "", "Invalid login credentials",
+     [](cfg *c) { return cfg_message_add_invalid_credentials(c); }},
+    {42, 7, 1, "", "", "Invalid session ID",
+     [](cfg *c) { return cfg_message_add_invalid_session(c); }},
+    {43, 5, 1, "", "", "Request tried to change read-only data",
+     [](cfg *c) { return cfg_message_add_changed_ro(c); }},
+    {44, 3, 1, "", "", "Error talking to job queue",
+     [](cfg *c) { return cfg_message_add_worker(c); }},
+    {45, 5, 1, "", "", "Registration package is not currently available for this node",
+     [](cfg *c) { return cfg_message_add_reg_not_ready(c); }},
+    {46, 7, 1, "", "", "Permission denied",
+     [](cfg *c) { return cfg_message_add_permission_denied(c); }},
+    {47, 1, 1, "action", "action-0", "Specified action 'action-0' does not exist",
+     [](cfg *c) { return cfg_message_add_invalid_action(c, "action-0"); }},
+    {48, 4, 1, "param", "param-0", "Invalid parameter 'param-0' was provided",
+     [](cfg *c) { return cfg_message_add_invalid_parameter(c, "param-0"); }},
+    {49, 2, 1, "param value error line column position", "param-0 value-1 error-2 43 44 45", "Invalid json 'value-1' for parameter 'param-0'",
+     [](cfg *c) { return cfg_message_add_invalid_json(c, "param-0", "value-1", "error-2", 43, 44, 45); }},
+    {50, 5, 1, "", "", "Certificate / Key combination failed validation",
+     [](cfg *c) { return cfg_message_add_invalid_cert(c); }},
+    {51, 5, 1, "", "", "Query string is not a valid condition tree",
+     [](cfg *c) { return cfg_message_add_invalid_query(c); }},
+    {52, 5, 1, "type item", "type-0 item-1", "Unknown type-0: item-1",
+     [](cfg *c) { return cfg_message_add_unknown_data_of_type(c, "type-0", "item-1"); }},
+    {53, 2, 1, "address uuid", "address-0 uuid-1", "'address-0' is not a valid network address",
+     [](cfg *c) { return cfg_message_add_invalid_ip(c, "address-0", "uuid-1"); }},
+    {54, 4, 1, "param value", "param-0 value-1", "Invalid parameter value was provided, parameter: 'param-0', value: 'value-1'",
+     [](cfg *c) { return cfg_message_add_invalid_parameter_value(c, "param-0", "value-1"); }},
+    {55, 2, 1, "tag_name", "tag_name-0", "Can not use a tag with name 'tag_name-0' in this context",
+     [](cfg *c) { return cfg_message_add_bad_tag_name(c, "tag_name-0"); }},
+    {56, 2, 1, "", "", "Provided SSL key was not in a supported format.",
+     [](cfg *c) { return cfg_message_add_bad_key(c); }},
+    {57, 2, 1, "", "", "Could not generate a valid certificate signing request with the provided data.",
+     [](cfg *c) { return cfg_message_add_csr_generate_failed(c); }},
+    {58, 2, 1, "mac uuid", "mac-0 uuid-1", "'mac-0' is not a valid MAC address",
+     [](cfg *c) { return cfg_message_add_invalid_mac(c, "mac-0", "uuid-1"); }},
+    {59, 2, 1, "", "", "Cannot have more than one DHCP connection per physical interface.",
+     [](cfg *c) { return cfg_message_add_dhcp_limit(c); }},
+    {60, 2, 1, "rolename mode", "rolename-0 mode-1", "'rolename-0' is not a valid role for this group mode (mode-1).",
+     [](cfg *c) { return cfg_message_add_invalid_role(c, "rolename-0", "mode-1"); }},
+    {61, 2, 1, "min max uuid", "40 41 uuid-2", "Number is outside the allowed range of 40-41.",
+     [](cfg *c) { return cfg_message_add_int_outside_range(c, 40, 41, "uuid-2"); }},
+    {64, 4, 3, "fieldname value", "fieldname-0 value-1", "Field 'fieldname-0' was updated to 'value-1'.",
+     [](cfg *c) { return cfg_message_add_field_updated(c, "fieldname-0", "value-1"); }},
+    {65, 5, 1, "", "", "Requested operation is not supported.",
+     [](cfg *c) { return cfg_message_add_cfg_push_unsupported_operation(c); }},
+    {66, 5, 1, "value", "value-0", "Template uses reserved value: value-0.",
+     [](cfg *c) { return cfg_message_add_cfg_push_ug_reserved_value(c, "value-0"); }},
+    {67, 5, 3, "dataset", "dataset-0", "Data updated: dataset-0.",
+     [](cfg *c) { return cfg_message_add_cfg_push_dataset_updated(c, "dataset-0"); }},
+    {68, 5, 3, "", "", "Template application required no changes.",
+     [](cfg *c) { return cfg_message_add_cfg_push_no_changes_required(c); }},
+    {69, 4, 2, "message", "message-0", "Request to node failed with: message-0.",
+     [](cfg *c) { return cfg_message_add_cfg_push_request_failed(c, "message-0"); }},
+    {70, 4, 1, "", "", "Error communicating with node.",
+     [](cfg *c) { return cfg_message_add_cfg_push_communication_failure(c); }},
+    {71, 4, 1, "", "", "Node currently offline.",
+     [](cfg *c) { return cfg_message_add_cfg_push_node_offline(c); }},
+    {72, 5, 2, "", "", "Remote data may be in a bad state",
+     [](cfg *c) { return cfg_message_add_cfg_push_bad_remote_data(c); }},
+    {73, 2, 1, "", "", "Invalid file format.",
+     [](cfg *c) { return cfg_message_add_invalid_file_format(c); }},
+    {74, 4, 3, "", "", "Script executed successfully",
+     [](cfg *c) { return cfg_message_add_cfg_push_script_exec_success(c); }},
+    {75, 4, 1, "code", "40", "Script executed with exit code 40",
+     [](cfg *c) { return cfg_message_add_cfg_push_script_exec_failure(c, 40); }},
+    {76, 4, 1, "", "", "Script timed out",
+     [](cfg *c) { return cfg_message_add_cfg_push_script_exec_timeout(c); }},
+    {77, 2, 1, "", "", "If no_password is set to true, the hashed_password must be deleted.",
+     [](cfg *c) { return cfg_message_add_hashed_password_found(c); }},
+    {78, 2, 1, "", "", "If no_password is set to false, the hashed_password must be set.",
+     [](cfg *c) { return cfg_message_add_hashed_password_not_found(c); }},};
+
+std::string joined_names(cfg_message *msg)
+{
+    std::string out;
+    cfg_message_def *def = cfg_get_message_def(msg->code);
+    for (int i = 0; i < cfg_get_message_arg_count(msg); i++)
+        out += (i ? " " : "") + std::string(def->arg_names[i]);
+    return out;
+}
+
+std::string joined_values(cfg_message *msg)
+{
+    std::string out;
+    for (int i = 0; i < cfg_get_message_arg_count(msg); i++)
+        out += (i ? " " : "") + std::string(cfg_get_message_arg_value(msg, i));
+    return out;
+}
+
+// A message of code whose arguments are the given texts, for template tests.
+cfg_message *message_with(int code, std::initializer_list<const char *> values)
+{
+    std::vector<char *> owned;
+    for (const char *v : values)
+        owned.push_back(v ? strdup(v) : nullptr);
+    return cfg_new_message(code, static_cast<int>(owned.size()), owned.data());
+}
+
+} // namespace
+
+TEST(Catalogue, EveryRowThroughItsAdder)
+{
+    log_capture logs;
+    for (const catalogue_case &row : catalogue_cases) {
+        SCOPED_TRACE(row.code);
+        context_handle ctx;
+        ASSERT_TRUE(row.add(ctx.get()));
+        ASSERT_EQ(cfg_message_count(ctx.get()), 1);
+        cfg_message *msg = cfg_get_message_object(ctx.get(), 0);
+        EXPECT_EQ(cfg_get_message_code(msg), row.code);
+        EXPECT_EQ(cfg_get_message_type(msg), row.type);
+        EXPECT_EQ(cfg_get_message_level(msg), row.level);
+        EXPECT_EQ(joined_names(msg), row.arg_names);
+        EXPECT_EQ(joined_values(msg), row.arg_values);
+        EXPECT_STREQ(cfg_get_message_string(msg), row.filled);
+        cfg_message_def *def = cfg_get_message_def(row.code);
+        EXPECT_EQ(def->code, row.code);
+    }
+    EXPECT_TRUE(logs.lines.empty());
+}
+
+TEST(Catalogue, UnassignedCodesHaveNoRow)
+{
+    log_capture logs;
+    for (int code : {62, 63, 79, -1}) {
+        EXPECT_EQ(cfg_get_message_def(code), nullptr);
+        EXPECT_EQ(v_cfg_new_message(code, 0), nullptr);
+        EXPECT_TRUE(logs.has("unknown message code: " + std::to_string(code)));
+    }
+    EXPECT_EQ(logs.lines[0].priority, 4);
+    EXPECT_EQ(logs.lines[0].file, "src/message");
+}
+
+TEST(Adders, NullStringsAndNumberConversions)
+{
+    context_handle ctx;
+    cfg_message_add_int_above_max(ctx.get(), 10, nullptr);
+    cfg_message_add_float_below_min(ctx.get(), 0.5, "u");
+    cfg_message_add_bad_tag_name(ctx.get(), nullptr);
+    cfg_message_add_invalid_json(ctx.get(), "p", nullptr, "e", -3, 0, 7);
+
+    cfg_message *above = cfg_get_message_object(ctx.get(), 0);
+    EXPECT_STREQ(cfg_get_message_arg_value(above, 0), "10");
+    EXPECT_STREQ(cfg_get_message_arg_value(above, 1), "param uuid was NULL");
+    EXPECT_STREQ(cfg_get_message_string(above),
+                 "Number exceeds the maximum allowed value of 10");
+    EXPECT_STREQ(cfg_get_message_arg_value(cfg_get_message_object(ctx.get(), 1), 0), "0.500000");
+    EXPECT_STREQ(cfg_get_message_string(cfg_get_message_object(ctx.get(), 2)),
+                 "Can not use a tag with name 'param tag_name was NULL' in this context");
+    cfg_message *json = cfg_get_message_object(ctx.get(), 3);
+    EXPECT_EQ(joined_values(json), "p param value was NULL e -3 0 7");
+}
+
+TEST(Adders, NullContextLogsAndLeaksNothing)
+{
+    log_capture logs;
+    EXPECT_FALSE(cfg_message_add_path_not_found(nullptr, "a.b"));
+    ASSERT_EQ(logs.lines.size(), 1u);
+    EXPECT_EQ(logs.lines[0].message, "adding message to null config context");
+    EXPECT_EQ(logs.lines[0].priority, 4);
+}
+
+TEST(Stack, AddAndReadBack)
+{
+    context_handle ctx;
+    log_capture logs;
+    EXPECT_FALSE(cfg_add_message(ctx.get(), nullptr));
+    EXPECT_TRUE(logs.lines.empty());
+    EXPECT_FALSE(cfg_has_messages(ctx.get()));
+    EXPECT_EQ(cfg_get_first_message_string(ctx.get()), nullptr);
+
+    cfg_message_add_database(ctx.get());
+    cfg_message_add_uuid_not_found(ctx.get(), "abc");
+    EXPECT_TRUE(cfg_has_messages(ctx.get()));
+    EXPECT_STREQ(cfg_get_first_message_string(ctx.get()), "Database error");
+    EXPECT_EQ(cfg_get_message_object(ctx.get(), 2), nullptr);
+    EXPECT_EQ(cfg_get_message_object(ctx.get(), -1), nullptr);
+
+    EXPECT_TRUE(cfg_free_message_stack(ctx.get()));
+    EXPECT_EQ(ctx.get()->messages, nullptr);
+    EXPECT_EQ(cfg_message_count(ctx.get()), 0);
+    EXPECT_FALSE(cfg_free_message_stack(nullptr));
+    EXPECT_EQ(cfg_message_count(nullptr), 0);
+}
+
+TEST(Stack, NullMessageAccessors)
+{
+    cfg_message *none = nullptr;
+    EXPECT_EQ(cfg_get_message_code(none), 0);
+    EXPECT_EQ(cfg_get_message_type(none), 0);
+    EXPECT_EQ(cfg_get_message_level(none), 0);
+    EXPECT_EQ(cfg_get_message_arg_count(none), 0);
+    EXPECT_EQ(cfg_get_message_string(none), nullptr);
+    EXPECT_FALSE(cfg_free_message(&none));
+    EXPECT_FALSE(cfg_free_message(nullptr));
+    cfg_message_arg *arg = nullptr;
+    EXPECT_FALSE(cfg_free_message_arg(&arg));
+}
+
+TEST(NewMessage, MissingValueOrNameFailsWhole)
+{
+    log_capture logs;
+    EXPECT_EQ(message_with(29, {nullptr}), nullptr);
+    EXPECT_TRUE(logs.has("adding config message: key, value, or hasharg null"));
+    // Row 29 names one argument; a second value has no name.
+    EXPECT_EQ(message_with(29, {"a", "b"}), nullptr);
+    EXPECT_EQ(logs.lines.back().priority, 3);
+    cfg_message *msg = v_cfg_new_message(28, 1, strdup("x.y"));
+    ASSERT_NE(msg, nullptr);
+    EXPECT_STREQ(cfg_get_message_string(msg), "Could not find element with path 'x.y'");
+    cfg_free_message(&msg);
+    EXPECT_EQ(msg, nullptr);
+}
+
+TEST(NewMessage, ArgumentNamesPastTheRowAreNull)
+{
+    cfg_message *msg = message_with(29, {"abc"});
+    EXPECT_STREQ(cfg_get_message_arg_name(msg, 0), "uuid");
+    EXPECT_EQ(cfg_get_message_arg_name(msg, 1), nullptr);
+    EXPECT_EQ(cfg_get_message_arg_value(msg, 1), nullptr);
+    cfg_free_message(&msg);
+}
+
+namespace {
+
+// Fills text as the template of a row with one argument named "uuid".
+struct fill_case {
+    const char *text;
+    const char *expected; // nullptr: no string at all
+};
+
+std::string fill(const char *text, const char *uuid_value)
+{
+    cfg_message_def *def = cfg_get_message_def(29);
+    const char *saved = def->text;
+    def->text = text;
+    cfg_message *msg = message_with(29, {uuid_value});
+    const char *out = cfg_get_message_string(msg);
+    std::string result = out ? out : "<null>";
+    cfg_free_message(&msg);
+    def->text = saved;
+    return result;
+}
+
+} // namespace
+
+TEST(Template, BracesAndPlaceholders)
+{
+    log_capture logs;
+    const fill_case cases[] = {
+        {"a{b", "a{b"},
+        {"{{{uuid}}", "{V"},
+        {"x{{{{uuid}}y", "x{{Vy"},
+        {"end{", "end"},
+        {"end{{", "end"},
+        {"[{{uuid}}]", "[V]"},
+        {"{{uuid}}{{uuid}}", "VV"},
+        {"a{{missing}}b", "ab"},
+        {"a{{uuid}b", nullptr},
+        {"a{{uuid", nullptr},
+        {"}}{{uuid}}}", "}}V}"},
+        {"", ""},
+    };
+    for (const fill_case &c : cases)
+        EXPECT_EQ(fill(c.text, "V"), c.expected ? c.expected : "<null>") << c.text;
+    EXPECT_TRUE(logs.has("can't find argument 'missing' for message '29'"));
+    EXPECT_TRUE(logs.has("problem parsing message string 29"));
+}
+
+TEST(Template, LengthLimits)
+{
+    log_capture logs;
+    std::string fits(999, 'v');
+    EXPECT_EQ(fill("{{uuid}}", fits.c_str()), fits);
+    std::string too_long(1000, 'v');
+    EXPECT_EQ(fill("ab{{uuid}}cd", too_long.c_str()), "abcd");
+    EXPECT_TRUE(logs.has("argument 'uuid' too long for message '29'"));
+    // 998 written, then a two-character value would reach 1000: left out whole.
+    std::string prefix(998, 'p');
+    EXPECT_EQ(fill((prefix + "{{uuid}}z").c_str(), "ab"), prefix + "z");
+    EXPECT_EQ(fill((prefix + "{{uuid}}z").c_str(), "a"), prefix + "az");
+    // Literal text is cut at 1000 characters.
+    std::string literal(1500, 'L');
+    EXPECT_EQ(fill(literal.c_str(), "V").size(), 1000u);
+    // A lone brace at position 999 writes the brace but not the character.
+    EXPECT_EQ(fill((std::string(999, 'q') + "{x").c_str(), "V"), std::string(999, 'q') + "{");
+}
+
+TEST(Template, FilledOnceThenCached)
+{
+    cfg_message *msg = message_with(29, {"first"});
+    char *once = cfg_get_message_string(msg);
+    free(msg->args->value);
+    msg->args->value = strdup("second");
+    EXPECT_EQ(cfg_get_message_string(msg), once);
+    EXPECT_STREQ(once, "Could not find element with UUID 'first'");
+    cfg_free_message(&msg);
+}
+
+TEST(Template, FirstMessageStringFallsBack)
+{
+    context_handle ctx;
+    log_capture logs;
+    cfg_message_def *def = cfg_get_message_def(30);
+    const char *saved = def->text;
+    def->text = "broken {{x";
+    cfg_message_add_database(ctx.get());
+    EXPECT_STREQ(cfg_get_first_message_string(ctx.get()), "NO ERROR STRING FOUND: FIXME");
+    EXPECT_EQ(ctx.get()->messages[0]->cached_message, nullptr);
+    def->text = saved;
+}
+
+TEST(Dump, ExactFormat)
+{
+    context_handle ctx;
+    cfg_message_add_duplicate(ctx.get(), "name", "eth0", "u1");
+    cfg_message_add_database(ctx.get());
+    cfg_get_message_string(ctx.get()->messages[1]);
+    cfg *c = ctx.get();
+
+    testing::internal::CaptureStderr();
+    dump_message_stack(c);
+    std::string out = testing::internal::GetCapturedStderr();
+
+    auto p = [](const void *ptr) {
+        char buf[32];
+        snprintf(buf, sizeof buf, "%p", ptr);
+        return std::string(buf);
+    };
+    std::string rule = "\n" + std::string(34, '~') + "\n\n";
+    std::ostringstream want;
+    want << rule << "dumping message stack:\n"
+         << "    cfg=" << p(c) << "\n"
+         << "    cfg->messages=" << p(c->messages) << "\n"
+         << "    cfg->messages_count=2\n"
+         << "      messages[0] = " << p(c->messages[0]) << "\n"
+         << "      messages[0]->code = 26\n"
+         << "      messages[0]->cached_message* = " << p(nullptr) << "\n"
+         << "        messages[0]->args[0].key = field\n"
+         << "        messages[0]->args[0].value = name\n"
+         << "        messages[0]->args[1].key = value\n"
+         << "        messages[0]->args[1].value = eth0\n"
+         << "        messages[0]->args[2].key = uuid\n"
+         << "        messages[0]->args[2].value = u1\n"
+         << "      messages[1] = " << p(c->messages[1]) << "\n"
+         << "      messages[1]->code = 30\n"
+         << "      messages[1]->cached_message* = " << p(c->messages[1]->cached_message) << "\n"
+         << "      messages[1]->cached_message = Database error\n"
+         << rule;
+    EXPECT_EQ(out, want.str());
+    EXPECT_EQ(c->messages[0]->cached_message, nullptr); // the dump never fills
+}
+
+TEST(Numbers, ItoaFtoa)
+{
+    char *i = zrmsg_itoa(-2147483647 - 1);
+    char *f = zrmsg_ftoa(1.5);
+    EXPECT_STREQ(i, "-2147483648");
+    EXPECT_STREQ(f, "1.500000");
+    free(i);
+    free(f);
+}

@@ -1,0 +1,61 @@
+// The utility stand-in: log sinks, the level override and mkpath.
+#include "log_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+TEST(Log, HandlerSeesEveryPriorityAndFormatsArguments)
+{
+    zrlog_init_raw("t", 0, 1, 0);
+    zrtest::log_capture logs;
+    zrlog_log_prio_codepos("src/x", "fn", 12, 7, "value %d of %s", 3, "x");
+    ASSERT_EQ(logs.lines.size(), 1u);
+    EXPECT_EQ(logs.lines[0].priority, 7);
+    EXPECT_EQ(logs.lines[0].file, "src/x");
+    EXPECT_EQ(logs.lines[0].func, "fn");
+    EXPECT_EQ(logs.lines[0].message, "value 3 of x");
+}
+
+TEST(Log, StandardErrorLineAndPriorityLimit)
+{
+    zrlog_init_raw("ident", 0, 1, 4);
+    testing::internal::CaptureStderr();
+    zrlog_log_prio_codepos("src/a", "f", 7, 4, "shown");
+    zrlog_log_prio_codepos("src/a", "f", 8, 6, "dropped");
+    zrlog_log_prio_codepos("src/a", "f", 9, 3, "has newline\n");
+    std::string out = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(out, "ident: src/a:f:7: shown\nident: src/a:f:9: has newline\n");
+}
+
+TEST(Log, EnvironmentOverridesTheLimit)
+{
+    setenv("ZRLOG_LEVEL", "7", 1);
+    zrlog_init_raw("ident", 0, 1, 3);
+    unsetenv("ZRLOG_LEVEL");
+    testing::internal::CaptureStderr();
+    zrlog_log_prio_codepos("src/a", "f", 1, 7, "debug line");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ident: src/a:f:1: debug line\n");
+    zrlog_init_raw("ident", 0, 1, 6);
+}
+
+TEST(Mkpath, CreatesEveryMissingDirectory)
+{
+    char base[] = "/tmp/zrutil-XXXXXX";
+    ASSERT_NE(mkdtemp(base), nullptr);
+    std::string deep = std::string(base) + "/a/b/c";
+    EXPECT_EQ(mkpath(deep.c_str(), 0750), 0);
+    struct stat st;
+    ASSERT_EQ(stat(deep.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(mkpath(deep.c_str(), 0750), 0); // already there
+    std::string file = std::string(base) + "/file";
+    FILE *f = fopen(file.c_str(), "w");
+    fclose(f);
+    EXPECT_NE(mkpath((file + "/sub").c_str(), 0750), 0);
+    std::string cmd = "rm -rf " + std::string(base);
+    EXPECT_EQ(system(cmd.c_str()), 0);
+}

@@ -1,0 +1,127 @@
+// Utility stand-in: logging to syslog, standard error or a handler, and mkpath.
+#include "zrutil.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <syslog.h>
+
+namespace {
+
+struct log_state {
+    std::string ident = "zrutil";
+    bool use_syslog = false;
+    bool use_stderr = true;
+    int max_priority = LOG_INFO;
+    zrlog_handler handler = nullptr;
+    void *user = nullptr;
+};
+
+log_state &state()
+{
+    static log_state s;
+    return s;
+}
+
+// ZRLOG_LEVEL, when it holds a number from 0 to 7, wins over the caller's limit.
+int effective_max_priority(int requested)
+{
+    const char *env = getenv("ZRLOG_LEVEL");
+    if (env == nullptr || env[0] < '0' || env[0] > '7' || env[1] != '\0')
+        return requested;
+    return env[0] - '0';
+}
+
+std::string format_message(const char *format, va_list args)
+{
+    va_list copy;
+    va_copy(copy, args);
+    int needed = vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    if (needed < 0)
+        return std::string();
+    std::string text(static_cast<size_t>(needed) + 1, '\0');
+    vsnprintf(text.data(), text.size(), format, args);
+    text.resize(static_cast<size_t>(needed));
+    return text;
+}
+
+void write_default_sinks(const log_state &s, int priority, const char *file,
+                         const char *func, int line, const std::string &message)
+{
+    if (priority > s.max_priority)
+        return;
+    if (s.use_syslog)
+        syslog(priority, "%s:%s:%d: %s", file, func, line, message.c_str());
+    if (s.use_stderr) {
+        bool has_newline = !message.empty() && message.back() == '\n';
+        fprintf(stderr, "%s: %s:%s:%d: %s%s", s.ident.c_str(), file, func, line,
+                message.c_str(), has_newline ? "" : "\n");
+    }
+}
+
+} // namespace
+
+extern "C" void zrlog_init_raw(const char *ident, int use_syslog, int use_stderr,
+                               int max_priority)
+{
+    log_state &s = state();
+    s.ident = ident != nullptr ? ident : "";
+    s.use_syslog = use_syslog != 0;
+    s.use_stderr = use_stderr != 0;
+    s.max_priority = effective_max_priority(max_priority);
+    if (s.use_syslog)
+        openlog(s.ident.c_str(), LOG_PID, LOG_USER);
+}
+
+extern "C" void zrlog_log_prio_codepos(const char *file, const char *func, int line,
+                                       int priority, const char *format, ...)
+{
+    if (format == nullptr)
+        return;
+    va_list args;
+    va_start(args, format);
+    std::string message = format_message(format, args);
+    va_end(args);
+    const log_state &s = state();
+    const char *f = file != nullptr ? file : "";
+    const char *fn = func != nullptr ? func : "";
+    if (s.handler != nullptr)
+        s.handler(priority, f, fn, line, message.c_str(), s.user);
+    else
+        write_default_sinks(s, priority, f, fn, line, message);
+}
+
+extern "C" void zrlog_set_handler(zrlog_handler handler, void *user)
+{
+    state().handler = handler;
+    state().user = handler != nullptr ? user : nullptr;
+}
+
+extern "C" int mkpath(const char *path, mode_t mode)
+{
+    if (path == nullptr || path[0] == '\0')
+        return -1;
+    std::string partial;
+    std::string whole(path);
+    for (size_t pos = 0; pos != std::string::npos;) {
+        size_t slash = whole.find('/', pos + 1);
+        partial = whole.substr(0, slash);
+        pos = slash;
+        if (partial.empty() || partial == "/")
+            continue;
+        struct stat st;
+        if (stat(partial.c_str(), &st) == 0) {
+            if (!S_ISDIR(st.st_mode))
+                return -1;
+            continue;
+        }
+        if (mkdir(partial.c_str(), mode) != 0 && errno != EEXIST)
+            return -1;
+    }
+    return 0;
+}
