@@ -232,3 +232,7 @@ extern "C" char *uuidcpy(char *dst, const char *src)
 {
     return strncpy(dst, src, CFG_UUID_SIZE);
 }
+
+// ------------------------------------------------------------------------
+// Framing and the request round trip
+// ------------------------------------------------------------------------
