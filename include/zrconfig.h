@@ -150,7 +150,63 @@ typedef struct cfg_message_def {
 
 /* ---- connection records ---- */
 
+/* One id the daemon reassigned on a push: the client's id and the new one.
+ * The member named "new" in C is spelled new_ in C++, where "new" is a
+ * keyword; the layout is the same in both languages. */
+typedef struct cfg_uuid_map_entry {
+    char old[255];
+#ifdef __cplusplus
+    char new_[369];
+#else
+    char new[369];
+#endif
+    UT_hash_handle hh; /* keyed by old, over its string length */
+} cfg_uuid_map_entry;
+
+/* The connection record kept in a context's client_data. */
+typedef struct cfg_client {
+    int request_id; /* requests built so far; the next carries request_id + 1 */
+    int socket;     /* connected descriptor, -1 once closed */
+    cfg_uuid_map_entry *uuid_map;
+} cfg_client;
+
 /* ---- condition records ---- */
+
+#define CFG_CONDITION_AND 1
+#define CFG_CONDITION_OR 2
+#define CFG_CONDITION_BASIC 3
+
+/* Comparison operators of a basic condition. */
+#define CFG_OPER_EQ 1
+#define CFG_OPER_NE 2
+#define CFG_OPER_LT 3
+#define CFG_OPER_LE 4
+#define CFG_OPER_GT 5
+#define CFG_OPER_GE 6
+#define CFG_OPER_LIKE_FIRST 7 /* 7 to 9 all render as LIKE; the bound */
+#define CFG_OPER_LIKE_LAST 9  /* pattern decides how they match */
+#define CFG_OPER_IS_NOT_NULL 10
+#define CFG_OPER_IS_NULL 11
+
+/* Value type of a basic condition without a value (IS NULL, IS NOT NULL);
+ * the others are CFG_TYPE_BOOL, _INT, _FLOAT, _STRING and _REFERENCE. */
+#define CFG_CONDITION_UNTYPED 10
+
+/* A search condition: an AND or OR node over its children, or a basic
+ * comparison of one field with one typed value. A node owns its children. */
+typedef struct cfg_condition {
+    int type;
+    struct cfg_condition *next;     /* next sibling under the same node */
+    struct cfg_condition *children; /* AND and OR nodes */
+    char *fieldname;                /* basic conditions, from here on */
+    int oper;
+    int datatype;
+    union {
+        int int_value;      /* boolean and integer */
+        double float_value;
+        char *string_value; /* string, and the target uuid of a reference */
+    } value;
+} cfg_condition;
 
 /* ---- validation records ---- */
 
@@ -403,6 +459,21 @@ ZRCONFIG_API int append_json_config_messages_to_context(cfg *context, json_t *ar
  * Wire framing and requests
  * ---------------------------------------------------------------------- */
 
+/* Writes value as one frame: a 4-byte big-endian length, then the JSON text.
+ * 1 when the whole frame was written. Ignores SIGPIPE for the process. */
+ZRCONFIG_API int cfg_send(int socket, json_t *value);
+/* Reads one frame and parses it; a new reference or NULL. A timeout_ms of 0
+ * or less waits without limit. */
+ZRCONFIG_API json_t *cfg_receive_timeout(int socket, int timeout_ms);
+/* cfg_receive_timeout with a 10-second time-out. */
+ZRCONFIG_API json_t *cfg_receive(int socket);
+/* A new request {"method", "id", "data"} with the connection's next id;
+ * steals data (which may be NULL). The context must be connected. */
+ZRCONFIG_API json_t *cfg_build_request(cfg *ctx, const char *method, json_t *data);
+/* Sends request (not stolen) and returns the first response that is not a
+ * keep-alive, after appending its "messages" to the stack; NULL on failure. */
+ZRCONFIG_API json_t *cfg_send_request(cfg *ctx, json_t *request);
+
 /* ------------------------------------------------------------------------
  * Sessions, data requests and synchronisation
  * ---------------------------------------------------------------------- */
@@ -426,6 +497,45 @@ ZRCONFIG_API int append_json_config_messages_to_context(cfg *context, json_t *ar
 /* ------------------------------------------------------------------------
  * Conditions
  * ---------------------------------------------------------------------- */
+
+/* Empty AND and OR nodes. */
+ZRCONFIG_API cfg_condition *cfg_new_and_condition(void);
+ZRCONFIG_API cfg_condition *cfg_new_or_condition(void);
+/* Appends child to an AND or OR node, which takes it over; otherwise does
+ * nothing. */
+ZRCONFIG_API void cfg_condition_add_child(cfg_condition *node, cfg_condition *child);
+/* Basic conditions; the texts are copied. NULL when the operator does not
+ * suit the type or a text is NULL. */
+ZRCONFIG_API cfg_condition *cfg_new_int_condition(const char *fieldname, int oper, int value);
+ZRCONFIG_API cfg_condition *cfg_new_float_condition(const char *fieldname, int oper,
+                                                    double value);
+ZRCONFIG_API cfg_condition *cfg_new_string_condition(const char *fieldname, int oper,
+                                                     const char *value);
+ZRCONFIG_API cfg_condition *cfg_new_reference_condition(const char *fieldname, int oper,
+                                                        const char *uuid);
+ZRCONFIG_API cfg_condition *cfg_new_bool_condition(const char *fieldname, int oper, int value);
+ZRCONFIG_API cfg_condition *cfg_new_untyped_condition(const char *fieldname, int oper);
+/* Frees condition and everything under it (not its siblings). */
+ZRCONFIG_API void cfg_free_conditions(cfg_condition *condition);
+
+/* The SQL WHERE text with a "?" for each value, in depth-first order; the
+ * caller frees it. NULL for an unknown type or operator. */
+ZRCONFIG_API char *condition_to_sql(cfg_condition *condition);
+ZRCONFIG_API char *multi_condition_to_sql(cfg_condition *condition);
+ZRCONFIG_API char *basic_condition_to_sql(cfg_condition *condition);
+
+/* The JSON form of a tree; a new value or NULL. */
+ZRCONFIG_API json_t *condition_to_json(cfg_condition *condition);
+ZRCONFIG_API json_t *multi_condition_to_json(cfg_condition *condition);
+ZRCONFIG_API json_t *basic_condition_to_json(cfg_condition *condition);
+/* The compact JSON text of a tree; the caller frees it. */
+ZRCONFIG_API char *condition_to_json_dump(cfg_condition *condition);
+/* A new tree from its JSON form, or NULL when any part is refused. */
+ZRCONFIG_API cfg_condition *json_to_condition(json_t *json);
+ZRCONFIG_API cfg_condition *json_to_multi_condition(json_t *json, int type);
+ZRCONFIG_API cfg_condition *json_to_basic_condition(json_t *json);
+/* Parses text (errors into error) and converts it; NULL when either fails. */
+ZRCONFIG_API cfg_condition *json_dump_to_condition(const char *text, json_error_t *error);
 
 #ifdef __cplusplus
 }

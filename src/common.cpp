@@ -236,3 +236,205 @@ extern "C" char *uuidcpy(char *dst, const char *src)
 // ------------------------------------------------------------------------
 // Framing and the request round trip
 // ------------------------------------------------------------------------
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t frame_prefix_size = 4;
+constexpr int default_receive_timeout_ms = 10000;
+
+// Writes the frame, retrying after signals. Every write starts again at the
+// beginning of the frame: a local stream socket does not split a write.
+bool write_frame(int socket, const char *frame, size_t total)
+{
+    size_t written = 0;
+    while (written < total) {
+        ssize_t n = write(socket, frame, total - written);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            fprintf(stderr, "cfg_send failed to write to socket error %s.\n", strerror(errno));
+            return false;
+        }
+        written += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Sets the receive time-out; the microseconds are the remainder divided by
+// ten, as the protocol has always done. 0 or less waits without limit.
+bool set_receive_timeout(int socket, int timeout_ms)
+{
+    struct timeval timeout = {0, 0};
+    if (timeout_ms > 0) {
+        timeout.tv_sec = timeout_ms / 1000;
+        timeout.tv_usec = (timeout_ms % 1000) / 10;
+    }
+    if (setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) {
+        fprintf(stderr, "cfg_receive sockopt failed: %s\n", strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+enum class read_status { ok, failed, closed };
+
+// Fills size bytes of buffer from the socket, retrying after signals. A read
+// that comes up short is continued at the byte offset received so far, never
+// at a scaled index that would land past the end of a 4-byte prefix.
+read_status read_exactly(int socket, char *buffer, size_t size)
+{
+    size_t received = 0;
+    while (received < size) {
+        ssize_t n = recv(socket, buffer + received, size - received, MSG_WAITALL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return read_status::failed;
+        if (n == 0)
+            return read_status::closed;
+        received += static_cast<size_t>(n);
+    }
+    return read_status::ok;
+}
+
+// Reads size bytes of one part of a frame ("len" or "data"); false after
+// printing why it failed.
+bool read_part(int socket, char *buffer, size_t size, const char *part)
+{
+    switch (read_exactly(socket, buffer, size)) {
+    case read_status::failed:
+        fprintf(stderr, "cfg_receive read %s failed: %s\n", part, strerror(errno));
+        return false;
+    case read_status::closed:
+        fprintf(stderr, "cfg_receive read %s unexpected peer close\n", part);
+        return false;
+    case read_status::ok:
+        break;
+    }
+    return true;
+}
+
+bool read_length(int socket, uint32_t *length)
+{
+    uint32_t network_order;
+    if (!read_part(socket, reinterpret_cast<char *>(&network_order), frame_prefix_size, "len"))
+        return false;
+    *length = ntohl(network_order);
+    return true;
+}
+
+// Reads a payload of length bytes into a new NUL-terminated buffer, or
+// returns null after printing why it failed.
+zr::cstr_ptr read_payload(int socket, uint32_t length)
+{
+    // A length of 0xFFFFFFFF would wrap the 32-bit buffer size to 0: refuse
+    // it as an allocation that cannot be made.
+    uint32_t buffer_size = length + 1;
+    zr::cstr_ptr buffer(buffer_size != 0 ? static_cast<char *>(calloc(buffer_size, 1))
+                                         : nullptr);
+    if (buffer == nullptr) {
+        if (buffer_size == 0)
+            errno = ENOMEM;
+        fprintf(stderr, "cfg_receive response buffer allocate failed: %s\n", strerror(errno));
+        return nullptr;
+    }
+    if (!read_part(socket, buffer.get(), length, "data"))
+        return nullptr;
+    return buffer;
+}
+
+bool is_keepalive(json_t *response)
+{
+    return json_is_true(json_object_get(response, "keepalive"));
+}
+
+} // namespace
+
+// Sends one frame; the caller keeps its reference to value.
+extern "C" int cfg_send(int socket, json_t *value)
+{
+    signal(SIGPIPE, SIG_IGN);
+    zr::cstr_ptr text(json_dumps(value, 0));
+    if (text == nullptr)
+        return 0;
+    size_t length = strlen(text.get());
+    if (length > UINT32_MAX)
+        return 0;
+    zr::cstr_ptr frame(static_cast<char *>(calloc(length + frame_prefix_size + 1, 1)));
+    if (frame == nullptr)
+        return 0;
+    uint32_t network_order = htonl(static_cast<uint32_t>(length));
+    memcpy(frame.get(), &network_order, frame_prefix_size);
+    memcpy(frame.get() + frame_prefix_size, text.get(), length);
+    return write_frame(socket, frame.get(), length + frame_prefix_size) ? 1 : 0;
+}
+
+// Receives one frame; a new reference to its JSON value, or null.
+extern "C" json_t *cfg_receive_timeout(int socket, int timeout_ms)
+{
+    if (!set_receive_timeout(socket, timeout_ms))
+        return nullptr;
+    uint32_t length = 0;
+    if (!read_length(socket, &length))
+        return nullptr;
+    if (length == 0) {
+        fprintf(stderr, "cfg_receive response len <= 0\n");
+        return nullptr;
+    }
+    zr::cstr_ptr payload = read_payload(socket, length);
+    if (payload == nullptr)
+        return nullptr;
+    json_error_t error;
+    json_t *value = json_loads(payload.get(), 0, &error);
+    if (value == nullptr)
+        ZR_LOG(LOG_ERR, "JSON Parsing error: %s, line: %u.", error.text,
+               static_cast<unsigned>(error.line));
+    return value;
+}
+
+extern "C" json_t *cfg_receive(int socket)
+{
+    return cfg_receive_timeout(socket, default_receive_timeout_ms);
+}
+
+// Builds a request envelope with the connection's next id; steals data.
+extern "C" json_t *cfg_build_request(cfg *ctx, const char *method, json_t *data)
+{
+    auto *client = static_cast<cfg_client *>(ctx->client_data);
+    json_t *request = json_object();
+    json_object_set_new(request, "method", json_string(method));
+    json_object_set_new(request, "id", json_integer(++client->request_id));
+    if (data != nullptr)
+        json_object_set_new(request, "data", data);
+    return request;
+}
+
+// Sends request and waits for the answer, skipping keep-alive frames; the
+// answer's messages go onto the context's stack.
+extern "C" json_t *cfg_send_request(cfg *ctx, json_t *request)
+{
+    auto *client = ctx != nullptr ? static_cast<cfg_client *>(ctx->client_data) : nullptr;
+    if (client == nullptr)
+        return nullptr;
+    if (!cfg_send(client->socket, request))
+        return nullptr;
+    for (;;) {
+        json_t *response = cfg_receive(client->socket);
+        if (response == nullptr)
+            return nullptr;
+        if (is_keepalive(response)) {
+            json_decref(response);
+            continue;
+        }
+        append_json_config_messages_to_context(ctx, json_object_get(response, "messages"));
+        return response;
+    }
+}
