@@ -1,0 +1,212 @@
+// Condition trees: refusals of the constructors, SQL text and JSON forms.
+#include "log_capture.h"
+
+#include "zrconfig.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace {
+
+struct condition_deleter {
+    void operator()(cfg_condition *c) const { cfg_free_conditions(c); }
+};
+using condition_ptr = std::unique_ptr<cfg_condition, condition_deleter>;
+
+std::string owned_text(char *text)
+{
+    std::string out = text != nullptr ? text : "(none)";
+    free(text);
+    return out;
+}
+
+std::string sql(cfg_condition *c)
+{
+    return owned_text(condition_to_sql(c));
+}
+
+std::string json_text(cfg_condition *c)
+{
+    return owned_text(condition_to_json_dump(c));
+}
+
+cfg_condition *node(cfg_condition *parent, std::initializer_list<cfg_condition *> children)
+{
+    for (cfg_condition *child : children)
+        cfg_condition_add_child(parent, child);
+    return parent;
+}
+
+} // namespace
+
+TEST(Conditions, ConstructorsRefuseOperatorsThatDoNotSuitTheType)
+{
+    struct build_case {
+        const char *what;
+        std::function<cfg_condition *()> build;
+        bool accepted;
+    };
+    const build_case cases[] = {
+        {"int =", [] { return cfg_new_int_condition("f", 1, 3); }, true},
+        {"int LIKE", [] { return cfg_new_int_condition("f", 8, 3); }, false},
+        {"int unknown code", [] { return cfg_new_int_condition("f", 12, 3); }, true},
+        {"float >=", [] { return cfg_new_float_condition("f", 6, 0.5); }, true},
+        {"float LIKE", [] { return cfg_new_float_condition("f", 7, 0.5); }, false},
+        {"string any code", [] { return cfg_new_string_condition("f", 12, "v"); }, true},
+        {"string null value", [] { return cfg_new_string_condition("f", 1, nullptr); }, false},
+        {"reference <>", [] { return cfg_new_reference_condition("f", 2, "{u}"); }, true},
+        {"reference <", [] { return cfg_new_reference_condition("f", 3, "{u}"); }, false},
+        {"reference null", [] { return cfg_new_reference_condition("f", 1, nullptr); }, false},
+        {"bool =", [] { return cfg_new_bool_condition("enabled", 1, 1); }, true},
+        {"bool <", [] { return cfg_new_bool_condition("enabled", 3, 1); }, false},
+        {"untyped IS NULL", [] { return cfg_new_untyped_condition("x", 11); }, true},
+        {"untyped =", [] { return cfg_new_untyped_condition("x", 1); }, false},
+        {"null field name", [] { return cfg_new_int_condition(nullptr, 1, 3); }, false},
+    };
+    for (const build_case &c : cases) {
+        condition_ptr built(c.build());
+        EXPECT_EQ(built != nullptr, c.accepted) << c.what;
+    }
+}
+
+TEST(Conditions, BasicSqlByOperator)
+{
+    const char *expected[] = {"(none)",     "(f = ?)",    "(f <> ?)",         "(f < ?)",
+                              "(f <= ?)",   "(f > ?)",    "(f >= ?)",         "(f LIKE ?)",
+                              "(f LIKE ?)", "(f LIKE ?)", "(f IS NOT NULL)", "(f IS NULL)",
+                              "(none)"};
+    for (int oper = 0; oper <= 12; oper++) {
+        condition_ptr c(cfg_new_string_condition("f", oper, "v"));
+        EXPECT_EQ(sql(c.get()), expected[oper]) << oper;
+    }
+    EXPECT_EQ(condition_to_sql(nullptr), nullptr);
+}
+
+TEST(Conditions, NodesWrapTheirChildrenOnceMore)
+{
+    condition_ptr tree(node(cfg_new_and_condition(),
+                            {cfg_new_string_condition("name", 1, "eth0"),
+                             node(cfg_new_or_condition(), {cfg_new_int_condition("port", 5, 22),
+                                                          cfg_new_untyped_condition("port", 11)}),
+                             cfg_new_bool_condition("enabled", 2, 0)}));
+    EXPECT_EQ(sql(tree.get()),
+              "((name = ?) AND ((port > ?) OR (port IS NULL)) AND (enabled <> ?))");
+
+    condition_ptr one(node(cfg_new_or_condition(), {cfg_new_int_condition("a", 1, 1)}));
+    EXPECT_EQ(sql(one.get()), "((a = ?))");
+    condition_ptr empty(cfg_new_and_condition());
+    EXPECT_EQ(sql(empty.get()), "((null))");
+    condition_ptr unknown_child(node(cfg_new_or_condition(),
+                                     {cfg_new_string_condition("a", 12, "v"),
+                                      cfg_new_int_condition("b", 1, 1)}));
+    EXPECT_EQ(sql(unknown_child.get()), "((null) OR (b = ?))");
+    condition_ptr bad_type(cfg_new_and_condition());
+    bad_type->type = 4;
+    EXPECT_EQ(condition_to_sql(bad_type.get()), nullptr);
+}
+
+TEST(Conditions, AddChildAppendsOnlyToNodes)
+{
+    condition_ptr basic(cfg_new_int_condition("a", 1, 1));
+    condition_ptr orphan(cfg_new_int_condition("b", 1, 1));
+    cfg_condition_add_child(basic.get(), orphan.get());
+    EXPECT_EQ(basic->children, nullptr);
+
+    condition_ptr tree(cfg_new_or_condition());
+    cfg_condition *first = cfg_new_int_condition("c", 1, 1);
+    first->next = orphan.get(); // a stale sibling is cut off
+    cfg_condition_add_child(tree.get(), first);
+    cfg_condition_add_child(tree.get(), cfg_new_int_condition("d", 1, 1));
+    EXPECT_EQ(sql(tree.get()), "((c = ?) OR (d = ?))");
+}
+
+TEST(ConditionJson, EveryValueFormInKeyOrderAndBack)
+{
+    condition_ptr tree(node(
+        cfg_new_and_condition(),
+        {cfg_new_bool_condition("enabled", 1, 5), cfg_new_int_condition("port", 5, -22),
+         cfg_new_float_condition("load", 4, 1.5), cfg_new_string_condition("name", 7, "eth%"),
+         cfg_new_reference_condition("zone", 1, "{abc}"),
+         node(cfg_new_or_condition(), {cfg_new_untyped_condition("x", 11)})}));
+    const std::string expected =
+        R"({"type":1,"items":[)"
+        R"({"type":3,"fieldname":"enabled","oper":1,"datatype":1,"value":true},)"
+        R"({"type":3,"fieldname":"port","oper":5,"datatype":2,"value":-22},)"
+        R"({"type":3,"fieldname":"load","oper":4,"datatype":3,"value":1.5},)"
+        R"({"type":3,"fieldname":"name","oper":7,"datatype":4,"value":"eth%"},)"
+        R"({"type":3,"fieldname":"zone","oper":1,"datatype":9,"value":"{abc}"},)"
+        R"({"type":2,"items":[{"type":3,"fieldname":"x","oper":11,"datatype":10,"value":null}]}]})";
+    EXPECT_EQ(json_text(tree.get()), expected);
+
+    json_error_t error;
+    condition_ptr back(json_dump_to_condition(expected.c_str(), &error));
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(json_text(back.get()), expected);
+    EXPECT_EQ(sql(back.get()), sql(tree.get()));
+}
+
+TEST(ConditionJson, OddRecordsAndUnknownTypes)
+{
+    condition_ptr no_value_form(cfg_new_int_condition("f", 1, 1));
+    no_value_form->datatype = 5;
+    EXPECT_EQ(json_text(no_value_form.get()),
+              R"({"type":3,"fieldname":"f","oper":1,"datatype":5})");
+
+    zrtest::log_capture logs;
+    condition_ptr unknown(cfg_new_or_condition());
+    unknown->type = 7;
+    EXPECT_EQ(condition_to_json(unknown.get()), nullptr);
+    ASSERT_EQ(logs.lines.size(), 1u);
+    EXPECT_EQ(logs.lines[0].message, "Condition object had unknown type [7]");
+    EXPECT_EQ(logs.lines[0].priority, 3);
+    EXPECT_EQ(logs.lines[0].file, "src/searchjson");
+}
+
+TEST(ConditionJson, RefusedInputsGiveNull)
+{
+    const char *refused[] = {
+        R"({"type":3,"fieldname":"x","oper":11,"datatype":10})",
+        R"({"type":3,"fieldname":"x","oper":1,"datatype":3,"value":1})",
+        R"({"type":3,"fieldname":"x","oper":1,"datatype":2,"value":1.0})",
+        R"({"type":3,"fieldname":"x","oper":1,"datatype":2,"value":4294967297})",
+        R"({"type":3,"fieldname":"x","oper":1,"datatype":1,"value":1})",
+        R"({"type":3,"fieldname":"x","oper":1,"datatype":4,"value":5})",
+        R"({"type":3,"fieldname":"x","oper":3,"datatype":9,"value":"{u}"})",
+        R"({"type":3,"fieldname":"x","oper":1,"datatype":10,"value":null})",
+        R"({"type":3,"fieldname":"x","oper":1,"datatype":5,"value":1})",
+        R"({"type":3,"oper":1,"datatype":2,"value":1})",
+        R"({"type":3,"fieldname":"x","oper":"1","datatype":2,"value":1})",
+        R"({"type":4,"items":[]})",
+        R"({"type":"1","items":[]})",
+        R"({"items":[]})",
+        R"({"type":1,"items":{}})",
+        R"({"type":1,"items":[{"type":3,"fieldname":"a","oper":1,"datatype":2,"value":1},)"
+        R"({"type":9}]})",
+        R"([1])",
+    };
+    for (const char *text : refused) {
+        json_error_t error;
+        EXPECT_EQ(json_dump_to_condition(text, &error), nullptr) << text;
+    }
+    json_error_t error;
+    EXPECT_EQ(json_dump_to_condition("{\"type\":", &error), nullptr);
+    EXPECT_NE(std::string(error.text), "");
+    EXPECT_EQ(json_to_condition(nullptr), nullptr);
+}
+
+TEST(ConditionJson, EmptyNodesAndIgnoredUntypedValuesAreAccepted)
+{
+    json_error_t error;
+    condition_ptr no_items(json_dump_to_condition(R"({"type":2})", &error));
+    condition_ptr no_members(json_dump_to_condition(R"({"type":1,"items":[]})", &error));
+    condition_ptr untyped(json_dump_to_condition(
+        R"({"type":3,"fieldname":"x","oper":10,"datatype":10,"value":[5]})", &error));
+    ASSERT_NE(no_items, nullptr);
+    ASSERT_NE(no_members, nullptr);
+    EXPECT_EQ(no_items->type, CFG_CONDITION_OR);
+    EXPECT_EQ(sql(no_members.get()), "((null))");
+    EXPECT_EQ(sql(untyped.get()), "(x IS NOT NULL)");
+}

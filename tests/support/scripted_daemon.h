@@ -1,0 +1,146 @@
+// A daemon for tests: it plays a script against the client over a Unix
+// socket in a temporary directory, or over one end of a socketpair, and
+// records every request it reads.
+//
+//   zrtest::scripted_daemon daemon({step::answer(R"({"result": true})")});
+//   ... connect to daemon.socket_path() and talk ...
+//   EXPECT_EQ(daemon.request_text(0), R"({"method": "hello", "id": 1})");
+//
+// Steps run in order on a background thread. A step that reads waits for a
+// request frame before it acts; the others act at once. When the client
+// closes, the connection ends; in Unix socket mode the steps not yet played
+// (a reading step included) go to the next connection. When the script runs
+// out, the daemon closes the connection. Every wait of the daemon is bounded,
+// and the destructor stops the thread and joins it.
+#pragma once
+
+#include <jansson.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zrtest {
+
+struct json_decref_deleter {
+    void operator()(json_t *value) const { json_decref(value); }
+};
+using json_handle = std::unique_ptr<json_t, json_decref_deleter>;
+
+// Answers a request (borrowed; null when the frame held no JSON) with a new
+// response, or with null to close the connection.
+using request_handler = std::function<json_t *(json_t *request)>;
+
+// One step of a script: it may first read a request, then it acts.
+struct step {
+    enum class kind { none, send_bytes, close, wait, serve };
+
+    bool reads_request = false;
+    kind what = kind::none;
+    std::string bytes;                     // send_bytes
+    std::chrono::milliseconds duration{0}; // wait
+    request_handler handler;               // serve
+
+    // Reads one request frame and records it.
+    static step receive();
+    // Reads one request, then replies with a frame holding json_text.
+    static step answer(const std::string &json_text);
+    // Sends a frame holding the text as it stands (valid JSON or not).
+    static step reply(const std::string &json_text);
+    // Sends {"keepalive": true}.
+    static step keepalive();
+    // Sends bytes as they stand, with no prefix.
+    static step raw(const std::string &bytes);
+    // Sends a frame whose prefix says 0.
+    static step zero_length();
+    // Sends a prefix announcing length bytes, then only the given part of the
+    // payload (nothing by default); follow it with close() or wait().
+    static step truncated(uint32_t length, const std::string &part = "");
+    // Closes the connection.
+    static step close();
+    // Waits (cut short when the daemon stops).
+    static step wait(std::chrono::milliseconds duration);
+    // Answers every request with handler until the client closes.
+    static step serve(request_handler handler);
+};
+
+using script = std::vector<step>;
+
+// The 4-byte big-endian prefix of a frame of length bytes.
+std::string frame_prefix(uint32_t length);
+// A whole frame around payload.
+std::string frame(const std::string &payload);
+
+class scripted_daemon {
+  public:
+    // Listens on a Unix socket in a new temporary directory.
+    explicit scripted_daemon(script steps);
+    // Plays the script on one end of a socketpair; the other end is
+    // client_socket(). Pass socketpair_mode{} to choose this mode.
+    struct socketpair_mode {};
+    scripted_daemon(socketpair_mode, script steps);
+    ~scripted_daemon();
+    scripted_daemon(const scripted_daemon &) = delete;
+    scripted_daemon &operator=(const scripted_daemon &) = delete;
+
+    // Unix socket mode: where to connect.
+    const std::string &socket_path() const { return path_; }
+    // Socketpair mode: the client's end, closed by the destructor.
+    int client_socket() const { return client_fd_; }
+    // Socketpair mode: hands the client's end over; the caller closes it.
+    int take_client_socket();
+
+    // Requests read so far.
+    size_t request_count() const;
+    // The payload text of request i as it came off the wire ("" when absent).
+    std::string request_text(size_t i) const;
+    // A copy of request i as parsed JSON (null when absent or unparseable).
+    json_handle request(size_t i) const;
+    // Waits until count requests were read or limit passed; true if they were.
+    bool wait_for_requests(size_t count, std::chrono::milliseconds limit) const;
+    // Waits until count steps were played or limit passed; true if they were.
+    bool wait_for_steps(size_t count, std::chrono::milliseconds limit) const;
+
+    // Stops the daemon and joins its thread; idempotent.
+    void stop();
+
+  private:
+    void start();
+    void run();
+    void run_unix_socket();
+    void play(int connection);
+    bool act(int connection, const step &s);
+    bool serve(int connection, const request_handler &handler);
+    bool read_request(int connection, json_handle *parsed);
+    bool wait_for(int fd, short events);
+    bool read_exactly(int fd, char *buffer, size_t size);
+    bool write_all(int fd, const std::string &bytes);
+    void record(std::string text, json_handle parsed);
+    void step_done();
+
+    script steps_;
+    size_t next_step_ = 0;
+    std::string dir_;
+    std::string path_;
+    int listen_fd_ = -1;
+    int daemon_fd_ = -1; // socketpair mode
+    int client_fd_ = -1;
+    int wake_[2] = {-1, -1};
+    std::atomic<bool> stopping_{false};
+    std::thread thread_;
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::vector<std::string> texts_;
+    std::vector<json_handle> parsed_;
+    size_t steps_done_ = 0;
+};
+
+} // namespace zrtest

@@ -1,0 +1,296 @@
+// Frames on the socket, receive failures, the request envelope and the
+// round trip with keep-alives, against a scripted daemon.
+#include "context.h"
+#include "log_capture.h"
+#include "scripted_daemon.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+using zrtest::context_handle;
+using zrtest::json_handle;
+using zrtest::scripted_daemon;
+using zrtest::step;
+
+namespace {
+
+const scripted_daemon::socketpair_mode over_pair{};
+
+json_handle parse(const std::string &text)
+{
+    return json_handle(json_loads(text.c_str(), 0, nullptr));
+}
+
+std::string dump(json_t *value)
+{
+    char *text = value != nullptr ? json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY) : nullptr;
+    std::string out = text != nullptr ? text : "(none)";
+    free(text);
+    return out;
+}
+
+int connect_to(const std::string &path)
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    return fd;
+}
+
+// A context connected to a daemon's Unix socket through a cfg_client record.
+struct connected_context {
+    context_handle handle;
+    int socket;
+
+    explicit connected_context(const scripted_daemon &daemon)
+        : socket(connect_to(daemon.socket_path()))
+    {
+        auto *client = static_cast<cfg_client *>(calloc(1, sizeof(cfg_client)));
+        client->socket = socket;
+        handle.get()->client_data = client;
+    }
+    ~connected_context() { close(socket); }
+    cfg *get() const { return handle.get(); }
+};
+
+// Receives on fd and returns what standard error said meanwhile.
+std::string receive_failure(int fd, int timeout_ms = 10000)
+{
+    CaptureStderr();
+    json_handle value(cfg_receive_timeout(fd, timeout_ms));
+    std::string said = GetCapturedStderr();
+    EXPECT_EQ(value, nullptr) << dump(value.get());
+    return said;
+}
+
+std::string read_available(int fd, size_t size)
+{
+    std::string bytes(size, '\0');
+    EXPECT_EQ(recv(fd, bytes.data(), size, MSG_WAITALL), static_cast<ssize_t>(size));
+    return bytes;
+}
+
+} // namespace
+
+TEST(WireFrame, SendWritesBigEndianLengthAndDefaultDumpText)
+{
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    signal(SIGPIPE, SIG_DFL);
+    std::string name(300, 'n');
+    json_handle value(json_pack("{s:s, s:i, s:{s:s, s:[i, i]}}", "method", "hello", "id", 1,
+                                "data", "client_name", name.c_str(), "list", 1, 2));
+    ASSERT_EQ(cfg_send(ends[0], value.get()), 1);
+
+    std::string text = R"({"method": "hello", "id": 1, "data": {"client_name": ")" + name +
+                       R"(", "list": [1, 2]}})";
+    ASSERT_EQ(text.size(), 0x175u);
+    EXPECT_EQ(read_available(ends[1], 4 + text.size()), std::string("\0\0\x01\x75", 4) + text);
+    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(WireFrame, SendFailuresReturnZeroWithTheirDiagnostic)
+{
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    close(ends[1]);
+    json_handle value(json_pack("{s:s}", "method", "goodbye"));
+
+    CaptureStderr();
+    EXPECT_EQ(cfg_send(ends[0], value.get()), 0);
+    EXPECT_EQ(cfg_send(-1, value.get()), 0);
+    EXPECT_EQ(cfg_send(ends[0], nullptr), 0);
+    EXPECT_EQ(GetCapturedStderr(), "cfg_send failed to write to socket error Broken pipe.\n"
+                                   "cfg_send failed to write to socket error Bad file "
+                                   "descriptor.\n");
+    close(ends[0]);
+}
+
+TEST(WireFrame, ReceiveFailuresPrintTheirDiagnostic)
+{
+    struct failure_case {
+        const char *what;
+        zrtest::script steps;
+        const char *said;
+    };
+    const failure_case cases[] = {
+        {"close before the prefix",
+         {step::close()},
+         "cfg_receive read len unexpected peer close\n"},
+        {"close inside the prefix",
+         {step::raw(std::string("\0\0", 2)), step::close()},
+         "cfg_receive read len unexpected peer close\n"},
+        {"close after the prefix",
+         {step::truncated(10), step::close()},
+         "cfg_receive read data unexpected peer close\n"},
+        {"close inside the payload",
+         {step::truncated(10, R"({"a")"), step::close()},
+         "cfg_receive read data unexpected peer close\n"},
+        {"zero length", {step::zero_length()}, "cfg_receive response len <= 0\n"},
+        {"length that wraps the buffer size",
+         {step::truncated(0xFFFFFFFFu, "{}"), step::close()},
+         "cfg_receive response buffer allocate failed: Cannot allocate memory\n"},
+    };
+    for (const failure_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        scripted_daemon daemon(over_pair, c.steps);
+        EXPECT_EQ(receive_failure(daemon.client_socket()), c.said);
+    }
+    EXPECT_EQ(receive_failure(-1), "cfg_receive sockopt failed: Bad file descriptor\n");
+}
+
+TEST(WireFrame, InvalidJsonIsLoggedWithTheParserText)
+{
+    const std::string payload = "{\"result\": true,\n \"data\": ]";
+    json_error_t expected;
+    ASSERT_EQ(json_loads(payload.c_str(), 0, &expected), nullptr);
+    scripted_daemon daemon(over_pair, {step::reply(payload), step::reply("[1, 2]")});
+    zrtest::log_capture logs;
+
+    EXPECT_EQ(receive_failure(daemon.client_socket()), "");
+    ASSERT_EQ(logs.lines.size(), 1u);
+    EXPECT_EQ(logs.lines[0].priority, 3);
+    EXPECT_EQ(logs.lines[0].message, "JSON Parsing error: " + std::string(expected.text) +
+                                         ", line: 2.");
+    // The frame was read whole: the next one follows.
+    json_handle next(cfg_receive(daemon.client_socket()));
+    EXPECT_EQ(dump(next.get()), "[1,2]");
+}
+
+TEST(WireFrame, TimeoutsFailTheReadOfPrefixOrPayload)
+{
+    scripted_daemon silent(over_pair, {step::wait(5s)});
+    EXPECT_EQ(receive_failure(silent.client_socket(), 200),
+              "cfg_receive read len failed: Resource temporarily unavailable\n");
+
+    scripted_daemon stalled(over_pair, {step::truncated(10, "{"), step::wait(5s)});
+    ASSERT_TRUE(stalled.wait_for_steps(1, 5s));
+    EXPECT_EQ(receive_failure(stalled.client_socket(), 200),
+              "cfg_receive read data failed: Resource temporarily unavailable\n");
+}
+
+// The microseconds are the millisecond remainder divided by ten; the kernel
+// rounds them up to its clock tick, so only an upper bound can be checked.
+TEST(WireFrame, ReceiveSetsTheTimeoutOnEveryCall)
+{
+    struct timeout_case {
+        int ms;
+        long seconds;
+        long max_microseconds;
+    };
+    const timeout_case cases[] = {{10000, 10, 0}, {1500, 1, 20000}, {250, 0, 20000}, {0, 0, 0},
+                                  {-3, 0, 0}};
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    for (const timeout_case &c : cases) {
+        SCOPED_TRACE(c.ms);
+        std::string bytes = zrtest::frame("{}");
+        ASSERT_EQ(write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        json_handle value(cfg_receive_timeout(ends[0], c.ms));
+        EXPECT_NE(value, nullptr);
+        timeval set{};
+        socklen_t size = sizeof set;
+        ASSERT_EQ(getsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &set, &size), 0);
+        EXPECT_EQ(set.tv_sec, c.seconds);
+        EXPECT_LE(set.tv_usec, c.max_microseconds);
+    }
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(WireFrame, ZeroOrNegativeTimeoutWaitsWithoutLimit)
+{
+    scripted_daemon daemon(over_pair, {step::wait(300ms), step::reply(R"({"n": 1})"),
+                                       step::wait(300ms), step::reply(R"({"n": 2})")});
+    int fd = daemon.client_socket();
+    receive_failure(fd, 100); // leaves a tiny time-out on the socket
+    json_handle first(cfg_receive_timeout(fd, 0));
+    json_handle second(cfg_receive_timeout(fd, -1));
+    EXPECT_EQ(dump(first.get()), R"({"n":1})");
+    EXPECT_EQ(dump(second.get()), R"({"n":2})");
+}
+
+TEST(WireRequest, IdsCountFromOneAlsoForRequestsNeverSent)
+{
+    scripted_daemon daemon({step::answer("{}"), step::answer("{}")});
+    connected_context ctx(daemon);
+
+    json_handle unsent(cfg_build_request(ctx.get(), "lock", json_object()));
+    json_handle without_data(cfg_build_request(ctx.get(), "get_schema", nullptr));
+    json_handle with_data(
+        cfg_build_request(ctx.get(), "hello", json_pack("{s:s}", "client_name", "t-1")));
+    EXPECT_EQ(dump(unsent.get()), R"({"method":"lock","id":1,"data":{}})");
+    json_handle first(cfg_send_request(ctx.get(), without_data.get()));
+    json_handle second(cfg_send_request(ctx.get(), with_data.get()));
+
+    ASSERT_EQ(daemon.request_count(), 2u);
+    EXPECT_EQ(daemon.request_text(0), R"({"method": "get_schema", "id": 2})");
+    EXPECT_EQ(daemon.request_text(1),
+              R"({"method": "hello", "id": 3, "data": {"client_name": "t-1"}})");
+    EXPECT_EQ(static_cast<cfg_client *>(ctx.get()->client_data)->request_id, 3);
+    EXPECT_EQ(json_object_size(with_data.get()), 3u); // the request is not taken
+}
+
+TEST(WireRequest, KeepalivesAreSkippedWithoutTheirMessages)
+{
+    const char *message = R"({"code": 30, "args": []})";
+    scripted_daemon daemon({
+        step::receive(),
+        step::reply(std::string(R"({"keepalive": true, "messages": [)") + message + "]}"),
+        step::keepalive(),
+        step::reply(std::string(R"({"result": true, "data": 7, "messages": [)") + message + ", " +
+                    message + "]}"),
+    });
+    connected_context ctx(daemon);
+    json_handle request(cfg_build_request(ctx.get(), "get_data_by_id", json_object()));
+    json_handle response(cfg_send_request(ctx.get(), request.get()));
+    EXPECT_EQ(json_integer_value(json_object_get(response.get(), "data")), 7);
+    EXPECT_EQ(cfg_message_count(ctx.get()), 2);
+}
+
+TEST(WireRequest, OtherKeepaliveValuesAndOddShapesAreAnswers)
+{
+    const char *answers[] = {R"({"keepalive": false})", R"({"keepalive": 1})", "[true]", "5",
+                             R"({"messages": "none"})", R"({"messages": [7, {"code": 1}]})"};
+    zrtest::script steps;
+    for (const char *answer : answers)
+        steps.push_back(step::answer(answer));
+    scripted_daemon daemon(steps);
+    connected_context ctx(daemon);
+    for (const char *answer : answers) {
+        SCOPED_TRACE(answer);
+        json_handle request(cfg_build_request(ctx.get(), "search", json_object()));
+        json_handle response(cfg_send_request(ctx.get(), request.get()));
+        EXPECT_EQ(dump(response.get()), dump(parse(answer).get()));
+    }
+    EXPECT_EQ(cfg_message_count(ctx.get()), 0);
+}
+
+TEST(WireRequest, FailuresReturnNullWithoutMessages)
+{
+    scripted_daemon daemon({step::receive(), step::keepalive(), step::close()});
+    connected_context ctx(daemon);
+    json_handle request(cfg_build_request(ctx.get(), "pull", nullptr));
+
+    CaptureStderr();
+    EXPECT_EQ(cfg_send_request(ctx.get(), request.get()), nullptr);
+    EXPECT_EQ(cfg_send_request(ctx.get(), request.get()), nullptr);
+    EXPECT_EQ(GetCapturedStderr(), "cfg_receive read len unexpected peer close\n"
+                                   "cfg_send failed to write to socket error Broken pipe.\n");
+    EXPECT_EQ(cfg_message_count(ctx.get()), 0);
+
+    context_handle unconnected;
+    EXPECT_EQ(cfg_send_request(unconnected.get(), request.get()), nullptr);
+}
