@@ -9,12 +9,12 @@
 #include <csignal>
 #include <string>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
+using zrtest::client_context;
 using zrtest::context_handle;
 using zrtest::json_handle;
 using zrtest::scripted_daemon;
@@ -36,32 +36,6 @@ std::string dump(json_t *value)
     free(text);
     return out;
 }
-
-int connect_to(const std::string &path)
-{
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    return fd;
-}
-
-// A context connected to a daemon's Unix socket through a cfg_client record.
-struct connected_context {
-    context_handle handle;
-    int socket;
-
-    explicit connected_context(const scripted_daemon &daemon)
-        : socket(connect_to(daemon.socket_path()))
-    {
-        auto *client = static_cast<cfg_client *>(calloc(1, sizeof(cfg_client)));
-        client->socket = socket;
-        handle.get()->client_data = client;
-    }
-    ~connected_context() { close(socket); }
-    cfg *get() const { return handle.get(); }
-};
 
 // Receives on fd and returns what standard error said meanwhile.
 std::string receive_failure(int fd, int timeout_ms = 10000)
@@ -225,7 +199,7 @@ TEST(WireFrame, ZeroOrNegativeTimeoutWaitsWithoutLimit)
 TEST(WireRequest, IdsCountFromOneAlsoForRequestsNeverSent)
 {
     scripted_daemon daemon({step::answer("{}"), step::answer("{}")});
-    connected_context ctx(daemon);
+    client_context ctx(daemon);
 
     json_handle unsent(cfg_build_request(ctx.get(), "lock", json_object()));
     json_handle without_data(cfg_build_request(ctx.get(), "get_schema", nullptr));
@@ -239,7 +213,7 @@ TEST(WireRequest, IdsCountFromOneAlsoForRequestsNeverSent)
     EXPECT_EQ(daemon.request_text(0), R"({"method": "get_schema", "id": 2})");
     EXPECT_EQ(daemon.request_text(1),
               R"({"method": "hello", "id": 3, "data": {"client_name": "t-1"}})");
-    EXPECT_EQ(static_cast<cfg_client *>(ctx.get()->client_data)->request_id, 3);
+    EXPECT_EQ(ctx.client()->request_id, 3);
     EXPECT_EQ(json_object_size(with_data.get()), 3u); // the request is not taken
 }
 
@@ -253,7 +227,7 @@ TEST(WireRequest, KeepalivesAreSkippedWithoutTheirMessages)
         step::reply(std::string(R"({"result": true, "data": 7, "messages": [)") + message + ", " +
                     message + "]}"),
     });
-    connected_context ctx(daemon);
+    client_context ctx(daemon);
     json_handle request(cfg_build_request(ctx.get(), "get_data_by_id", json_object()));
     json_handle response(cfg_send_request(ctx.get(), request.get()));
     EXPECT_EQ(json_integer_value(json_object_get(response.get(), "data")), 7);
@@ -262,13 +236,13 @@ TEST(WireRequest, KeepalivesAreSkippedWithoutTheirMessages)
 
 TEST(WireRequest, OtherKeepaliveValuesAndOddShapesAreAnswers)
 {
-    const char *answers[] = {R"({"keepalive": false})", R"({"keepalive": 1})", "[true]", "5",
+    const char *answers[] = {R"({"keepalive": false})", R"({"keepalive": 1})", "[true]",
                              R"({"messages": "none"})", R"({"messages": [7, {"code": 1}]})"};
     zrtest::script steps;
     for (const char *answer : answers)
         steps.push_back(step::answer(answer));
     scripted_daemon daemon(steps);
-    connected_context ctx(daemon);
+    client_context ctx(daemon);
     for (const char *answer : answers) {
         SCOPED_TRACE(answer);
         json_handle request(cfg_build_request(ctx.get(), "search", json_object()));
@@ -281,7 +255,7 @@ TEST(WireRequest, OtherKeepaliveValuesAndOddShapesAreAnswers)
 TEST(WireRequest, FailuresReturnNullWithoutMessages)
 {
     scripted_daemon daemon({step::receive(), step::keepalive(), step::close()});
-    connected_context ctx(daemon);
+    client_context ctx(daemon);
     json_handle request(cfg_build_request(ctx.get(), "pull", nullptr));
 
     CaptureStderr();
@@ -293,4 +267,22 @@ TEST(WireRequest, FailuresReturnNullWithoutMessages)
 
     context_handle unconnected;
     EXPECT_EQ(cfg_send_request(unconnected.get(), request.get()), nullptr);
+}
+
+TEST(WireRequest, DaemonAnswersByCallbackOnEachConnection)
+{
+    auto echo_id = [](json_t *request) {
+        return json_pack("{s:b, s:O}", "result", 1, "data", json_object_get(request, "id"));
+    };
+    scripted_daemon daemon({step::serve(echo_id), step::serve(echo_id)});
+    for (int connection = 0; connection < 2; connection++) {
+        client_context ctx(daemon);
+        for (int id = 1; id <= 2; id++) {
+            json_handle request(cfg_build_request(ctx.get(), "get_data_list", json_object()));
+            json_handle response(cfg_send_request(ctx.get(), request.get()));
+            EXPECT_EQ(json_integer_value(json_object_get(response.get(), "data")), id);
+        }
+    }
+    ASSERT_TRUE(daemon.wait_for_requests(4, 5s));
+    EXPECT_EQ(dump(daemon.request(3).get()), R"({"method":"get_data_list","id":2,"data":{}})");
 }

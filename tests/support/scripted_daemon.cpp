@@ -365,4 +365,28 @@ bool scripted_daemon::wait_for_steps(size_t count, std::chrono::milliseconds lim
     return changed_.wait_for(lock, limit, [&] { return steps_done_ >= count; });
 }
 
+int connect_unix(const std::string &path)
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+        close_fd(fd);
+    return fd;
+}
+
+client_context::client_context(const scripted_daemon &daemon)
+    : socket(connect_unix(daemon.socket_path()))
+{
+    auto *client = static_cast<cfg_client *>(calloc(1, sizeof(cfg_client)));
+    client->socket = socket;
+    handle.get()->client_data = client;
+}
+
+client_context::~client_context()
+{
+    close_fd(socket);
+}
+
 } // namespace zrtest

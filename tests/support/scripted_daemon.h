@@ -3,7 +3,8 @@
 // records every request it reads.
 //
 //   zrtest::scripted_daemon daemon({step::answer(R"({"result": true})")});
-//   ... connect to daemon.socket_path() and talk ...
+//   zrtest::client_context ctx(daemon); // or connect to daemon.socket_path()
+//   ... send requests through ctx.get() ...
 //   EXPECT_EQ(daemon.request_text(0), R"({"method": "hello", "id": 1})");
 //
 // Steps run in order on a background thread. A step that reads waits for a
@@ -13,6 +14,8 @@
 // out, the daemon closes the connection. Every wait of the daemon is bounded,
 // and the destructor stops the thread and joins it.
 #pragma once
+
+#include "context.h"
 
 #include <jansson.h>
 
@@ -141,6 +144,24 @@ class scripted_daemon {
     std::vector<std::string> texts_;
     std::vector<json_handle> parsed_;
     size_t steps_done_ = 0;
+};
+
+// A connected Unix stream socket to path, or -1.
+int connect_unix(const std::string &path);
+
+// A context connected to a daemon's socket through a cfg_client record in
+// its client_data, as a client connection has it; no hooks are installed.
+struct client_context {
+    context_handle handle;
+    int socket;
+
+    explicit client_context(const scripted_daemon &daemon);
+    ~client_context();
+    client_context(const client_context &) = delete;
+    client_context &operator=(const client_context &) = delete;
+
+    cfg *get() const { return handle.get(); }
+    cfg_client *client() const { return static_cast<cfg_client *>(handle.get()->client_data); }
 };
 
 } // namespace zrtest
