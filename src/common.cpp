@@ -268,8 +268,8 @@ bool write_frame(int socket, const char *frame, size_t total)
     return true;
 }
 
-// Sets the receive time-out; the microseconds are the remainder divided by
-// ten, as the protocol has always done. 0 or less waits without limit.
+// Sets the receive time-out. The microseconds are the millisecond remainder
+// divided by ten (1500 ms gives 1 s and 50 us); 0 or less waits without limit.
 bool set_receive_timeout(int socket, int timeout_ms)
 {
     struct timeval timeout = {0, 0};
@@ -411,7 +411,9 @@ extern "C" json_t *cfg_build_request(cfg *ctx, const char *method, json_t *data)
     auto *client = static_cast<cfg_client *>(ctx->client_data);
     json_t *request = json_object();
     json_object_set_new(request, "method", json_string(method));
-    json_object_set_new(request, "id", json_integer(++client->request_id));
+    // The counter wraps after INT_MAX requests rather than overflowing.
+    client->request_id = static_cast<int>(static_cast<unsigned>(client->request_id) + 1u);
+    json_object_set_new(request, "id", json_integer(client->request_id));
     if (data != nullptr)
         json_object_set_new(request, "data", data);
     return request;
