@@ -484,14 +484,17 @@ extern "C" cfg_schema_element *cfg_load_schema_if(cfg *context, const char *uuid
         cfg_init_schema_if(context, uuid, path, op, value_type, value, eval_priority);
     if (elem == nullptr)
         return nullptr;
-    char *id = elem->u.cond.value_id;
+    // gen_uuid writes a 256-byte field; the value id holds 64 bytes, so keep
+    // at most 63 characters and the terminator.
+    char generated[CFG_UUID_SIZE];
     if (value_id == nullptr) {
-        gen_uuid(id);
-    } else {
-        // The field holds 64 bytes: keep 63 characters and the terminator.
-        strncpy(id, value_id, sizeof elem->u.cond.value_id - 1);
-        id[sizeof elem->u.cond.value_id - 1] = '\0';
+        gen_uuid(generated);
+        value_id = generated;
     }
+    char *id = elem->u.cond.value_id;
+    size_t len = strnlen(value_id, sizeof elem->u.cond.value_id - 1);
+    memcpy(id, value_id, len);
+    id[len] = '\0';
     return elem;
 }
 
