@@ -148,6 +148,145 @@ typedef struct cfg_message_def {
 
 /* ---- schema records ---- */
 
+/* A member link of a map or if schema element: kind 8, the member's uuid
+ * and its key (owned). */
+typedef struct cfg_schema_mapid {
+    char uuid[CFG_UUID_SIZE];
+    unsigned int type;
+    char *key;
+} cfg_schema_mapid;
+
+/* A conditional link: kind 7, the uuid of an if element and its position. */
+typedef struct cfg_schema_mapconditional {
+    char uuid[CFG_UUID_SIZE];
+    unsigned int type;
+    int index;
+} cfg_schema_mapconditional;
+
+/* A named type: kind 8, the uuid of the schema element describing it and
+ * its name (owned). */
+typedef struct cfg_schema_type {
+    char uuid[CFG_UUID_SIZE];
+    unsigned int type;
+    char *name;
+} cfg_schema_type;
+
+/* A tag: kind 4, key and value (both owned). */
+typedef struct cfg_schema_tag {
+    unsigned int type;
+    char *key;
+    char *value;
+} cfg_schema_tag;
+
+/* A value of an allowed-values list or of an if element's comparison. */
+typedef union cfg_schema_value {
+    int bool_value;
+    int int_value;
+    double float_value;
+    char *string_value;
+} cfg_schema_value;
+
+/* An allowed-value entry: kind 1 and the value by the element's type. */
+typedef struct cfg_schema_allowed {
+    unsigned int type;
+    cfg_schema_value value;
+} cfg_schema_allowed;
+
+/* A custom validator attached to a schema element. */
+typedef struct cfg_schema_validator {
+    char *name;
+    char **params;
+    int params_count;
+    char **paths;
+    int paths_count;
+} cfg_schema_validator;
+
+/* The member lists of a map element (and the head of an if element's part). */
+typedef struct cfg_schema_members {
+    cfg_link *required;     /* cfg_schema_mapid */
+    cfg_link *optional;     /* cfg_schema_mapid */
+    cfg_link *deprecated;   /* cfg_schema_mapid */
+    cfg_link *conditionals; /* cfg_schema_mapconditional */
+} cfg_schema_members;
+
+/* One schema element: the common head, then the part of its type.
+ * "default" and "operator" are keywords, hence default_value and op. */
+typedef struct cfg_schema_element {
+    char uuid[CFG_UUID_SIZE];
+    int type;
+    unsigned int flags;
+    int generation;
+    int validators_count;
+    cfg_schema_validator **validators;
+    cfg_link *tags; /* cfg_schema_tag */
+    union {
+        struct {
+            int has_default;
+            int default_value;
+        } boolean;
+        struct {
+            int has_min, min, has_max, max, has_default, default_value;
+            cfg_link *allowed; /* cfg_schema_allowed */
+        } integer;
+        struct {
+            int has_min;
+            double min;
+            int has_max;
+            double max;
+            int has_default;
+            double default_value;
+            cfg_link *allowed;
+        } real;
+        struct {
+            int has_min, min, has_max, max;
+            int has_regex;
+            char *regex;
+            int has_default;
+            char *default_value;
+            cfg_link *allowed;
+        } string;
+        struct {
+            int has_min, min, has_max, max;
+        } blob;
+        struct {
+            int element_kind; /* 1 type code, 2 type name */
+            int has_min, min, has_max, max;
+            int element_type;
+            char *element_type_name;
+        } list;
+        cfg_schema_members map;
+        struct {
+            char *target;
+        } reference;
+        struct {
+            cfg_schema_members members;
+            char *path;
+            int op;         /* 0 none, 1 exists, 2 ==, 3 !=, 4 >, 5 >=, 6 <, 7 <= */
+            int value_type; /* 0 none, 1 bool, 2 int, 3 string, 4 float */
+            cfg_schema_value value;
+            char value_id[64];
+            int eval_priority;
+        } cond;
+    } u;
+} cfg_schema_element;
+
+/* An entry of the schema's uuid map, keyed by its own copy of the element's
+ * uuid (so a lookup never reads an element that was freed while mapped). */
+struct cfg_schema_index_entry {
+    cfg_schema_element *element;
+    char uuid[CFG_UUID_SIZE];
+    UT_hash_handle hh;
+};
+typedef struct cfg_schema_index_entry cfg_schema_index_entry;
+
+/* A compiled string pattern, keyed by its text (a pcre pointer). */
+struct cfg_regex_cache_entry {
+    char *pattern;
+    void *compiled;
+    UT_hash_handle hh;
+};
+typedef struct cfg_regex_cache_entry cfg_regex_cache_entry;
+
 /* ---- connection records ---- */
 
 /* One id the daemon reassigned on a push: the client's id and the new one.
@@ -267,6 +406,8 @@ ZRCONFIG_API cfg_element **cfg_get_by_ids(cfg *context, char **uuids, ...);
 ZRCONFIG_API cfg_element *cfg_find_by_id(cfg *context, const char *uuid);
 /* The root element "root-1". */
 ZRCONFIG_API cfg_element *cfg_root(cfg *context);
+/* The schema element with that uuid (local schema map only). */
+ZRCONFIG_API struct cfg_schema_element *cfg_get_schema_by_id(cfg *context, const char *uuid);
 /* A new JSON array of the texts of a NULL-terminated array. */
 ZRCONFIG_API json_t *strings_to_list(char **strings);
 
@@ -443,13 +584,290 @@ ZRCONFIG_API int append_json_config_messages_to_context(cfg *context, json_t *ar
  * Schema elements
  * ---------------------------------------------------------------------- */
 
+/* Constructors, one family per type. init registers a zeroed record under
+ * uuid (a fresh uuid when NULL) in the context's schema; new does the same
+ * with a fresh uuid and sets CFG_FLAG_NEW; load is the form used for the
+ * daemon's data. Strings are copied; the schema owns the record. */
+ZRCONFIG_API cfg_schema_element *cfg_init_schema_bool(cfg *context, const char *uuid,
+                                                      int has_default, int default_value);
+ZRCONFIG_API cfg_schema_element *cfg_new_schema_bool(cfg *context, int has_default,
+                                                     int default_value);
+ZRCONFIG_API cfg_schema_element *cfg_load_schema_bool(cfg *context, const char *uuid,
+                                                      int has_default, int default_value);
+ZRCONFIG_API cfg_schema_element *cfg_init_schema_int(cfg *context, const char *uuid,
+                                                     int has_max, int max, int has_min,
+                                                     int min, int has_default,
+                                                     int default_value);
+ZRCONFIG_API cfg_schema_element *cfg_new_schema_int(cfg *context, int has_max, int max,
+                                                    int has_min, int min, int has_default,
+                                                    int default_value);
+ZRCONFIG_API cfg_schema_element *cfg_load_schema_int(cfg *context, const char *uuid,
+                                                     int has_max, int max, int has_min,
+                                                     int min, int has_default,
+                                                     int default_value);
+/* The three flags first, then the three doubles. */
+ZRCONFIG_API cfg_schema_element *cfg_init_schema_float(cfg *context, const char *uuid,
+                                                       int has_max, int has_min,
+                                                       int has_default, double max,
+                                                       double min, double default_value);
+ZRCONFIG_API cfg_schema_element *cfg_new_schema_float(cfg *context, int has_max,
+                                                      int has_min, int has_default,
+                                                      double max, double min,
+                                                      double default_value);
+ZRCONFIG_API cfg_schema_element *cfg_load_schema_float(cfg *context, const char *uuid,
+                                                       int has_max, int has_min,
+                                                       int has_default, double max,
+                                                       double min, double default_value);
+/* has_default and has_regex follow from default_value and regex being set. */
+ZRCONFIG_API cfg_schema_element *cfg_init_schema_string(cfg *context, const char *uuid,
+                                                        int has_max, int max, int has_min,
+                                                        int min, const char *default_value,
+                                                        const char *regex);
+ZRCONFIG_API cfg_schema_element *cfg_new_schema_string(cfg *context, int has_max, int max,
+                                                       int has_min, int min,
+                                                       const char *default_value,
+                                                       const char *regex);
+ZRCONFIG_API cfg_schema_element *cfg_load_schema_string(cfg *context, const char *uuid,
+                                                        int has_max, int max, int has_min,
+                                                        int min, const char *default_value,
+                                                        const char *regex);
+ZRCONFIG_API cfg_schema_element *cfg_init_schema_blob(cfg *context, const char *uuid,
+                                                      int has_max, int max, int has_min,
+                                                      int min);
+ZRCONFIG_API cfg_schema_element *cfg_new_schema_blob(cfg *context, int has_max, int max,
+                                                     int has_min, int min);
+ZRCONFIG_API cfg_schema_element *cfg_load_schema_blob(cfg *context, const char *uuid,
+                                                      int has_max, int max, int has_min,
+                                                      int min);
+ZRCONFIG_API cfg_schema_element *cfg_init_schema_list(cfg *context, const char *uuid,
+                                                      int has_max, int max, int has_min,
+                                                      int min, int element_kind,
+                                                      int element_type,
+                                                      const char *element_type_name);
+ZRCONFIG_API cfg_schema_element *cfg_new_schema_list(cfg *context, int has_max, int max,
+                                                     int has_min, int min, int element_kind,
+                                                     int element_type,
+                                                     const char *element_type_name);
+ZRCONFIG_API cfg_schema_element *cfg_load_schema_list(cfg *context, const char *uuid,
+                                                      int has_max, int max, int has_min,
+                                                      int min, int element_kind,
+                                                      int element_type,
+                                                      const char *element_type_name);
+ZRCONFIG_API cfg_schema_element *cfg_init_schema_map(cfg *context, const char *uuid);
+ZRCONFIG_API cfg_schema_element *cfg_new_schema_map(cfg *context);
+ZRCONFIG_API cfg_schema_element *cfg_load_schema_map(cfg *context, const char *uuid);
+ZRCONFIG_API cfg_schema_element *cfg_init_schema_reference(cfg *context, const char *uuid);
+ZRCONFIG_API cfg_schema_element *cfg_new_schema_reference(cfg *context, const char *target);
+ZRCONFIG_API cfg_schema_element *cfg_load_schema_reference(cfg *context, const char *uuid,
+                                                           const char *target);
+/* The value fields are set only when op is not 1 (exists). */
+ZRCONFIG_API cfg_schema_element *cfg_init_schema_if(cfg *context, const char *uuid,
+                                                    const char *path, int op,
+                                                    int value_type, cfg_schema_value value,
+                                                    int eval_priority);
+ZRCONFIG_API cfg_schema_element *cfg_new_schema_if(cfg *context, const char *path, int op,
+                                                   int value_type, cfg_schema_value value,
+                                                   int eval_priority);
+/* Also copies value_id (at most 63 characters), or makes one when NULL. */
+ZRCONFIG_API cfg_schema_element *cfg_load_schema_if(cfg *context, const char *uuid,
+                                                    const char *path, int op,
+                                                    int value_type, cfg_schema_value value,
+                                                    const char *value_id, int eval_priority);
+
+/* Appends a member link to required (which 0), optional (1) or deprecated (2)
+ * of a map or if element. */
+ZRCONFIG_API bool cfg_load_schema_mapid(cfg_schema_element *elem, int which,
+                                        const char *key, const char *uuid);
+/* Appends a conditional link whose index is its position. */
+ZRCONFIG_API bool cfg_load_schema_mapconditional(cfg_schema_element *elem, const char *uuid);
+
+/* Value readers: false, outputs untouched, for an element of another type.
+ * Every output may be NULL; strings handed out are copies the caller frees. */
+ZRCONFIG_API bool cfg_schema_bool_values(cfg_schema_element *elem, int *has_default,
+                                         int *default_value);
+ZRCONFIG_API bool cfg_schema_int_values(cfg_schema_element *elem, int *has_min, int *min,
+                                        int *has_max, int *max, int *has_default,
+                                        int *default_value);
+ZRCONFIG_API bool cfg_schema_float_values(cfg_schema_element *elem, int *has_min,
+                                          double *min, int *has_max, double *max,
+                                          int *has_default, double *default_value);
+/* default_value and regex are NULL when not set. */
+ZRCONFIG_API bool cfg_schema_string_values(cfg_schema_element *elem, int *has_max, int *max,
+                                           int *has_min, int *min, char **default_value,
+                                           char **regex);
+ZRCONFIG_API bool cfg_schema_blob_values(cfg_schema_element *elem, int *has_min, int *min,
+                                         int *has_max, int *max);
+ZRCONFIG_API bool cfg_schema_list_values(cfg_schema_element *elem, int *element_kind,
+                                         int *has_min, int *min, int *has_max, int *max,
+                                         int *element_type, char **element_type_name);
+/* True when a target is set (*target is then a copy, else NULL). */
+ZRCONFIG_API bool cfg_schema_reference_value(cfg_schema_element *elem, char **target);
+ZRCONFIG_API bool cfg_schema_if_values(cfg_schema_element *elem, char **path, int *op,
+                                       int *value_type, cfg_schema_value *value,
+                                       int *eval_priority);
+ZRCONFIG_API bool cfg_schema_elem_type(cfg_schema_element *elem, int *out);
+ZRCONFIG_API bool cfg_schema_elem_uuid(cfg_schema_element *elem, char **out);
+ZRCONFIG_API bool cfg_schema_elem_generation(cfg_schema_element *elem, int *out);
+
+/* Setters replace old by a record of the named type under the same uuid,
+ * keeping flags (plus CFG_FLAG_CHANGED), generation, tags and, for int, float
+ * and string, allowed values. Old members are marked deleted and old is
+ * released: continue with the returned record. Parameters follow the fields. */
+ZRCONFIG_API cfg_schema_element *cfg_set_schema_bool(cfg *context, cfg_schema_element *old,
+                                                     int has_default, int default_value);
+ZRCONFIG_API cfg_schema_element *cfg_set_schema_int(cfg *context, cfg_schema_element *old,
+                                                    int has_min, int min, int has_max,
+                                                    int max, int has_default,
+                                                    int default_value);
+ZRCONFIG_API cfg_schema_element *cfg_set_schema_float(cfg *context, cfg_schema_element *old,
+                                                      int has_min, double min, int has_max,
+                                                      double max, int has_default,
+                                                      double default_value);
+ZRCONFIG_API cfg_schema_element *cfg_set_schema_string(cfg *context,
+                                                       cfg_schema_element *old, int has_min,
+                                                       int min, int has_max, int max,
+                                                       const char *regex,
+                                                       const char *default_value);
+ZRCONFIG_API cfg_schema_element *cfg_set_schema_blob(cfg *context, cfg_schema_element *old,
+                                                     int has_min, int min, int has_max,
+                                                     int max);
+ZRCONFIG_API cfg_schema_element *cfg_set_schema_list(cfg *context, cfg_schema_element *old,
+                                                     int element_kind, int has_min, int min,
+                                                     int has_max, int max, int element_type,
+                                                     const char *element_type_name);
+ZRCONFIG_API cfg_schema_element *cfg_set_schema_map(cfg *context, cfg_schema_element *old);
+ZRCONFIG_API cfg_schema_element *cfg_set_schema_reference(cfg *context,
+                                                          cfg_schema_element *old,
+                                                          const char *target);
+ZRCONFIG_API cfg_schema_element *cfg_set_schema_if(cfg *context, cfg_schema_element *old,
+                                                   const char *path, int op, int value_type,
+                                                   cfg_schema_value value,
+                                                   const char *value_id, int eval_priority);
+
+/* Allowed values (appended in order, repeats kept); editing sets
+ * CFG_FLAG_CHANGED. get_allowed_index hands out a copy of a string. */
+ZRCONFIG_API bool cfg_add_schema_int_allowed(cfg *context, cfg_schema_element *elem,
+                                             int value);
+ZRCONFIG_API bool cfg_delete_schema_int_allowed(cfg_schema_element *elem, int value);
+ZRCONFIG_API int cfg_schema_int_allowed_size(cfg_schema_element *elem);
+ZRCONFIG_API bool cfg_schema_int_get_allowed_index(cfg_schema_element *elem, int index,
+                                                   int *value);
+ZRCONFIG_API bool cfg_add_schema_float_allowed(cfg *context, cfg_schema_element *elem,
+                                               double value);
+ZRCONFIG_API bool cfg_delete_schema_float_allowed(cfg_schema_element *elem, double value);
+ZRCONFIG_API int cfg_schema_float_allowed_size(cfg_schema_element *elem);
+ZRCONFIG_API bool cfg_schema_float_get_allowed_index(cfg_schema_element *elem, int index,
+                                                     double *value);
+ZRCONFIG_API bool cfg_add_schema_string_allowed(cfg *context, cfg_schema_element *elem,
+                                                const char *value);
+ZRCONFIG_API bool cfg_delete_schema_string_allowed(cfg_schema_element *elem,
+                                                   const char *value);
+ZRCONFIG_API int cfg_schema_string_allowed_size(cfg_schema_element *elem);
+ZRCONFIG_API bool cfg_schema_string_get_allowed_index(cfg_schema_element *elem, int index,
+                                                      char **value);
+
+/* Tags, in insertion order; adding and deleting set CFG_FLAG_CHANGED. */
+ZRCONFIG_API bool cfg_add_schema_tag(cfg_schema_element *elem, const char *key,
+                                     const char *value);
+/* The value of the first tag under key (owned by the element), or NULL. */
+ZRCONFIG_API const char *cfg_get_schema_tag(cfg_schema_element *elem, const char *key);
+ZRCONFIG_API bool cfg_delete_schema_tag(cfg_schema_element *elem, const char *key);
+/* The element's own tag list (cfg_schema_tag items) and its length. */
+ZRCONFIG_API bool cfg_schema_tags(cfg_schema_element *elem, cfg_link **tags, int *count);
+
+/* Validators: a new record named name; parameters and paths are copied and
+ * appended; an element owns the validators attached to it. */
+ZRCONFIG_API cfg_schema_validator *cfg_init_schema_validator(cfg *context, const char *name);
+ZRCONFIG_API bool cfg_validator_add_param(cfg_schema_validator *validator, const char *text);
+ZRCONFIG_API bool cfg_validator_add_path(cfg_schema_validator *validator, const char *text);
+ZRCONFIG_API bool cfg_schema_add_validator(cfg_schema_element *elem,
+                                           cfg_schema_validator *validator);
+
 /* ------------------------------------------------------------------------
  * Schema tree and types
  * ---------------------------------------------------------------------- */
 
+/* Inserts elem under its uuid, dropping (not freeing) an element already
+ * there. */
+ZRCONFIG_API bool cfg_add_schema_elem(cfg_schema_index_entry **map, cfg_schema_element *elem);
+/* Removes the entry for uuid; the element is not freed. */
+ZRCONFIG_API bool cfg_delete_schema_elem(cfg_schema_index_entry **map, const char *uuid);
+ZRCONFIG_API cfg_schema_element *cfg_get_schema_node(cfg *context, const char *uuid);
+
+/* Keys of member list which (0 required, 1 optional, 2 deprecated) of a map
+ * or if element: a new array of copies, NULL when empty. */
+ZRCONFIG_API bool cfg_schema_map_keys(cfg_schema_element *elem, int which, char ***keys,
+                                      int *count);
+/* The uuid of the member under key in list which (owned by the link). */
+ZRCONFIG_API const char *cfg_get_schema_mapelem(cfg_schema_element *elem, int which,
+                                                const char *key);
+/* Links member under key into list which of a map; a member already under
+ * key is marked deleted and its link replaced. */
+ZRCONFIG_API bool cfg_add_schema_mapelem(cfg *context, cfg_schema_element *map, int which,
+                                         const char *key, cfg_schema_element *member);
+ZRCONFIG_API bool cfg_schema_map_delete_key_linkage(cfg_schema_element *elem, int which,
+                                                    const char *key);
+ZRCONFIG_API bool cfg_add_schema_map_conditionalelem(cfg *context, cfg_schema_element *elem,
+                                                     cfg_schema_element *if_elem);
+/* Removes the conditional link to uuid; later links move up one position. */
+ZRCONFIG_API bool cfg_delete_schema_map_conditionalelem_linkage(cfg_schema_element *elem,
+                                                                const char *uuid);
+ZRCONFIG_API bool cfg_schema_map_conditional_size(cfg_schema_element *elem, int *count);
+ZRCONFIG_API const char *cfg_get_schema_map_conditionalelem(cfg_schema_element *elem, int i);
+
+/* Marks elem deleted and, through required, optional and conditional links,
+ * everything below it (deprecated members are left alone). */
+ZRCONFIG_API void cfg_delete_schema_element(cfg *context, cfg_schema_element *elem);
+/* Marks what is below a map or if element deleted and elem changed. */
+ZRCONFIG_API void cfg_delete_schema_members(cfg *context, cfg_schema_element *elem);
+/* Frees an element and everything it owns; it must no longer be mapped. */
+ZRCONFIG_API void cfg_free_schema_element(cfg_schema_element *elem);
+/* Frees a map or if element's direct members and conditionals (dropping them
+ * from the uuid map), drops elem's own entry, and frees elem. */
+ZRCONFIG_API void cfg_free_schema_element_base(cfg *context, cfg_schema_element *elem);
+
+/* The type registry: names bound to the uuid of a schema element. */
+ZRCONFIG_API bool cfg_add_type(cfg *context, const char *name, const char *uuid);
+ZRCONFIG_API const char *cfg_get_type(cfg *context, const char *name);
+ZRCONFIG_API bool cfg_delete_type(cfg *context, const char *name);
+/* All names as a new array of copies in registry order (NULL when none). */
+ZRCONFIG_API bool cfg_types(cfg *context, char ***names, int *count);
+
+/* Drops the deprecated member links of elem and of everything below its
+ * required and optional members; a list of a named type works on the type. */
+ZRCONFIG_API bool cfg_schema_purge_deprecated(cfg *context, cfg_schema_element *elem);
+
 /* ------------------------------------------------------------------------
  * Schema JSON
  * ---------------------------------------------------------------------- */
+
+/* A new JSON object for elem, or NULL for an unknown type. The per-type
+ * writers give the keys of their type only. */
+ZRCONFIG_API json_t *schema_elem_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *schema_bool_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *schema_int_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *schema_float_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *schema_string_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *schema_blob_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *schema_list_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *schema_map_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *schema_reference_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *schema_if_to_json(cfg_schema_element *elem);
+ZRCONFIG_API json_t *validator_to_json(cfg_schema_validator *validator);
+
+/* A new schema element registered in the context, or NULL. The per-type
+ * readers read "id" and their own keys only. */
+ZRCONFIG_API cfg_schema_element *json_to_schema_elem(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_element *json_to_schema_bool(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_element *json_to_schema_int(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_element *json_to_schema_float(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_element *json_to_schema_string(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_element *json_to_schema_blob(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_element *json_to_schema_list(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_element *json_to_schema_map(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_element *json_to_schema_reference(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_element *json_to_schema_if(cfg *context, json_t *json);
+ZRCONFIG_API cfg_schema_validator *json_to_validator(cfg *context, json_t *json);
 
 /* ------------------------------------------------------------------------
  * Conditional evaluation and defaults

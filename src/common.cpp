@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <ossp/uuid.h>
+#include <pcre.h>
 
 using zr::zalloc;
 
@@ -77,32 +78,56 @@ extern "C" int cfg_free_config(cfg **handle)
 
 namespace {
 
-// Schema elements belong to the schema area; until it exists the map is empty.
-void release_schema_elements(cfg *, cfg_schema *) {}
+// Empties the schema's uuid map, releasing every schema element it holds.
+void release_schema_elements(cfg_schema *schema)
+{
+    cfg_schema_index_entry *entry, *tmp;
+    HASH_ITER(hh, schema->elements, entry, tmp)
+    {
+        HASH_DEL(schema->elements, entry);
+        cfg_free_schema_element(entry->element);
+        free(entry);
+    }
+}
 
 // Frees the type registry; a map-kind record owns its name.
 void release_types(cfg_link *types)
 {
     while (types != nullptr) {
         cfg_link *next = types->next;
-        auto *link = static_cast<cfg_parent_link *>(types->data);
-        if (link != nullptr && link->type == CFG_TYPE_MAP)
-            free(link->name);
-        free(link);
+        auto *type = static_cast<cfg_schema_type *>(types->data);
+        if (type != nullptr && type->type == CFG_TYPE_MAP)
+            free(type->name);
+        free(type);
         free(types);
         types = next;
     }
 }
 
+// Frees every compiled pattern of the cache with its pattern text.
+void release_regex_cache(cfg_schema *schema)
+{
+    cfg_regex_cache_entry *entry, *tmp;
+    HASH_ITER(hh, schema->regex_cache, entry, tmp)
+    {
+        HASH_DEL(schema->regex_cache, entry);
+        if (entry->compiled != nullptr)
+            pcre_free(entry->compiled);
+        free(entry->pattern);
+        free(entry);
+    }
+}
+
 } // namespace
 
-extern "C" int cfg_free_schema(cfg *context, cfg_schema **handle)
+extern "C" int cfg_free_schema(cfg *, cfg_schema **handle)
 {
     if (handle == nullptr || *handle == nullptr)
         return 0;
     cfg_schema *schema = *handle;
-    release_schema_elements(context, schema);
+    release_schema_elements(schema);
     release_types(schema->types);
+    release_regex_cache(schema);
     free(schema);
     *handle = nullptr;
     return 1;
@@ -172,6 +197,11 @@ extern "C" cfg_element *cfg_root(cfg *context)
     if (context == nullptr)
         return nullptr;
     return cfg_get_by_id(context, "root-1");
+}
+
+extern "C" struct cfg_schema_element *cfg_get_schema_by_id(cfg *context, const char *uuid)
+{
+    return cfg_get_schema_node(context, uuid);
 }
 
 extern "C" json_t *strings_to_list(char **strings)

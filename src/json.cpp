@@ -150,3 +150,553 @@ extern "C" int append_json_config_messages_to_context(cfg *context, json_t *arra
 // ------------------------------------------------------------------------
 // Schema JSON
 // ------------------------------------------------------------------------
+
+namespace {
+
+json_t *int_or_null(int has, int value)
+{
+    return has ? json_integer(value) : json_null();
+}
+
+json_t *string_or_null(const char *text)
+{
+    return text != nullptr ? json_string(text) : json_null();
+}
+
+bool has_type(const cfg_schema_element *elem, int type)
+{
+    return elem != nullptr && elem->type == type;
+}
+
+// The allowed entries of an element as a JSON array, by its type.
+json_t *allowed_to_json(const cfg_link *list, int type)
+{
+    json_t *array = json_array();
+    for (; list != nullptr; list = list->next) {
+        const auto *entry = static_cast<const cfg_schema_allowed *>(list->data);
+        if (type == CFG_TYPE_INT)
+            json_array_append_new(array, json_integer(entry->value.int_value));
+        else if (type == CFG_TYPE_FLOAT)
+            json_array_append_new(array, json_real(entry->value.float_value));
+        else
+            json_array_append_new(array, string_or_null(entry->value.string_value));
+    }
+    return array;
+}
+
+// A member list as an object from key to member uuid, in list order.
+json_t *mapids_to_json(const cfg_link *list)
+{
+    json_t *object = json_object();
+    for (; list != nullptr; list = list->next) {
+        const auto *link = static_cast<const cfg_schema_mapid *>(list->data);
+        json_object_set_new(object, link->key, json_string(link->uuid));
+    }
+    return object;
+}
+
+void set_members(json_t *object, const cfg_schema_members *members)
+{
+    json_object_set_new(object, "required", mapids_to_json(members->required));
+    json_object_set_new(object, "optional", mapids_to_json(members->optional));
+    json_object_set_new(object, "deprecated", mapids_to_json(members->deprecated));
+    json_t *conditionals = json_array();
+    for (const cfg_link *node = members->conditionals; node != nullptr; node = node->next) {
+        const auto *link = static_cast<const cfg_schema_mapconditional *>(node->data);
+        json_array_append_new(conditionals, json_string(link->uuid));
+    }
+    json_object_set_new(object, "conditionals", conditionals);
+}
+
+// Limits written under "min_length" and "max_length".
+json_t *length_limits_to_json(int has_min, int min, int has_max, int max)
+{
+    json_t *object = json_object();
+    json_object_set_new(object, "min_length", int_or_null(has_min, min));
+    json_object_set_new(object, "max_length", int_or_null(has_max, max));
+    return object;
+}
+
+const char *const operator_texts[] = {nullptr, nullptr, "==", "!=", ">", ">=", "<", "<="};
+
+// The comparison of an if element: the value object (or, for a float, the
+// number and then an object without "value") appended to expression.
+void append_if_value(json_t *expression, const cfg_schema_element *elem)
+{
+    const auto &part = elem->u.cond;
+    json_t *value = nullptr;
+    const char *type = nullptr;
+    switch (part.value_type) {
+    case 1: type = "bool"; value = json_boolean(part.value.bool_value); break;
+    case 2: type = "integer"; value = json_integer(part.value.int_value); break;
+    case 3: type = "string"; value = string_or_null(part.value.string_value); break;
+    case 4:
+        type = "float";
+        json_array_append_new(expression, json_real(part.value.float_value));
+        break;
+    default: return;
+    }
+    json_t *object = json_object();
+    json_object_set_new(object, "type", json_string(type));
+    if (value != nullptr)
+        json_object_set_new(object, "value", value);
+    json_object_set_new(object, "id", json_string(part.value_id));
+    json_array_append_new(expression, object);
+}
+
+// "min", "max", "default" and "allowed" of an int or float part; number
+// makes the JSON value of one of its numbers.
+template <typename Part, typename Number>
+json_t *numeric_to_json(const Part &part, int type, Number number)
+{
+    auto number_or_null = [&](int has, auto value) { return has ? number(value) : json_null(); };
+    json_t *object = json_object();
+    json_object_set_new(object, "min", number_or_null(part.has_min, part.min));
+    json_object_set_new(object, "max", number_or_null(part.has_max, part.max));
+    json_object_set_new(object, "default", number_or_null(part.has_default, part.default_value));
+    json_object_set_new(object, "allowed", allowed_to_json(part.allowed, type));
+    return object;
+}
+
+json_t *tags_to_json(const cfg_link *tags)
+{
+    json_t *object = json_object();
+    for (; tags != nullptr; tags = tags->next) {
+        const auto *tag = static_cast<const cfg_schema_tag *>(tags->data);
+        json_object_set_new(object, tag->key, json_string(tag->value));
+    }
+    return object;
+}
+
+} // namespace
+
+extern "C" json_t *schema_bool_to_json(cfg_schema_element *elem)
+{
+    if (!has_type(elem, CFG_TYPE_BOOL))
+        return nullptr;
+    const auto &part = elem->u.boolean;
+    json_t *object = json_object();
+    json_object_set_new(object, "default",
+                        part.has_default ? json_boolean(part.default_value) : json_null());
+    return object;
+}
+
+extern "C" json_t *schema_int_to_json(cfg_schema_element *elem)
+{
+    if (!has_type(elem, CFG_TYPE_INT))
+        return nullptr;
+    return numeric_to_json(elem->u.integer, CFG_TYPE_INT,
+                           [](int value) { return json_integer(value); });
+}
+
+extern "C" json_t *schema_float_to_json(cfg_schema_element *elem)
+{
+    if (!has_type(elem, CFG_TYPE_FLOAT))
+        return nullptr;
+    return numeric_to_json(elem->u.real, CFG_TYPE_FLOAT,
+                           [](double value) { return json_real(value); });
+}
+
+extern "C" json_t *schema_string_to_json(cfg_schema_element *elem)
+{
+    if (!has_type(elem, CFG_TYPE_STRING))
+        return nullptr;
+    const auto &part = elem->u.string;
+    json_t *object = length_limits_to_json(part.has_min, part.min, part.has_max, part.max);
+    json_object_set_new(object, "regex", string_or_null(part.has_regex ? part.regex : nullptr));
+    json_object_set_new(object, "default",
+                        string_or_null(part.has_default ? part.default_value : nullptr));
+    json_object_set_new(object, "allowed", allowed_to_json(part.allowed, CFG_TYPE_STRING));
+    return object;
+}
+
+extern "C" json_t *schema_blob_to_json(cfg_schema_element *elem)
+{
+    if (!has_type(elem, CFG_TYPE_BLOB))
+        return nullptr;
+    const auto &part = elem->u.blob;
+    return length_limits_to_json(part.has_min, part.min, part.has_max, part.max);
+}
+
+extern "C" json_t *schema_list_to_json(cfg_schema_element *elem)
+{
+    if (!has_type(elem, CFG_TYPE_LIST))
+        return nullptr;
+    const auto &part = elem->u.list;
+    json_t *object = length_limits_to_json(part.has_min, part.min, part.has_max, part.max);
+    json_object_set_new(object, "element_type",
+                        part.element_kind == 2 ? string_or_null(part.element_type_name)
+                                               : json_integer(part.element_type));
+    return object;
+}
+
+extern "C" json_t *schema_map_to_json(cfg_schema_element *elem)
+{
+    if (!has_type(elem, CFG_TYPE_MAP))
+        return nullptr;
+    json_t *object = json_object();
+    set_members(object, &elem->u.map);
+    return object;
+}
+
+extern "C" json_t *schema_reference_to_json(cfg_schema_element *elem)
+{
+    if (!has_type(elem, CFG_TYPE_REFERENCE))
+        return nullptr;
+    json_t *object = json_object();
+    json_object_set_new(object, "target", string_or_null(elem->u.reference.target));
+    return object;
+}
+
+extern "C" json_t *schema_if_to_json(cfg_schema_element *elem)
+{
+    if (!has_type(elem, CFG_TYPE_IF))
+        return nullptr;
+    const auto &part = elem->u.cond;
+    json_t *object = json_object();
+    json_object_set_new(object, "eval_priority", json_integer(part.eval_priority));
+    if (part.op == 1) {
+        json_object_set_new(object, "exists", string_or_null(part.path));
+    } else {
+        json_t *expression = json_array();
+        json_array_append_new(expression, string_or_null(part.path));
+        if (part.op >= 2 && part.op <= 7)
+            json_array_append_new(expression, json_string(operator_texts[part.op]));
+        append_if_value(expression, elem);
+        json_object_set_new(object, "expression", expression);
+    }
+    set_members(object, &part.members);
+    return object;
+}
+
+extern "C" json_t *validator_to_json(cfg_schema_validator *validator)
+{
+    if (validator == nullptr)
+        return nullptr;
+    json_t *params = json_array();
+    for (int i = 0; i < validator->params_count; i++)
+        json_array_append_new(params, string_or_null(validator->params[i]));
+    json_t *paths = json_array();
+    for (int i = 0; i < validator->paths_count; i++)
+        json_array_append_new(paths, string_or_null(validator->paths[i]));
+    json_t *object = json_object();
+    json_object_set_new(object, "validator", string_or_null(validator->name));
+    json_object_set_new(object, "parameters", params);
+    json_object_set_new(object, "paths", paths);
+    return object;
+}
+
+extern "C" json_t *schema_elem_to_json(cfg_schema_element *elem)
+{
+    if (elem == nullptr)
+        return nullptr;
+    json_t *object = nullptr;
+    switch (elem->type) {
+    case CFG_TYPE_BOOL: object = schema_bool_to_json(elem); break;
+    case CFG_TYPE_INT: object = schema_int_to_json(elem); break;
+    case CFG_TYPE_FLOAT: object = schema_float_to_json(elem); break;
+    case CFG_TYPE_STRING: object = schema_string_to_json(elem); break;
+    case CFG_TYPE_BLOB: object = schema_blob_to_json(elem); break;
+    case CFG_TYPE_LIST: object = schema_list_to_json(elem); break;
+    case CFG_TYPE_MAP: object = schema_map_to_json(elem); break;
+    case CFG_TYPE_REFERENCE: object = schema_reference_to_json(elem); break;
+    case CFG_TYPE_IF: object = schema_if_to_json(elem); break;
+    default: return nullptr;
+    }
+    json_object_set_new(object, "generation", json_integer(elem->generation));
+    json_object_set_new(object, "type", json_integer(elem->type));
+    json_object_set_new(object, "id", json_string(elem->uuid));
+    json_object_set_new(object, "tags", tags_to_json(elem->tags));
+    if (elem->validators_count >= 1) {
+        json_t *validators = json_array();
+        for (int i = 0; i < elem->validators_count; i++)
+            json_array_append_new(validators, validator_to_json(elem->validators[i]));
+        json_object_set_new(object, "validators", validators);
+    }
+    return object;
+}
+
+namespace {
+
+const char *id_of(json_t *json)
+{
+    return json_string_value(json_object_get(json, "id"));
+}
+
+// An integer member: true and *out when the value is a JSON integer.
+bool read_int(json_t *json, const char *key, int *out)
+{
+    json_t *value = json_object_get(json, key);
+    if (!json_is_integer(value))
+        return false;
+    *out = static_cast<int>(json_integer_value(value));
+    return true;
+}
+
+// A real member: integers do not count.
+bool read_real(json_t *json, const char *key, double *out)
+{
+    json_t *value = json_object_get(json, key);
+    if (!json_is_real(value))
+        return false;
+    *out = json_real_value(value);
+    return true;
+}
+
+struct length_limits {
+    int has_min = 0, min = 0, has_max = 0, max = 0;
+};
+
+length_limits read_length_limits(json_t *json)
+{
+    length_limits limits;
+    limits.has_min = read_int(json, "min_length", &limits.min);
+    limits.has_max = read_int(json, "max_length", &limits.max);
+    return limits;
+}
+
+// Member links of the three key objects and the conditional links.
+void read_members(cfg_schema_element *elem, json_t *json)
+{
+    const char *lists[] = {"required", "optional", "deprecated"};
+    for (int which = 0; which < 3; which++) {
+        const char *key;
+        json_t *value;
+        json_object_foreach(json_object_get(json, lists[which]), key, value)
+        {
+            if (json_is_string(value))
+                cfg_load_schema_mapid(elem, which, key, json_string_value(value));
+        }
+    }
+    size_t i;
+    json_t *item;
+    json_array_foreach(json_object_get(json, "conditionals"), i, item)
+    {
+        if (json_is_string(item))
+            cfg_load_schema_mapconditional(elem, json_string_value(item));
+    }
+}
+
+int operator_code(const char *text)
+{
+    for (int op = 2; op <= 7; op++)
+        if (strcmp(text, operator_texts[op]) == 0)
+            return op;
+    return 0;
+}
+
+// The condition of an if element as read from "exists" or "expression".
+struct if_condition {
+    const char *path = nullptr;
+    int op = 0;
+    int value_type = 0;
+    cfg_schema_value value{};
+    const char *value_id = nullptr;
+};
+
+void read_if_value(if_condition &condition, json_t *object)
+{
+    const char *type = json_string_value(json_object_get(object, "type"));
+    json_t *value = json_object_get(object, "value");
+    condition.value_id = json_string_value(json_object_get(object, "id"));
+    if (type == nullptr)
+        return;
+    if (strcmp(type, "string") == 0) {
+        condition.value_type = 3;
+        condition.value.string_value = const_cast<char *>(json_string_value(value));
+    } else if (strcmp(type, "int") == 0) {
+        condition.value_type = 2;
+        condition.value.int_value = static_cast<int>(json_integer_value(value));
+    } else if (strcmp(type, "bool") == 0) {
+        condition.value_type = 1;
+        condition.value.bool_value = json_is_true(value);
+    } else if (strcmp(type, "float") == 0) {
+        condition.value_type = 4;
+        condition.value.float_value = json_real_value(value);
+    }
+}
+
+if_condition read_if_condition(json_t *json)
+{
+    if_condition condition;
+    if (json_t *exists = json_object_get(json, "exists")) {
+        if (json_is_string(exists)) {
+            condition.op = 1;
+            condition.path = json_string_value(exists);
+        }
+        return condition;
+    }
+    json_t *expression = json_object_get(json, "expression");
+    if (!json_is_array(expression) || json_array_size(expression) != 3)
+        return condition;
+    json_t *path = json_array_get(expression, 0);
+    json_t *op = json_array_get(expression, 1);
+    json_t *value = json_array_get(expression, 2);
+    if (!json_is_string(path) || !json_is_string(op) || !json_is_object(value))
+        return condition;
+    condition.path = json_string_value(path);
+    condition.op = operator_code(json_string_value(op));
+    read_if_value(condition, value);
+    return condition;
+}
+
+} // namespace
+
+extern "C" cfg_schema_element *json_to_schema_bool(cfg *context, json_t *json)
+{
+    json_t *value = json_object_get(json, "default");
+    int has_default = json_is_boolean(value);
+    return cfg_load_schema_bool(context, id_of(json), has_default, json_is_true(value));
+}
+
+extern "C" cfg_schema_element *json_to_schema_int(cfg *context, json_t *json)
+{
+    int min = 0, max = 0, default_value = 0;
+    int has_min = read_int(json, "min", &min);
+    int has_max = read_int(json, "max", &max);
+    int has_default = read_int(json, "default", &default_value);
+    cfg_schema_element *elem = cfg_load_schema_int(context, id_of(json), has_max, max,
+                                                   has_min, min, has_default, default_value);
+    size_t i;
+    json_t *item;
+    json_array_foreach(json_object_get(json, "allowed"), i, item)
+    {
+        cfg_add_schema_int_allowed(context, elem, static_cast<int>(json_integer_value(item)));
+    }
+    return elem;
+}
+
+extern "C" cfg_schema_element *json_to_schema_float(cfg *context, json_t *json)
+{
+    double min = 0, max = 0, default_value = 0;
+    int has_min = read_real(json, "min", &min);
+    int has_max = read_real(json, "max", &max);
+    int has_default = read_real(json, "default", &default_value);
+    cfg_schema_element *elem = cfg_load_schema_float(
+        context, id_of(json), has_max, has_min, has_default, max, min, default_value);
+    size_t i;
+    json_t *item;
+    json_array_foreach(json_object_get(json, "allowed"), i, item)
+    {
+        cfg_add_schema_float_allowed(context, elem, json_real_value(item));
+    }
+    return elem;
+}
+
+extern "C" cfg_schema_element *json_to_schema_string(cfg *context, json_t *json)
+{
+    length_limits limits = read_length_limits(json);
+    cfg_schema_element *elem = cfg_load_schema_string(
+        context, id_of(json), limits.has_max, limits.max, limits.has_min, limits.min,
+        json_string_value(json_object_get(json, "default")),
+        json_string_value(json_object_get(json, "regex")));
+    size_t i;
+    json_t *item;
+    json_array_foreach(json_object_get(json, "allowed"), i, item)
+    {
+        if (json_is_string(item))
+            cfg_add_schema_string_allowed(context, elem, json_string_value(item));
+    }
+    return elem;
+}
+
+extern "C" cfg_schema_element *json_to_schema_blob(cfg *context, json_t *json)
+{
+    length_limits limits = read_length_limits(json);
+    return cfg_load_schema_blob(context, id_of(json), limits.has_max, limits.max,
+                                limits.has_min, limits.min);
+}
+
+extern "C" cfg_schema_element *json_to_schema_list(cfg *context, json_t *json)
+{
+    json_t *element_type = json_object_get(json, "element_type");
+    int kind = json_is_string(element_type) ? 2 : json_is_integer(element_type) ? 1 : 0;
+    if (kind == 0)
+        return nullptr;
+    length_limits limits = read_length_limits(json);
+    int type_code = kind == 1 ? static_cast<int>(json_integer_value(element_type)) : 0;
+    return cfg_load_schema_list(context, id_of(json), limits.has_max, limits.max,
+                                limits.has_min, limits.min, kind, type_code,
+                                json_string_value(element_type));
+}
+
+extern "C" cfg_schema_element *json_to_schema_map(cfg *context, json_t *json)
+{
+    cfg_schema_element *elem = cfg_load_schema_map(context, id_of(json));
+    if (elem != nullptr)
+        read_members(elem, json);
+    return elem;
+}
+
+extern "C" cfg_schema_element *json_to_schema_reference(cfg *context, json_t *json)
+{
+    return cfg_load_schema_reference(context, id_of(json),
+                                     json_string_value(json_object_get(json, "target")));
+}
+
+extern "C" cfg_schema_element *json_to_schema_if(cfg *context, json_t *json)
+{
+    int eval_priority = 0;
+    read_int(json, "eval_priority", &eval_priority);
+    if_condition condition = read_if_condition(json);
+    cfg_schema_element *elem =
+        cfg_load_schema_if(context, id_of(json), condition.path, condition.op,
+                           condition.value_type, condition.value, condition.value_id,
+                           eval_priority);
+    if (elem != nullptr)
+        read_members(elem, json);
+    return elem;
+}
+
+extern "C" cfg_schema_validator *json_to_validator(cfg *context, json_t *json)
+{
+    cfg_schema_validator *validator =
+        cfg_init_schema_validator(context, json_string_value(json_object_get(json, "validator")));
+    if (validator == nullptr)
+        return nullptr;
+    size_t i;
+    json_t *item;
+    json_array_foreach(json_object_get(json, "parameters"), i, item)
+    {
+        cfg_validator_add_param(validator, json_string_value(item));
+    }
+    json_array_foreach(json_object_get(json, "paths"), i, item)
+    {
+        cfg_validator_add_path(validator, json_string_value(item));
+    }
+    return validator;
+}
+
+extern "C" cfg_schema_element *json_to_schema_elem(cfg *context, json_t *json)
+{
+    cfg_schema_element *elem = nullptr;
+    switch (json_integer_value(json_object_get(json, "type"))) {
+    case CFG_TYPE_BOOL: elem = json_to_schema_bool(context, json); break;
+    case CFG_TYPE_INT: elem = json_to_schema_int(context, json); break;
+    case CFG_TYPE_FLOAT: elem = json_to_schema_float(context, json); break;
+    case CFG_TYPE_STRING: elem = json_to_schema_string(context, json); break;
+    case CFG_TYPE_BLOB: elem = json_to_schema_blob(context, json); break;
+    case CFG_TYPE_LIST: elem = json_to_schema_list(context, json); break;
+    case CFG_TYPE_MAP: elem = json_to_schema_map(context, json); break;
+    case CFG_TYPE_REFERENCE: elem = json_to_schema_reference(context, json); break;
+    case CFG_TYPE_IF: elem = json_to_schema_if(context, json); break;
+    default: return nullptr;
+    }
+    if (elem == nullptr)
+        return nullptr;
+    size_t i;
+    json_t *item;
+    json_array_foreach(json_object_get(json, "validators"), i, item)
+    {
+        cfg_schema_add_validator(elem, json_to_validator(context, item));
+    }
+    elem->generation = static_cast<int>(json_integer_value(json_object_get(json, "generation")));
+    const char *key;
+    json_t *value;
+    json_object_foreach(json_object_get(json, "tags"), key, value)
+    {
+        if (json_is_string(value))
+            cfg_add_schema_tag(elem, key, json_string_value(value));
+    }
+    return elem;
+}

@@ -1,0 +1,337 @@
+// Schema JSON: an appliance schema loaded, navigated and written back, the
+// reading rules that ignore values of the wrong JSON type, and the
+// deliberate asymmetries between writer and reader.
+#include "context.h"
+#include "json_text.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+using zrtest::context_handle;
+using zrtest::json_handle;
+using zrtest::parse_json;
+using zrtest::sorted_dump;
+
+namespace {
+
+std::string take(char *text)
+{
+    std::string out = text != nullptr ? text : "(null)";
+    free(text);
+    return out;
+}
+
+cfg_schema_element *load(cfg *ctx, const char *text)
+{
+    json_handle json = parse_json(text);
+    return json_to_schema_elem(ctx, json.get());
+}
+
+// Every element in the form the writer produces, so that writing an element
+// back gives the object it was read from.
+const char *const appliance_schema = R"({
+ "root": {"id": "root", "type": 8, "generation": 3, "tags": {"ui": "root"},
+   "required": {"system": "sys", "interfaces": "ifl"}, "optional": {"motd": "motd"},
+   "deprecated": {"legacy_dns": "ldns"}, "conditionals": []},
+ "sys": {"id": "sys", "type": 8, "generation": 3, "tags": {},
+   "required": {"hostname": "host", "timezone": "tz"}, "optional": {"mode": "mode"},
+   "deprecated": {}, "conditionals": ["ifstatic"]},
+ "host": {"id": "host", "type": 4, "generation": 1, "tags": {"label": "Host name"},
+   "min_length": 1, "max_length": 63, "regex": "^[a-z0-9-]+$", "default": "appliance",
+   "allowed": []},
+ "tz": {"id": "tz", "type": 4, "generation": 1, "tags": {}, "min_length": null,
+   "max_length": null, "regex": null, "default": "UTC", "allowed": [],
+   "validators": [{"validator": "timezone", "parameters": [], "paths": []}]},
+ "mode": {"id": "mode", "type": 4, "generation": 1, "tags": {}, "min_length": null,
+   "max_length": null, "regex": null, "default": "dhcp", "allowed": ["dhcp", "static"]},
+ "ifstatic": {"id": "ifstatic", "type": 10, "generation": 2, "tags": {}, "eval_priority": 1,
+   "expression": [".mode", "==", {"type": "string", "value": "static", "id": "v-static"}],
+   "required": {"gateway": "gw"}, "optional": {}, "deprecated": {}, "conditionals": []},
+ "gw": {"id": "gw", "type": 4, "generation": 2, "tags": {}, "min_length": 7,
+   "max_length": 15, "regex": null, "default": null, "allowed": []},
+ "ifl": {"id": "ifl", "type": 7, "generation": 1, "tags": {}, "min_length": 1,
+   "max_length": 16, "element_type": "interface",
+   "validators": [{"validator": "uniqueness", "parameters": ["name"],
+                   "paths": ["interfaces.*.name", "interfaces.*.mac"]}]},
+ "iface": {"id": "iface", "type": 8, "generation": 1, "tags": {},
+   "required": {"name": "ifname", "mtu": "mtu"}, "optional": {"enabled": "en", "speed": "speed"},
+   "deprecated": {"duplex": "dup"}, "conditionals": []},
+ "ifname": {"id": "ifname", "type": 4, "generation": 1, "tags": {}, "min_length": 1,
+   "max_length": 15, "regex": "^[a-z]+[0-9]+$", "default": null, "allowed": []},
+ "mtu": {"id": "mtu", "type": 2, "generation": 1, "tags": {}, "min": 576, "max": 9000,
+   "default": 1500, "allowed": [1500, 9000]},
+ "en": {"id": "en", "type": 1, "generation": 1, "tags": {}, "default": true},
+ "speed": {"id": "speed", "type": 3, "generation": 1, "tags": {}, "min": 0.0, "max": 100.0,
+   "default": null, "allowed": [10.0, 100.0]},
+ "dup": {"id": "dup", "type": 4, "generation": 1, "tags": {}, "min_length": null,
+   "max_length": null, "regex": null, "default": null, "allowed": []},
+ "motd": {"id": "motd", "type": 6, "generation": 1, "tags": {}, "min_length": null,
+   "max_length": 4096},
+ "ldns": {"id": "ldns", "type": 9, "generation": 1, "tags": {}, "target": "dns-servers"}
+})";
+
+// Loads the appliance schema as a session does: every element, flags
+// cleared, the root set and the named type registered.
+void load_appliance(cfg *ctx, json_t *nodes)
+{
+    const char *key;
+    json_t *value;
+    json_object_foreach(nodes, key, value)
+    {
+        cfg_schema_element *elem = json_to_schema_elem(ctx, value);
+        ASSERT_NE(elem, nullptr) << key;
+        elem->flags = 0;
+    }
+    ctx->schema->root = cfg_get_schema_node(ctx, "root");
+    cfg_add_type(ctx, "interface", "iface");
+}
+
+} // namespace
+
+TEST(SchemaJson, ApplianceSchemaLoadsNavigatesAndWritesBack)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    json_handle nodes = parse_json(appliance_schema);
+    load_appliance(ctx, nodes.get());
+
+    cfg_schema_element *root = cfg_schema_root(ctx);
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(root->generation, 3);
+    EXPECT_STREQ(cfg_get_schema_tag(root, "ui"), "root");
+    EXPECT_STREQ(cfg_get_schema_mapelem(root, 2, "legacy_dns"), "ldns");
+
+    // root -> interfaces (list of the named type) -> interface -> mtu
+    cfg_schema_element *ifl = cfg_get_schema_by_id(ctx, cfg_get_schema_mapelem(root, 0, "interfaces"));
+    int kind = 0, max = 0;
+    char *type_name = nullptr;
+    ASSERT_TRUE(cfg_schema_list_values(ifl, &kind, nullptr, nullptr, nullptr, &max, nullptr, &type_name));
+    EXPECT_EQ(kind, 2);
+    EXPECT_EQ(max, 16);
+    cfg_schema_element *iface = cfg_get_schema_node(ctx, cfg_get_type(ctx, take(type_name).c_str()));
+    ASSERT_NE(iface, nullptr);
+    cfg_schema_element *mtu = cfg_get_schema_node(ctx, cfg_get_schema_mapelem(iface, 0, "mtu"));
+    int has_min = 0, min = 0, def = 0;
+    ASSERT_TRUE(cfg_schema_int_values(mtu, &has_min, &min, nullptr, &max, nullptr, &def));
+    EXPECT_EQ(min, 576);
+    EXPECT_EQ(max, 9000);
+    EXPECT_EQ(def, 1500);
+    EXPECT_EQ(cfg_schema_int_allowed_size(mtu), 2);
+
+    ASSERT_EQ(ifl->validators_count, 1);
+    cfg_schema_validator *unique = ifl->validators[0];
+    EXPECT_STREQ(unique->name, "uniqueness");
+    ASSERT_EQ(unique->params_count, 1);
+    EXPECT_STREQ(unique->params[0], "name");
+    ASSERT_EQ(unique->paths_count, 2);
+    EXPECT_STREQ(unique->paths[1], "interfaces.*.mac");
+
+    // system -> conditional "ifstatic" -> gateway
+    cfg_schema_element *sys = cfg_get_schema_node(ctx, cfg_get_schema_mapelem(root, 0, "system"));
+    cfg_schema_element *cond = cfg_get_schema_node(ctx, cfg_get_schema_map_conditionalelem(sys, 0));
+    char *path = nullptr;
+    int op = 0, value_type = 0, priority = 0;
+    cfg_schema_value value;
+    ASSERT_TRUE(cfg_schema_if_values(cond, &path, &op, &value_type, &value, &priority));
+    EXPECT_EQ(take(path), ".mode");
+    EXPECT_EQ(op, 2);
+    EXPECT_EQ(value_type, 3);
+    EXPECT_EQ(take(value.string_value), "static");
+    EXPECT_EQ(priority, 1);
+    EXPECT_STREQ(cond->u.cond.value_id, "v-static");
+    EXPECT_STREQ(cfg_get_schema_mapelem(cond, 0, "gateway"), "gw");
+
+    const char *key;
+    json_t *original;
+    json_object_foreach(nodes.get(), key, original)
+    {
+        json_handle written(schema_elem_to_json(cfg_get_schema_node(ctx, key)));
+        EXPECT_TRUE(json_equal(written.get(), original))
+            << key << ": " << sorted_dump(written.get()) << "\n  vs " << sorted_dump(original);
+    }
+
+    // Purging through the named list type drops the interface's deprecated
+    // keys; the elements they named stay.
+    EXPECT_TRUE(cfg_schema_purge_deprecated(ctx, ifl));
+    EXPECT_EQ(cfg_get_schema_mapelem(iface, 2, "duplex"), nullptr);
+    EXPECT_NE(cfg_get_schema_node(ctx, "dup"), nullptr);
+    EXPECT_STREQ(cfg_get_schema_mapelem(root, 2, "legacy_dns"), "ldns");
+}
+
+TEST(SchemaJson, ValuesOfTheWrongJsonTypeAreIgnored)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    int has_max = -1, max = 0, has_min = -1, has_default = -1, def = 0;
+    double dmax = 0;
+
+    cfg_schema_element *s = load(ctx, R"({"id": "s", "type": 4, "min_length": 2.0,
+        "max_length": 8, "regex": 5, "default": false, "allowed": ["a", 1, null, "b"]})");
+    char *regex = nullptr, *sdef = nullptr;
+    cfg_schema_string_values(s, &has_max, &max, &has_min, nullptr, &sdef, &regex);
+    EXPECT_EQ(has_min, 0);
+    EXPECT_EQ(has_max, 1);
+    EXPECT_EQ(regex, nullptr);
+    EXPECT_EQ(sdef, nullptr);
+    EXPECT_EQ(cfg_schema_string_allowed_size(s), 2);
+
+    cfg_schema_element *f = load(ctx, R"({"id": "f", "type": 3, "max": 5, "min": 1.5,
+        "allowed": [1.5, 2, "x"]})");
+    cfg_schema_float_values(f, &has_min, nullptr, &has_max, nullptr, nullptr, nullptr);
+    EXPECT_EQ(has_max, 0); // an integer is not a real here
+    EXPECT_EQ(has_min, 1);
+    double second = -1;
+    ASSERT_EQ(cfg_schema_float_allowed_size(f), 3);
+    cfg_schema_float_get_allowed_index(f, 1, &second);
+    EXPECT_EQ(second, 0.0);
+    cfg_schema_element *f2 = load(ctx, R"({"id": "f2", "type": 3, "max": 5.0})");
+    cfg_schema_float_values(f2, nullptr, nullptr, &has_max, &dmax, nullptr, nullptr);
+    EXPECT_EQ(has_max, 1);
+    EXPECT_EQ(dmax, 5.0);
+
+    cfg_schema_element *i = load(ctx, R"({"id": "i", "type": 2, "min": "3", "max": 9.0,
+        "default": 4, "allowed": [7, "8", 9.5]})");
+    cfg_schema_int_values(i, &has_min, nullptr, &has_max, nullptr, &has_default, &def);
+    EXPECT_EQ(has_min + has_max, 0);
+    EXPECT_EQ(def, 4);
+    int item = -1;
+    ASSERT_EQ(cfg_schema_int_allowed_size(i), 3);
+    cfg_schema_int_get_allowed_index(i, 1, &item);
+    EXPECT_EQ(item, 0);
+
+    cfg_schema_element *b = load(ctx, R"({"id": "b", "type": 1, "default": "yes"})");
+    cfg_schema_bool_values(b, &has_default, nullptr);
+    EXPECT_EQ(has_default, 0);
+    cfg_schema_element *b2 = load(ctx, R"({"id": "b2", "type": 1, "default": false})");
+    cfg_schema_bool_values(b2, &has_default, &def);
+    EXPECT_EQ(has_default, 1);
+    EXPECT_EQ(def, 0);
+
+    cfg_schema_element *blob = load(ctx, R"({"id": "bl", "type": 6, "max_length": "10"})");
+    cfg_schema_blob_values(blob, nullptr, nullptr, &has_max, nullptr);
+    EXPECT_EQ(has_max, 0);
+
+    cfg_schema_element *m = load(ctx, R"({"id": "m", "type": 8, "required": {"a": "ua", "b": 3},
+        "conditionals": ["c1", 2, "c2"], "tags": {"x": "1", "y": 2}, "generation": "7"})");
+    EXPECT_STREQ(cfg_get_schema_mapelem(m, 0, "a"), "ua");
+    EXPECT_EQ(cfg_get_schema_mapelem(m, 0, "b"), nullptr);
+    int conditionals = 0;
+    cfg_schema_map_conditional_size(m, &conditionals);
+    EXPECT_EQ(conditionals, 2);
+    EXPECT_STREQ(cfg_get_schema_tag(m, "x"), "1");
+    EXPECT_EQ(cfg_get_schema_tag(m, "y"), nullptr);
+    EXPECT_EQ(m->generation, 0);
+    EXPECT_EQ(m->flags, unsigned(CFG_FLAG_CHANGED)); // set by the tag
+}
+
+TEST(SchemaJson, RejectedObjects)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    for (const char *text : {R"({"id": "x", "type": 5})", R"({"id": "x", "type": 11})",
+                             R"({"id": "x", "type": "4"})", R"({"id": "x", "type": 7})",
+                             R"({"id": "x", "type": 7, "element_type": true})", R"([1])"})
+        EXPECT_EQ(load(ctx, text), nullptr) << text;
+    EXPECT_EQ(cfg_get_schema_node(ctx, "x"), nullptr);
+
+    cfg_schema_element fake;
+    memset(&fake, 0, sizeof fake);
+    for (int type : {0, 5, 11}) {
+        fake.type = type;
+        EXPECT_EQ(schema_elem_to_json(&fake), nullptr) << type;
+    }
+    cfg_schema_element *list = load(ctx, R"({"id": "l", "type": 7, "element_type": 4})");
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(list->u.list.element_kind, 1);
+    EXPECT_EQ(list->u.list.element_type, CFG_TYPE_STRING);
+}
+
+TEST(SchemaJson, TagsAlwaysWrittenValidatorsOnlyWhenPresent)
+{
+    context_handle h;
+    cfg_schema_element *b = cfg_new_schema_bool(h.get(), 0, 0);
+    json_handle plain(schema_elem_to_json(b));
+    EXPECT_EQ(sorted_dump(json_object_get(plain.get(), "tags")), "{}");
+    EXPECT_EQ(json_object_get(plain.get(), "validators"), nullptr);
+    EXPECT_TRUE(json_is_null(json_object_get(plain.get(), "default")));
+
+    cfg_add_schema_tag(b, "k", "first");
+    cfg_add_schema_tag(b, "k", "second");
+    cfg_schema_add_validator(b, cfg_init_schema_validator(h.get(), "no_password"));
+    json_handle full(schema_elem_to_json(b));
+    EXPECT_EQ(sorted_dump(json_object_get(full.get(), "tags")), R"({"k":"second"})");
+    EXPECT_EQ(sorted_dump(json_object_get(full.get(), "validators")),
+              R"([{"parameters":[],"paths":[],"validator":"no_password"}])");
+
+    cfg_schema_element *l = cfg_new_schema_list(h.get(), 0, 0, 0, 0, 2, 0, nullptr);
+    json_handle list(schema_elem_to_json(l));
+    EXPECT_TRUE(json_is_null(json_object_get(list.get(), "element_type")));
+}
+
+TEST(SchemaJson, IfWriterAndReaderKeepTheirAsymmetries)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_schema_value value;
+    memset(&value, 0, sizeof value);
+
+    value.int_value = 1000;
+    cfg_schema_element *ge = cfg_load_schema_if(ctx, "ge", "^.mtu", 5, 2, value, "v-1", 2);
+    json_handle ge_json(schema_elem_to_json(ge));
+    EXPECT_EQ(sorted_dump(json_object_get(ge_json.get(), "expression")),
+              R"(["^.mtu",">=",{"id":"v-1","type":"integer","value":1000}])");
+    json_object_set_new(ge_json.get(), "id", json_string("ge-back"));
+    cfg_schema_element *ge_back = json_to_schema_elem(ctx, ge_json.get());
+    EXPECT_EQ(ge_back->u.cond.op, 5);
+    EXPECT_EQ(ge_back->u.cond.value_type, 0); // "integer" is not read as "int"
+    EXPECT_STREQ(ge_back->u.cond.path, "^.mtu");
+
+    value.float_value = 2.5;
+    cfg_schema_element *lt = cfg_load_schema_if(ctx, "lt", ".load", 6, 4, value, "v-2", 0);
+    json_handle lt_json(schema_elem_to_json(lt));
+    EXPECT_EQ(sorted_dump(json_object_get(lt_json.get(), "expression")),
+              R"([".load","<",2.5,{"id":"v-2","type":"float"}])");
+    json_object_set_new(lt_json.get(), "id", json_string("lt-back"));
+    cfg_schema_element *lt_back = json_to_schema_elem(ctx, lt_json.get());
+    EXPECT_EQ(lt_back->u.cond.op, 0);
+    EXPECT_EQ(lt_back->u.cond.path, nullptr);
+    EXPECT_EQ(strlen(lt_back->u.cond.value_id), 36u); // generated
+
+    cfg_schema_element *none = cfg_load_schema_if(ctx, "none", nullptr, 0, 0, value, "v-3", 0);
+    json_handle none_json(schema_elem_to_json(none));
+    EXPECT_EQ(sorted_dump(json_object_get(none_json.get(), "expression")), "[null]");
+
+    cfg_schema_element *ex = cfg_load_schema_if(ctx, "ex", ".gateway", 1, 0, value, nullptr, 4);
+    json_handle ex_json(schema_elem_to_json(ex));
+    EXPECT_STREQ(json_string_value(json_object_get(ex_json.get(), "exists")), ".gateway");
+    EXPECT_EQ(json_object_get(ex_json.get(), "expression"), nullptr);
+
+    struct {
+        const char *text;
+        int op, value_type;
+        const char *path;
+    } reads[] = {
+        {R"({"exists": ".a"})", 1, 0, ".a"},
+        {R"({"exists": 3, "expression": ["p", "==", {"type": "int", "value": 1}]})", 0, 0, nullptr},
+        {R"({"expression": ["p", "!=", {"type": "bool"}]})", 3, 1, "p"},
+        {R"({"expression": ["p", "<=", {"type": "float", "value": 1.5}]})", 7, 4, "p"},
+        {R"({"expression": ["p", "~", {"type": "int", "value": 1}]})", 0, 2, "p"},
+        {R"({"expression": ["p", "==", {"type": "date", "value": 1}]})", 2, 0, "p"},
+        {R"({"expression": ["p", "==", "x"]})", 0, 0, nullptr},
+        {R"({"expression": [1, "==", {"type": "int"}]})", 0, 0, nullptr},
+    };
+    for (const auto &r : reads) {
+        json_handle json = parse_json(r.text);
+        json_object_set_new(json.get(), "type", json_integer(CFG_TYPE_IF));
+        json_object_set_new(json.get(), "eval_priority", json_real(2.0));
+        cfg_schema_element *e = json_to_schema_elem(ctx, json.get());
+        ASSERT_NE(e, nullptr) << r.text;
+        EXPECT_EQ(e->u.cond.op, r.op) << r.text;
+        EXPECT_EQ(e->u.cond.value_type, r.value_type) << r.text;
+        EXPECT_EQ(e->u.cond.eval_priority, 0) << r.text;
+        EXPECT_STREQ(e->u.cond.path, r.path) << r.text;
+    }
+}

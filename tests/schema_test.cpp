@@ -1,0 +1,521 @@
+// Schema elements, links, deletion marking, setters, the type registry and
+// purging of deprecated members.
+#include "context.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+using zrtest::context_handle;
+
+namespace {
+
+std::vector<std::string> take_strings(char **texts, int count)
+{
+    std::vector<std::string> out;
+    for (int i = 0; i < count; i++) {
+        out.emplace_back(texts[i]);
+        free(texts[i]);
+    }
+    free(texts);
+    return out;
+}
+
+std::vector<std::string> keys_of(cfg_schema_element *elem, int which)
+{
+    char **keys = nullptr;
+    int count = -1;
+    EXPECT_TRUE(cfg_schema_map_keys(elem, which, &keys, &count));
+    return take_strings(keys, count);
+}
+
+std::string take(char *text)
+{
+    std::string out = text != nullptr ? text : "(null)";
+    free(text);
+    return out;
+}
+
+cfg_schema_value no_value()
+{
+    cfg_schema_value value;
+    memset(&value, 0, sizeof value);
+    return value;
+}
+
+cfg_schema_element *new_if(cfg *ctx, const char *path, int op)
+{
+    cfg_schema_value value = no_value();
+    value.int_value = 7;
+    return cfg_new_schema_if(ctx, path, op, 2, value, 0);
+}
+
+bool deleted(cfg_schema_element *elem)
+{
+    return (elem->flags & CFG_FLAG_DELETED) != 0;
+}
+
+} // namespace
+
+TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
+{
+    context_handle h;
+    cfg_schema_element *s = cfg_new_schema_string(h.get(), 1, 32, 1, 2, "eth0", "^eth[0-9]+$");
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(strlen(s->uuid), 36u);
+    EXPECT_EQ(s->uuid[0], '{');
+    EXPECT_EQ(s->flags, unsigned(CFG_FLAG_NEW));
+    EXPECT_EQ(cfg_get_schema_by_id(h.get(), s->uuid), s);
+
+    int has_max = 0, max = 0, has_min = 0, min = 0;
+    char *def = nullptr, *regex = nullptr;
+    ASSERT_TRUE(cfg_schema_string_values(s, &has_max, &max, &has_min, &min, &def, &regex));
+    EXPECT_EQ(max, 32);
+    EXPECT_EQ(min, 2);
+    EXPECT_NE(def, s->u.string.default_value); // a copy
+    EXPECT_EQ(take(def), "eth0");
+    EXPECT_EQ(take(regex), "^eth[0-9]+$");
+
+    cfg_schema_element *plain = cfg_load_schema_string(h.get(), "str-1", 0, 0, 0, 0, nullptr, nullptr);
+    EXPECT_STREQ(plain->uuid, "str-1");
+    EXPECT_EQ(plain->flags, 0u);
+    EXPECT_EQ(plain->u.string.has_default, 0);
+    EXPECT_EQ(plain->u.string.has_regex, 0);
+    ASSERT_TRUE(cfg_schema_string_values(plain, nullptr, nullptr, nullptr, nullptr, &def, &regex));
+    EXPECT_EQ(def, nullptr);
+    EXPECT_EQ(regex, nullptr);
+
+    // float: the three flags first, the three doubles last.
+    cfg_schema_element *f = cfg_load_schema_float(h.get(), "f-1", 1, 0, 1, 9.5, 1.5, 4.25);
+    int fh_min = -1, fh_max = -1, fh_def = -1;
+    double fmin = 0, fmax = 0, fdef = 0;
+    ASSERT_TRUE(cfg_schema_float_values(f, &fh_min, &fmin, &fh_max, &fmax, &fh_def, &fdef));
+    EXPECT_EQ(fh_max, 1);
+    EXPECT_EQ(fh_min, 0);
+    EXPECT_EQ(fh_def, 1);
+    EXPECT_DOUBLE_EQ(fmax, 9.5);
+    EXPECT_DOUBLE_EQ(fmin, 1.5);
+    EXPECT_DOUBLE_EQ(fdef, 4.25);
+
+    cfg_schema_element *i = cfg_load_schema_int(h.get(), "i-1", 1, 100, 0, 5, 1, 42);
+    int v[6] = {-1, -1, -1, -1, -1, -1};
+    ASSERT_TRUE(cfg_schema_int_values(i, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]));
+    EXPECT_EQ(std::vector<int>(v, v + 6), (std::vector<int>{0, 5, 1, 100, 1, 42}));
+
+    cfg_schema_element *l = cfg_load_schema_list(h.get(), "l-1", 1, 8, 1, 1, 2, 0, "iface");
+    int kind = 0, type = 0;
+    char *name = nullptr;
+    ASSERT_TRUE(cfg_schema_list_values(l, &kind, nullptr, nullptr, nullptr, &max, &type, &name));
+    EXPECT_EQ(kind, 2);
+    EXPECT_EQ(max, 8);
+    EXPECT_EQ(take(name), "iface");
+
+    cfg_schema_element *r = cfg_new_schema_reference(h.get(), "target-1");
+    char *target = nullptr;
+    EXPECT_TRUE(cfg_schema_reference_value(r, &target));
+    EXPECT_EQ(take(target), "target-1");
+    EXPECT_FALSE(cfg_schema_reference_value(cfg_init_schema_reference(h.get(), "r-2"), &target));
+    EXPECT_EQ(target, nullptr);
+}
+
+TEST(SchemaElements, ReadersRejectOtherTypesAndLeaveOutputs)
+{
+    context_handle h;
+    cfg_schema_element *b = cfg_load_schema_bool(h.get(), "b-1", 1, 1);
+    int marker = 77;
+    double dmarker = 7.5;
+    char *text = reinterpret_cast<char *>(0x1);
+    EXPECT_FALSE(cfg_schema_int_values(b, &marker, &marker, &marker, &marker, &marker, &marker));
+    EXPECT_FALSE(cfg_schema_float_values(b, &marker, &dmarker, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_FALSE(cfg_schema_string_values(b, &marker, nullptr, nullptr, nullptr, &text, &text));
+    EXPECT_FALSE(cfg_schema_blob_values(b, &marker, &marker, &marker, &marker));
+    EXPECT_FALSE(cfg_schema_list_values(b, &marker, nullptr, nullptr, nullptr, nullptr, nullptr, &text));
+    EXPECT_FALSE(cfg_schema_reference_value(b, &text));
+    EXPECT_FALSE(cfg_schema_if_values(b, &text, &marker, nullptr, nullptr, nullptr));
+    EXPECT_FALSE(cfg_schema_bool_values(nullptr, &marker, &marker));
+    EXPECT_EQ(marker, 77);
+    EXPECT_EQ(dmarker, 7.5);
+    EXPECT_EQ(text, reinterpret_cast<char *>(0x1));
+
+    int has_default = 0, value = 0, type = 0, generation = -1;
+    EXPECT_TRUE(cfg_schema_bool_values(b, &has_default, &value));
+    EXPECT_EQ(has_default + value, 2);
+    EXPECT_TRUE(cfg_schema_elem_type(b, &type));
+    EXPECT_EQ(type, CFG_TYPE_BOOL);
+    EXPECT_TRUE(cfg_schema_elem_generation(b, &generation));
+    EXPECT_EQ(generation, 0);
+    char *uuid = nullptr;
+    EXPECT_TRUE(cfg_schema_elem_uuid(b, &uuid));
+    EXPECT_EQ(take(uuid), "b-1");
+}
+
+TEST(SchemaElements, IfValuesDependOnOperator)
+{
+    context_handle h;
+    cfg_schema_value value = no_value();
+    char text[] = "static";
+    value.string_value = text;
+    cfg_schema_element *exists = cfg_init_schema_if(h.get(), "if-1", ".mode", 1, 3, value, 4);
+    EXPECT_EQ(exists->u.cond.value_type, 0);
+    EXPECT_EQ(exists->u.cond.value.string_value, nullptr);
+    EXPECT_STREQ(exists->u.cond.value_id, "");
+
+    cfg_schema_element *eq = cfg_load_schema_if(h.get(), "if-2", ".mode", 2, 3, value, "v-1", 9);
+    text[0] = 'S'; // the element holds its own copy
+    char *path = nullptr;
+    int op = 0, value_type = 0, priority = 0;
+    cfg_schema_value out = no_value();
+    ASSERT_TRUE(cfg_schema_if_values(eq, &path, &op, &value_type, &out, &priority));
+    EXPECT_EQ(take(path), ".mode");
+    EXPECT_EQ(op, 2);
+    EXPECT_EQ(value_type, 3);
+    EXPECT_EQ(priority, 9);
+    EXPECT_EQ(take(out.string_value), "static");
+    EXPECT_STREQ(eq->u.cond.value_id, "v-1");
+
+    std::string long_id(100, 'x');
+    cfg_schema_element *generated = cfg_load_schema_if(h.get(), "if-3", "a", 4, 2, value, nullptr, 0);
+    EXPECT_EQ(strlen(generated->u.cond.value_id), 36u);
+    cfg_schema_element *bounded = cfg_load_schema_if(h.get(), "if-4", "a", 4, 2, value, long_id.c_str(), 0);
+    EXPECT_EQ(strlen(bounded->u.cond.value_id), 63u);
+}
+
+TEST(SchemaElements, AllowedValuesKeepOrderAndRepeats)
+{
+    context_handle h;
+    cfg_schema_element *s = cfg_load_schema_string(h.get(), "s-1", 0, 0, 0, 0, nullptr, nullptr);
+    EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, "a"));
+    EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, "b"));
+    EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, "a"));
+    EXPECT_FALSE(cfg_add_schema_string_allowed(h.get(), s, nullptr));
+    EXPECT_EQ(s->flags, unsigned(CFG_FLAG_CHANGED));
+    EXPECT_TRUE(cfg_delete_schema_string_allowed(s, "a"));
+    EXPECT_FALSE(cfg_delete_schema_string_allowed(s, "zzz"));
+    ASSERT_EQ(cfg_schema_string_allowed_size(s), 2);
+    char *value = nullptr;
+    EXPECT_TRUE(cfg_schema_string_get_allowed_index(s, 0, &value));
+    EXPECT_EQ(take(value), "b");
+    EXPECT_TRUE(cfg_schema_string_get_allowed_index(s, 1, &value));
+    EXPECT_EQ(take(value), "a");
+    EXPECT_FALSE(cfg_schema_string_get_allowed_index(s, 2, &value));
+    EXPECT_FALSE(cfg_schema_string_get_allowed_index(s, -1, &value));
+
+    cfg_schema_element *i = cfg_load_schema_int(h.get(), "i-1", 0, 0, 0, 0, 0, 0);
+    cfg_schema_element *f = cfg_load_schema_float(h.get(), "f-1", 0, 0, 0, 0, 0, 0);
+    EXPECT_FALSE(cfg_add_schema_int_allowed(h.get(), f, 3)); // wrong type
+    EXPECT_FALSE(cfg_add_schema_float_allowed(h.get(), i, 3));
+    EXPECT_EQ(f->flags, 0u);
+    cfg_add_schema_int_allowed(h.get(), i, 3);
+    cfg_add_schema_int_allowed(h.get(), i, 5);
+    cfg_add_schema_float_allowed(h.get(), f, 0.5);
+    EXPECT_TRUE(cfg_delete_schema_int_allowed(i, 3));
+    int iv = 0;
+    double fv = 0;
+    EXPECT_TRUE(cfg_schema_int_get_allowed_index(i, 0, &iv));
+    EXPECT_EQ(iv, 5);
+    EXPECT_TRUE(cfg_schema_float_get_allowed_index(f, 0, &fv));
+    EXPECT_EQ(fv, 0.5);
+    EXPECT_EQ(cfg_schema_float_allowed_size(f), 1);
+    EXPECT_EQ(cfg_schema_int_allowed_size(f), 0);
+    EXPECT_FALSE(cfg_schema_int_get_allowed_index(f, 0, &iv));
+}
+
+TEST(SchemaElements, TagsAndValidators)
+{
+    context_handle h;
+    cfg_schema_element *m = cfg_load_schema_map(h.get(), "m-1");
+    EXPECT_FALSE(cfg_add_schema_tag(m, "k", nullptr));
+    EXPECT_EQ(m->flags, 0u);
+    EXPECT_TRUE(cfg_add_schema_tag(m, "ui", "hidden"));
+    EXPECT_TRUE(cfg_add_schema_tag(m, "ui", "shown"));
+    EXPECT_EQ(m->flags, unsigned(CFG_FLAG_CHANGED));
+    EXPECT_STREQ(cfg_get_schema_tag(m, "ui"), "hidden");
+    EXPECT_TRUE(cfg_delete_schema_tag(m, "ui"));
+    EXPECT_STREQ(cfg_get_schema_tag(m, "ui"), "shown");
+    EXPECT_EQ(cfg_get_schema_tag(m, "none"), nullptr);
+    cfg_link *tags = nullptr;
+    int count = 0;
+    EXPECT_TRUE(cfg_schema_tags(m, &tags, &count));
+    EXPECT_EQ(count, 1);
+    EXPECT_STREQ(static_cast<cfg_schema_tag *>(tags->data)->value, "shown");
+
+    cfg_schema_validator *v = cfg_init_schema_validator(h.get(), "uniqueness");
+    EXPECT_TRUE(cfg_validator_add_param(v, "name"));
+    EXPECT_TRUE(cfg_validator_add_param(v, "mac"));
+    EXPECT_TRUE(cfg_validator_add_path(v, "interfaces.*.name"));
+    EXPECT_FALSE(cfg_validator_add_path(v, nullptr));
+    EXPECT_TRUE(cfg_schema_add_validator(m, v));
+    EXPECT_TRUE(cfg_schema_add_validator(m, cfg_init_schema_validator(h.get(), "timezone")));
+    ASSERT_EQ(m->validators_count, 2);
+    EXPECT_EQ(m->validators[0], v);
+    EXPECT_EQ(v->params_count, 2);
+    EXPECT_STREQ(v->params[1], "mac");
+    EXPECT_EQ(v->paths_count, 1);
+    EXPECT_STREQ(m->validators[1]->name, "timezone");
+}
+
+TEST(SchemaTree, MemberAndConditionalLinks)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_schema_element *m = cfg_load_schema_map(ctx, "m-1");
+    EXPECT_TRUE(cfg_load_schema_mapid(m, 0, "name", "s-1"));
+    EXPECT_TRUE(cfg_load_schema_mapid(m, 1, "mtu", "i-1"));
+    EXPECT_FALSE(cfg_load_schema_mapid(m, 3, "x", "x-1"));
+    EXPECT_EQ(keys_of(m, 0), (std::vector<std::string>{"name"}));
+    EXPECT_TRUE(keys_of(m, 2).empty());
+    char **keys = reinterpret_cast<char **>(0x1);
+    int count = -1;
+    EXPECT_TRUE(cfg_schema_map_keys(m, 2, &keys, &count));
+    EXPECT_EQ(keys, nullptr);
+    EXPECT_EQ(count, 0);
+    EXPECT_FALSE(cfg_schema_map_keys(m, 3, &keys, &count));
+    EXPECT_STREQ(cfg_get_schema_mapelem(m, 1, "mtu"), "i-1");
+    EXPECT_EQ(cfg_get_schema_mapelem(m, 0, "mtu"), nullptr);
+
+    for (const char *id : {"c-0", "c-1", "c-2"})
+        cfg_load_schema_mapconditional(m, id);
+    int size = 0;
+    EXPECT_TRUE(cfg_schema_map_conditional_size(m, &size));
+    EXPECT_EQ(size, 3);
+    auto *second = static_cast<cfg_schema_mapconditional *>(m->u.map.conditionals->next->data);
+    EXPECT_EQ(second->index, 1);
+    EXPECT_STREQ(cfg_get_schema_map_conditionalelem(m, 2), "c-2");
+    EXPECT_EQ(cfg_get_schema_map_conditionalelem(m, 3), nullptr);
+    EXPECT_EQ(cfg_get_schema_map_conditionalelem(m, -1), nullptr);
+    EXPECT_TRUE(cfg_delete_schema_map_conditionalelem_linkage(m, "c-0"));
+    EXPECT_STREQ(cfg_get_schema_map_conditionalelem(m, 0), "c-1");
+    EXPECT_EQ(static_cast<cfg_schema_mapconditional *>(m->u.map.conditionals->data)->index, 0);
+    EXPECT_TRUE(cfg_schema_map_delete_key_linkage(m, 1, "mtu"));
+    EXPECT_EQ(cfg_get_schema_mapelem(m, 1, "mtu"), nullptr);
+
+    cfg_schema_element *leaf = cfg_load_schema_bool(ctx, "b-1", 0, 0);
+    EXPECT_FALSE(cfg_schema_map_conditional_size(leaf, &size));
+    EXPECT_FALSE(cfg_load_schema_mapid(leaf, 0, "k", "u"));
+
+    // Adding links: a new or changed member marks the map changed; an if
+    // element takes conditionals but not mapelem members.
+    cfg_schema_element *clean = cfg_load_schema_map(ctx, "m-2");
+    cfg_schema_element *old_member = cfg_load_schema_string(ctx, "s-old", 0, 0, 0, 0, nullptr, nullptr);
+    EXPECT_TRUE(cfg_add_schema_mapelem(ctx, clean, 0, "name", old_member));
+    EXPECT_EQ(clean->flags, 0u);
+    cfg_schema_element *fresh = cfg_new_schema_string(ctx, 0, 0, 0, 0, nullptr, nullptr);
+    EXPECT_TRUE(cfg_add_schema_mapelem(ctx, clean, 0, "name", fresh));
+    EXPECT_TRUE(deleted(old_member));
+    EXPECT_STREQ(cfg_get_schema_mapelem(clean, 0, "name"), fresh->uuid);
+    EXPECT_EQ(keys_of(clean, 0).size(), 1u);
+    EXPECT_EQ(clean->flags, unsigned(CFG_FLAG_CHANGED));
+
+    cfg_schema_element *cond = new_if(ctx, ".mode", 2);
+    EXPECT_FALSE(cfg_add_schema_mapelem(ctx, cond, 0, "name", fresh));
+    EXPECT_TRUE(cfg_add_schema_map_conditionalelem(ctx, cond, new_if(ctx, ".x", 1)));
+    EXPECT_FALSE(cfg_add_schema_map_conditionalelem(ctx, clean, fresh));
+    EXPECT_TRUE(cfg_add_schema_map_conditionalelem(ctx, clean, cond));
+    EXPECT_STREQ(cfg_get_schema_map_conditionalelem(clean, 0), cond->uuid);
+}
+
+TEST(SchemaTree, InsertingAnExistingUuidReplacesTheEntryOnly)
+{
+    context_handle h;
+    cfg_schema_element *first = cfg_load_schema_int(h.get(), "dup", 0, 0, 0, 0, 1, 1);
+    cfg_schema_element *second = cfg_load_schema_int(h.get(), "dup", 0, 0, 0, 0, 1, 2);
+    EXPECT_EQ(cfg_get_schema_node(h.get(), "dup"), second);
+    EXPECT_EQ(HASH_COUNT(h.schema->elements), 1u);
+    EXPECT_EQ(first->u.integer.default_value, 1); // still allocated, unchanged
+    cfg_free_schema_element(first);
+    EXPECT_EQ(cfg_get_schema_node(h.get(), nullptr), nullptr);
+    EXPECT_EQ(cfg_get_schema_node(h.get(), "DUP"), nullptr);
+    EXPECT_TRUE(cfg_delete_schema_elem(&h.schema->elements, "dup"));
+    EXPECT_EQ(h.schema->elements, nullptr);
+    EXPECT_EQ(cfg_get_schema_node(h.get(), "dup"), nullptr);
+    cfg_free_schema_element(second);
+}
+
+namespace {
+
+// root map: required "system" (map: required "name", optional "tz",
+// deprecated "legacy"), optional "note", conditional "cond" (if: required
+// "addr").
+struct marked_tree {
+    cfg_schema_element *root, *system, *name, *tz, *legacy, *note, *cond, *addr;
+
+    explicit marked_tree(cfg *ctx)
+    {
+        root = cfg_load_schema_map(ctx, "root");
+        system = cfg_load_schema_map(ctx, "system");
+        name = cfg_load_schema_string(ctx, "name", 0, 0, 0, 0, nullptr, nullptr);
+        tz = cfg_load_schema_string(ctx, "tz", 0, 0, 0, 0, nullptr, nullptr);
+        legacy = cfg_load_schema_map(ctx, "legacy");
+        note = cfg_load_schema_string(ctx, "note", 0, 0, 0, 0, nullptr, nullptr);
+        cond = cfg_load_schema_if(ctx, "cond", ".mode", 1, 0, no_value(), nullptr, 0);
+        addr = cfg_load_schema_string(ctx, "addr", 0, 0, 0, 0, nullptr, nullptr);
+        cfg_load_schema_mapid(root, 0, "system", "system");
+        cfg_load_schema_mapid(root, 1, "note", "note");
+        cfg_load_schema_mapid(root, 1, "ghost", "no-such-uuid");
+        cfg_load_schema_mapconditional(root, "cond");
+        cfg_load_schema_mapid(system, 0, "name", "name");
+        cfg_load_schema_mapid(system, 1, "tz", "tz");
+        cfg_load_schema_mapid(system, 2, "legacy", "legacy");
+        cfg_load_schema_mapid(cond, 0, "addr", "addr");
+    }
+};
+
+} // namespace
+
+TEST(SchemaTree, DeletionFollowsRequiredOptionalAndConditionals)
+{
+    context_handle h;
+    marked_tree t(h.get());
+    cfg_load_schema_mapid(t.legacy, 0, "back", "root"); // a cycle through deprecated
+    cfg_load_schema_mapconditional(t.cond, "root");    // and one through a conditional
+    cfg_delete_schema_members(h.get(), t.root);
+    EXPECT_EQ(t.root->flags, unsigned(CFG_FLAG_CHANGED | CFG_FLAG_DELETED));
+    for (auto *e : {t.system, t.name, t.tz, t.note, t.cond, t.addr})
+        EXPECT_TRUE(deleted(e)) << e->uuid;
+    EXPECT_FALSE(deleted(t.legacy));
+
+    cfg_delete_schema_members(h.get(), t.name); // not a map: left alone
+    EXPECT_EQ(t.name->flags, unsigned(CFG_FLAG_DELETED));
+}
+
+TEST(SchemaTree, DeleteElementMarksItselfAndBelow)
+{
+    context_handle h;
+    marked_tree t(h.get());
+    cfg_delete_schema_element(h.get(), t.system);
+    EXPECT_TRUE(deleted(t.system));
+    EXPECT_TRUE(deleted(t.name));
+    EXPECT_TRUE(deleted(t.tz));
+    EXPECT_FALSE(deleted(t.legacy));
+    EXPECT_FALSE(deleted(t.root));
+    EXPECT_FALSE(deleted(t.addr));
+    EXPECT_EQ(cfg_get_schema_node(h.get(), "name"), t.name); // nothing unlinked
+}
+
+TEST(SchemaTreeDeathTest, DeleteNullElementAsserts)
+{
+    context_handle h;
+    EXPECT_DEATH(cfg_delete_schema_element(h.get(), nullptr),
+                 "src/schema: cfg_delete_schema_element: Assertion `elem' failed.");
+}
+
+TEST(SchemaTree, SetterReplacesUnderTheSameUuid)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_schema_element *i = cfg_load_schema_int(ctx, "port", 1, 10, 0, 0, 0, 0);
+    i->generation = 7;
+    i->flags = CFG_FLAG_NEW;
+    cfg_add_schema_tag(i, "ui", "port");
+    cfg_add_schema_int_allowed(ctx, i, 22);
+    cfg_schema_add_validator(i, cfg_init_schema_validator(ctx, "range"));
+
+    cfg_schema_element *same = cfg_set_schema_int(ctx, i, 1, 1, 1, 65535, 1, 22);
+    ASSERT_NE(same, nullptr);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "port"), same);
+    EXPECT_EQ(same->flags, unsigned(CFG_FLAG_NEW | CFG_FLAG_CHANGED));
+    EXPECT_EQ(same->generation, 7);
+    EXPECT_STREQ(cfg_get_schema_tag(same, "ui"), "port");
+    EXPECT_EQ(cfg_schema_int_allowed_size(same), 1);
+    EXPECT_EQ(same->validators_count, 0);
+    int has_min = 0, min = 0, has_max = 0, max = 0;
+    cfg_schema_int_values(same, &has_min, &min, &has_max, &max, nullptr, nullptr);
+    EXPECT_EQ(min, 1);
+    EXPECT_EQ(max, 65535);
+
+    cfg_schema_element *s = cfg_set_schema_string(ctx, same, 1, 1, 1, 5, "^[0-9]+$", "22");
+    EXPECT_EQ(s->type, CFG_TYPE_STRING);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "port"), s);
+    EXPECT_EQ(cfg_schema_string_allowed_size(s), 0); // int entries do not carry over
+    char *regex = nullptr, *def = nullptr;
+    cfg_schema_string_values(s, nullptr, nullptr, nullptr, nullptr, &def, &regex);
+    EXPECT_EQ(take(regex), "^[0-9]+$");
+    EXPECT_EQ(take(def), "22");
+    EXPECT_EQ(cfg_set_schema_bool(ctx, nullptr, 0, 0), nullptr);
+}
+
+TEST(SchemaTree, SetterOnAMapMarksItsMembersDeleted)
+{
+    context_handle h;
+    marked_tree t(h.get());
+    cfg_schema_element *root = cfg_set_schema_map(h.get(), t.root);
+    EXPECT_EQ(cfg_get_schema_node(h.get(), "root"), root);
+    EXPECT_TRUE(keys_of(root, 0).empty()); // links are not carried over
+    EXPECT_EQ(root->flags, unsigned(CFG_FLAG_CHANGED));
+    for (const char *id : {"system", "name", "tz", "note", "cond", "addr"})
+        EXPECT_TRUE(deleted(cfg_get_schema_node(h.get(), id))) << id;
+    EXPECT_FALSE(deleted(t.legacy));
+
+    cfg_schema_value value = no_value();
+    value.float_value = 2.5;
+    cfg_schema_element *cond = cfg_set_schema_if(h.get(), t.cond, "speed", 5, 4, value, "v-9", 3);
+    EXPECT_STREQ(cond->u.cond.value_id, "v-9");
+    EXPECT_EQ(cond->u.cond.value.float_value, 2.5);
+    EXPECT_EQ(cfg_set_schema_reference(h.get(), t.note, "root")->u.reference.target,
+              std::string("root"));
+}
+
+TEST(SchemaTree, FreeElementBaseReleasesOneLevel)
+{
+    context_handle h;
+    marked_tree t(h.get());
+    cfg_free_schema_element_base(h.get(), t.system);
+    for (const char *id : {"system", "name", "tz"})
+        EXPECT_EQ(cfg_get_schema_node(h.get(), id), nullptr) << id;
+    EXPECT_EQ(cfg_get_schema_node(h.get(), "legacy"), t.legacy);
+    EXPECT_EQ(cfg_get_schema_node(h.get(), "root"), t.root);
+}
+
+TEST(SchemaTypes, RegistryReplacesAndLists)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    char **names = reinterpret_cast<char **>(0x1);
+    int count = -1;
+    EXPECT_TRUE(cfg_types(ctx, &names, &count));
+    EXPECT_EQ(names, nullptr);
+    EXPECT_EQ(count, 0);
+    EXPECT_TRUE(cfg_add_type(ctx, "interface", "u-1"));
+    EXPECT_TRUE(cfg_add_type(ctx, "user", "u-2"));
+    EXPECT_TRUE(cfg_add_type(ctx, "interface", "u-3"));
+    EXPECT_STREQ(cfg_get_type(ctx, "interface"), "u-3");
+    EXPECT_EQ(cfg_get_type(ctx, "group"), nullptr);
+    cfg_types(ctx, &names, &count);
+    EXPECT_EQ(take_strings(names, count), (std::vector<std::string>{"user", "interface"}));
+    EXPECT_TRUE(cfg_delete_type(ctx, "user"));
+    EXPECT_FALSE(cfg_delete_type(ctx, "user"));
+    cfg_types(ctx, &names, &count);
+    EXPECT_EQ(take_strings(names, count), (std::vector<std::string>{"interface"}));
+}
+
+TEST(SchemaTypes, PurgeFollowsNamedListTypes)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    marked_tree t(ctx);
+    // root gains a list of the named type "sys", which resolves to system;
+    // system's deprecated "legacy" has a deprecated key of its own.
+    cfg_schema_element *list = cfg_load_schema_list(ctx, "list", 0, 0, 0, 0, 2, 0, "sys");
+    cfg_add_type(ctx, "sys", "system");
+    cfg_load_schema_mapid(t.legacy, 2, "old", "name");
+    cfg_load_schema_mapid(t.root, 2, "gone", "note");
+
+    EXPECT_TRUE(cfg_schema_purge_deprecated(ctx, list));
+    EXPECT_TRUE(keys_of(t.system, 2).empty());
+    EXPECT_EQ(keys_of(t.root, 2).size(), 1u); // not reached from the list
+    EXPECT_EQ(keys_of(t.legacy, 2).size(), 1u);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "legacy"), t.legacy); // unlinked, not freed
+
+    cfg_load_schema_mapid(t.system, 2, "legacy", "legacy");
+    EXPECT_TRUE(cfg_schema_purge_deprecated(ctx, t.root));
+    EXPECT_TRUE(keys_of(t.root, 2).empty());
+    EXPECT_TRUE(keys_of(t.system, 2).empty());
+    EXPECT_FALSE(cfg_schema_purge_deprecated(ctx, t.name));
+
+    cfg_schema_element *loop = cfg_load_schema_list(ctx, "loop", 0, 0, 0, 0, 2, 0, "loop");
+    cfg_add_type(ctx, "loop", "loop");
+    EXPECT_FALSE(cfg_schema_purge_deprecated(ctx, loop));
+}
