@@ -243,8 +243,9 @@ extern "C" json_t *refparent_to_json(cfg_parent_link *link)
 
 extern "C" json_t *listparent_to_json(cfg_parent_link *link)
 {
-    return json_pack("{s:s, s:s, s:I}", "list", link->uuid, "type", "list",
-                     static_cast<json_int_t>(link->index));
+    json_t *object = json_pack("{s:s, s:s}", "list", link->uuid, "type", "list");
+    json_object_set_new(object, "index", json_integer(link->index));
+    return object;
 }
 
 extern "C" json_t *mapparent_to_json(cfg_parent_link *link)
