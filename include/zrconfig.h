@@ -470,7 +470,10 @@ ZRCONFIG_API int cfg_add_elem(cfg *context, cfg_element *element);
 ZRCONFIG_API void cfg_delete_elem(cfg *context, cfg_element *element);
 
 /* Lists. Members (and future members) are linked on both sides; member
- * uuids handed out point into the link and live until the list changes. */
+ * uuids handed out point into the link and live until the list changes.
+ * Positions are indexed beside each element: nodes appended with
+ * cfg_add_link are picked up, but a member list freed directly must be
+ * rebuilt through these functions, not with cfg_add_link. */
 ZRCONFIG_API cfg_link *cfg_append_listelem(cfg *context, cfg_element *list, cfg_element *child,
                                            int future);
 /* Appends child; the list is marked changed only for a new or changed child. */
