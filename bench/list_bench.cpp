@@ -105,6 +105,21 @@ void BM_WalkByIndex(benchmark::State &state)
     per_member(state);
 }
 
+void BM_DeleteList(benchmark::State &state)
+{
+    for (auto _ : state) {
+        state.PauseTiming();
+        cfg *context = new_context();
+        cfg_element *list = build_list(context, state.range(0));
+        state.ResumeTiming();
+        cfg_delete_element(context, list);
+        state.PauseTiming();
+        free_context(context);
+        state.ResumeTiming();
+    }
+    per_member(state);
+}
+
 // Reference: the uuid index alone, looked up once per member in list order.
 // Its cost per member grows with the working set as the records and the
 // index leave the caches, and bounds what the walks above can reach.
@@ -127,6 +142,7 @@ void BM_IndexLookup(benchmark::State &state)
 BENCHMARK(BM_BuildList)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LoadListJson)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_WalkByIndex)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DeleteList)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_IndexLookup)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

@@ -1234,11 +1234,12 @@ void delete_future_children(cfg *context, cfg_element *elem)
 
 } // namespace
 
-extern "C" void cfg_delete_element(cfg *context, cfg_element *elem)
+namespace {
+
+// The part of a deletion that follows leaving the containers: the future
+// list, the members and the future members.
+void delete_below(cfg *context, cfg_element *elem)
 {
-    ZR_ASSERT(elem);
-    elem->flags |= CFG_FLAG_DELETED;
-    detach_from_parents(context, elem);
     detach_from_future_parent(context, elem);
     if (is_container(elem))
         cfg_delete_members(context, elem);
@@ -1247,10 +1248,89 @@ extern "C" void cfg_delete_element(cfg *context, cfg_element *elem)
     elem->flags &= ~CFG_FLAG_HAS_FUTURE;
 }
 
+// True when member sits at position in list and nowhere else: its one parent
+// link is that position of that list, it is no future member, not deleted,
+// and not a reference (which a cascade elsewhere could delete early).
+bool held_alone(const cfg_element *member, const cfg_element *list, const char *uuid,
+                unsigned int position)
+{
+    if (member == nullptr || member->parents == nullptr || member->parents->next != nullptr)
+        return false;
+    const cfg_parent_link *link = record_of(member->parents);
+    return link->type == CFG_TYPE_LIST && link->index == position &&
+           strcmp(link->uuid, list->uuid) == 0 && strcmp(member->uuid, uuid) == 0 &&
+           member->future_parent == nullptr && !(member->flags & CFG_FLAG_DELETED) &&
+           member->type != CFG_TYPE_REFERENCE;
+}
+
+// The members of a deleted list when each is held by it alone, in order;
+// empty when any is not (or the list is not what its uuid finds).
+std::vector<cfg_element *> sole_members(cfg *context, cfg_element *list)
+{
+    std::vector<cfg_element *> members;
+    if (!(list->flags & CFG_FLAG_DELETED) || cfg_get_by_id(context, list->uuid) != list)
+        return members;
+    unsigned int position = 0;
+    for (cfg_link *n = list->value.list.members; n != nullptr; n = n->next, position++) {
+        cfg_parent_link *link = record_of(n);
+        cfg_element *member = cfg_get_by_id(context, link->uuid);
+        if (link->type != CFG_TYPE_LIST || link->index != position ||
+            !held_alone(member, list, link->uuid, position)) {
+            members.clear();
+            return members;
+        }
+        members.push_back(member);
+    }
+    return members;
+}
+
+// Deletes the members of a list that holds each of them alone. One by one,
+// each deletion would take the head link and renumber all the rest; the end
+// state is known in advance: every member after the first is changed and its
+// link ends at position 0. Getting there in one pass keeps this O(n). The
+// cascades cannot reach the other members (each has no other parent and no
+// reference names them), so the order of effects seen by them is the same.
+void delete_sole_members(cfg *context, cfg_element *list,
+                         const std::vector<cfg_element *> &members)
+{
+    for (size_t i = 0; i < members.size(); i++) {
+        cfg_element *member = members[i];
+        if (i > 0) {
+            record_of(member->parents)->index = 0;
+            member->flags |= CFG_FLAG_CHANGED;
+        }
+        member->flags |= CFG_FLAG_DELETED;
+        cfg_link *head = list->value.list.members;
+        list->value.list.members = head->next;
+        free_link_record(record_of(head));
+        free(head);
+        list->flags |= CFG_FLAG_CHANGED;
+        delete_below(context, member);
+    }
+    box_of(list)->members.reset();
+}
+
+} // namespace
+
+extern "C" void cfg_delete_element(cfg *context, cfg_element *elem)
+{
+    ZR_ASSERT(elem);
+    elem->flags |= CFG_FLAG_DELETED;
+    detach_from_parents(context, elem);
+    delete_below(context, elem);
+}
+
 extern "C" void cfg_delete_members(cfg *context, cfg_element *element)
 {
     if (!is_container(element))
         return;
+    if (element->type == CFG_TYPE_LIST) {
+        std::vector<cfg_element *> members = sole_members(context, element);
+        if (!members.empty()) {
+            delete_sole_members(context, element, members);
+            return;
+        }
+    }
     for (const std::string &uuid : link_uuids(*members_of(element))) {
         cfg_element *member = cfg_get_by_id(context, uuid.c_str());
         if (member != nullptr && !(member->flags & CFG_FLAG_DELETED))

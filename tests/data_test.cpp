@@ -398,6 +398,60 @@ TEST(Deletion, CascadesThroughReferencesAndFutureMembers)
     EXPECT_FALSE(child->flags & CFG_FLAG_FUTURE_CHILD);
 }
 
+namespace {
+
+struct member_state {
+    unsigned flags;
+    unsigned link_index;
+    unsigned child_flags;
+    bool operator==(const member_state &) const = default;
+};
+
+// A list of ints and maps (each map holding one string), then deleted.
+std::vector<member_state> delete_mixed_list(cfg *ctx, const std::string &name, bool whole)
+{
+    cfg_element *list = cfg_load_list(ctx, name.c_str());
+    std::vector<std::string> ids;
+    for (int i = 0; i < 6; i++) {
+        std::string id = name + std::to_string(i);
+        cfg_element *m = i % 2 ? cfg_load_map(ctx, id.c_str()) : cfg_load_int(ctx, id.c_str(), i);
+        if (i % 2)
+            cfg_add_mapelem(ctx, m, "k", cfg_load_string(ctx, (id + "c").c_str(), "v"));
+        cfg_add_listelem(ctx, list, m);
+        ids.push_back(id);
+    }
+    if (whole)
+        cfg_delete_element(ctx, list);
+    else
+        cfg_delete_members(ctx, list); // the list itself stays: one member at a time
+    EXPECT_EQ(list->value.list.members, nullptr);
+    EXPECT_TRUE(list->flags & CFG_FLAG_CHANGED);
+    std::vector<member_state> states;
+    for (size_t i = 0; i < ids.size(); i++) {
+        cfg_element *m = cfg_find_by_id(ctx, ids[i].c_str());
+        cfg_element *child = cfg_find_by_id(ctx, (ids[i] + "c").c_str());
+        states.push_back({m->flags, link_at(m->parents, 0)->index,
+                          child != nullptr ? child->flags : 0u});
+    }
+    return states;
+}
+
+} // namespace
+
+// Deleting a whole list takes one pass; the result is the one that deleting
+// its members one at a time (renumbering the rest each time) gives.
+TEST(Deletion, WholeListEndsAsMemberByMember)
+{
+    context_handle h;
+    std::vector<member_state> whole = delete_mixed_list(h.get(), "a", true);
+    std::vector<member_state> stepwise = delete_mixed_list(h.get(), "b", false);
+    EXPECT_EQ(whole, stepwise);
+    EXPECT_EQ(whole[0].flags, unsigned(CFG_FLAG_DELETED));
+    EXPECT_EQ(whole[2].flags, unsigned(CFG_FLAG_DELETED | CFG_FLAG_CHANGED));
+    EXPECT_EQ(whole[5].link_index, 0u);
+    EXPECT_TRUE(whole[5].child_flags & CFG_FLAG_DELETED);
+}
+
 TEST(Deletion, ReferenceCycleEnds)
 {
     context_handle h;
