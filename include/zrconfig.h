@@ -9,6 +9,7 @@
 #ifndef ZRCONFIG_H
 #define ZRCONFIG_H
 
+#include <stdarg.h>
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -564,21 +565,290 @@ ZRCONFIG_API int append_json_config_messages_to_context(cfg *context, json_t *ar
  * Elements and values
  * ---------------------------------------------------------------------- */
 
+/* Each type has five families. cfg_init_* makes an unindexed record owned by
+ * the caller; cfg_new_*[_with_id] marks it new and indexes it (the context
+ * owns it from then on); cfg_load_* indexes data from the daemon, releasing a
+ * local record of the same uuid first; the value readers return 1 and a copy
+ * (caller frees text and blobs); cfg_set_* replaces the record by a new one
+ * under the same uuid and returns it (the old pointer is invalid afterwards;
+ * on a failed load the old record is left unindexed and owned by the caller). */
+ZRCONFIG_API cfg_element *cfg_init_bool(cfg *context, int value);
+ZRCONFIG_API cfg_element *cfg_new_bool_with_id(cfg *context, int value, const char *uuid);
+ZRCONFIG_API cfg_element *cfg_new_bool(cfg *context, int value);
+ZRCONFIG_API cfg_element *cfg_load_bool(cfg *context, const char *uuid, int value);
+ZRCONFIG_API int cfg_bool_value(cfg_element *element, int *out);
+ZRCONFIG_API cfg_element *cfg_set_bool(cfg *context, cfg_element *element, int value);
+
+ZRCONFIG_API cfg_element *cfg_init_int(cfg *context, int value);
+ZRCONFIG_API cfg_element *cfg_new_int_with_id(cfg *context, int value, const char *uuid);
+ZRCONFIG_API cfg_element *cfg_new_int(cfg *context, int value);
+ZRCONFIG_API cfg_element *cfg_load_int(cfg *context, const char *uuid, int value);
+ZRCONFIG_API int cfg_int_value(cfg_element *element, int *out);
+ZRCONFIG_API cfg_element *cfg_set_int(cfg *context, cfg_element *element, int value);
+
+ZRCONFIG_API cfg_element *cfg_init_float(cfg *context, double value);
+ZRCONFIG_API cfg_element *cfg_new_float_with_id(cfg *context, double value, const char *uuid);
+ZRCONFIG_API cfg_element *cfg_new_float(cfg *context, double value);
+ZRCONFIG_API cfg_element *cfg_load_float(cfg *context, const char *uuid, double value);
+ZRCONFIG_API int cfg_float_value(cfg_element *element, double *out);
+ZRCONFIG_API cfg_element *cfg_set_float(cfg *context, cfg_element *element, double value);
+
+/* Text longer than 16777216 bytes is refused. */
+ZRCONFIG_API cfg_element *cfg_init_string(cfg *context, const char *text);
+ZRCONFIG_API cfg_element *cfg_new_string_with_id(cfg *context, const char *text,
+                                                 const char *uuid);
+ZRCONFIG_API cfg_element *cfg_new_string(cfg *context, const char *text);
+ZRCONFIG_API cfg_element *cfg_load_string(cfg *context, const char *uuid, const char *text);
+ZRCONFIG_API int cfg_string_value(cfg_element *element, char **out);
+ZRCONFIG_API cfg_element *cfg_set_string(cfg *context, cfg_element *element, const char *text);
+
+ZRCONFIG_API cfg_element *cfg_init_blob(cfg *context, const void *data, size_t size);
+ZRCONFIG_API cfg_element *cfg_new_blob_with_id(cfg *context, const void *data, size_t size,
+                                               const char *uuid);
+ZRCONFIG_API cfg_element *cfg_new_blob(cfg *context, const void *data, size_t size);
+ZRCONFIG_API cfg_element *cfg_load_blob(cfg *context, const char *uuid, const void *data,
+                                        size_t size);
+/* Stores the size and, when out is given, a copy with one extra zero byte. */
+ZRCONFIG_API int cfg_blob_value(cfg_element *element, void **out, size_t *size);
+ZRCONFIG_API cfg_element *cfg_set_blob(cfg *context, cfg_element *element, const void *data,
+                                       size_t size);
+
+/* References are linked into their target's parents; a target that cannot be
+ * found (through the lookup hook) makes them fail. */
+ZRCONFIG_API cfg_element *cfg_init_reference(cfg *context);
+ZRCONFIG_API cfg_element *cfg_new_reference_with_id(cfg *context, const char *target_uuid,
+                                                    const char *uuid);
+ZRCONFIG_API cfg_element *cfg_new_reference(cfg *context, const char *target_uuid);
+ZRCONFIG_API cfg_element *cfg_load_reference(cfg *context, const char *uuid,
+                                             const char *target_uuid);
+ZRCONFIG_API int cfg_reference_value(cfg_element *element, char **out);
+ZRCONFIG_API cfg_element *cfg_set_reference(cfg *context, cfg_element *element,
+                                            const char *target_uuid);
+
+ZRCONFIG_API cfg_element *cfg_init_list(cfg *context);
+ZRCONFIG_API cfg_element *cfg_new_list_with_id(cfg *context, const char *uuid);
+ZRCONFIG_API cfg_element *cfg_new_list(cfg *context);
+ZRCONFIG_API cfg_element *cfg_load_list(cfg *context, const char *uuid);
+/* Number of members (future members); with a NULL out only checks the type. */
+ZRCONFIG_API int cfg_list_size(cfg_element *element, unsigned int *out);
+ZRCONFIG_API int cfg_list_future_size(cfg_element *element, unsigned int *out);
+/* An empty list in the element's place; its members are deleted. */
+ZRCONFIG_API cfg_element *cfg_set_list(cfg *context, cfg_element *element);
+
+ZRCONFIG_API cfg_element *cfg_init_map(cfg *context);
+ZRCONFIG_API cfg_element *cfg_new_map_with_id(cfg *context, const char *uuid);
+ZRCONFIG_API cfg_element *cfg_new_map(cfg *context);
+ZRCONFIG_API cfg_element *cfg_load_map(cfg *context, const char *uuid);
+/* An empty map in the element's place; its members are deleted. */
+ZRCONFIG_API cfg_element *cfg_set_map(cfg *context, cfg_element *element);
+
+ZRCONFIG_API int cfg_elem_type(cfg_element *element, unsigned int *out);
+/* A copy of the uuid (caller frees). */
+ZRCONFIG_API int cfg_elem_uuid(cfg_element *element, char **out);
+ZRCONFIG_API int cfg_elem_generation(cfg_element *element, int *out);
+
 /* ------------------------------------------------------------------------
  * Containers, parents and links
  * ---------------------------------------------------------------------- */
+
+/* Link lists: nodes are appended at the tail. cfg_link_list_free frees the
+ * nodes and their records (not a map link's name). Removal by uuid renumbers
+ * the list-kind links that follow and the parent links of the members they
+ * name; it returns the number of nodes removed. */
+ZRCONFIG_API cfg_link *cfg_add_link(cfg_link **head, void *data);
+ZRCONFIG_API int cfg_link_list_get(cfg_link *head, unsigned int index, void **out);
+ZRCONFIG_API int cfg_link_list_length(cfg_link *head);
+ZRCONFIG_API void cfg_link_list_free(cfg_link *head);
+ZRCONFIG_API int cfg_link_list_delete_by_uuid(cfg *context, cfg_link **head, const char *uuid);
+
+/* Adds the element to the uuid index; 0 when its uuid is indexed already. */
+ZRCONFIG_API int cfg_add_elem(cfg *context, cfg_element *element);
+/* Removes the index entry keyed by the element's uuid; the record stays. */
+ZRCONFIG_API void cfg_delete_elem(cfg *context, cfg_element *element);
+
+/* Lists. Members (and future members) are linked on both sides; member
+ * uuids handed out point into the link and live until the list changes.
+ * Positions are indexed beside each element: nodes appended with
+ * cfg_add_link are picked up, but a member list freed directly must be
+ * rebuilt through these functions, not with cfg_add_link. */
+ZRCONFIG_API cfg_link *cfg_append_listelem(cfg *context, cfg_element *list, cfg_element *child,
+                                           int future);
+/* Appends child; the list is marked changed only for a new or changed child. */
+ZRCONFIG_API cfg_link *cfg_add_listelem(cfg *context, cfg_element *list, cfg_element *child);
+ZRCONFIG_API cfg_link *cfg_append_future_listelem(cfg *context, cfg_element *list,
+                                                  cfg_element *child);
+ZRCONFIG_API cfg_link *cfg_append_future_listid(cfg_element *list, const char *uuid);
+ZRCONFIG_API cfg_link *cfg_load_listid(cfg_element *list, const char *uuid);
+ZRCONFIG_API char *cfg_get_listelem(cfg_element *list, int index);
+ZRCONFIG_API char *cfg_get_future_listelem(cfg_element *list, unsigned int index);
+ZRCONFIG_API int cfg_list_contains(cfg_element *list, const char *uuid);
+ZRCONFIG_API int cfg_get_list_index(cfg *context, cfg_element *element, unsigned int *index);
+ZRCONFIG_API int cfg_get_future_list_index(cfg *context, cfg_element *element,
+                                           const char *list_uuid, unsigned int *index);
+/* Drops the future member links at index (by uuid); the child is untouched. */
+ZRCONFIG_API int cfg_list_delete_future_at(cfg *context, cfg_element *list,
+                                           unsigned int index);
+
+/* Maps. Keys are not unique; lookups take the first match. */
+ZRCONFIG_API cfg_link *cfg_add_mapkey(cfg *context, cfg_element *map_elem, const char *key,
+                                      const char *uuid);
+ZRCONFIG_API cfg_link *cfg_load_mapid(cfg_element *map, const char *key, const char *uuid);
+/* Joins child under key, deleting a member already held under it. */
+ZRCONFIG_API cfg_link *cfg_add_mapelem(cfg *context, cfg_element *map_elem, const char *key,
+                                       cfg_element *child);
+ZRCONFIG_API char *cfg_get_mapelem(cfg_element *map, const char *key);
+/* A new array of key copies in member order (caller frees both). */
+ZRCONFIG_API int cfg_map_keys(cfg_element *map, char ***keys, unsigned int *count);
+ZRCONFIG_API int cfg_get_map_key(cfg *context, cfg_element *element, char **key);
+ZRCONFIG_API int cfg_map_delete_key(cfg *context, cfg_element *map, const char *key);
+
+/* Replace the member under key, or make a new member there. */
+ZRCONFIG_API cfg_element *cfg_map_set_string(cfg *context, cfg_element *map, const char *key,
+                                             const char *text);
+ZRCONFIG_API cfg_element *cfg_map_set_int(cfg *context, cfg_element *map, const char *key,
+                                          int value);
+ZRCONFIG_API cfg_element *cfg_map_set_float(cfg *context, cfg_element *map, const char *key,
+                                            double value);
+ZRCONFIG_API cfg_element *cfg_map_set_reference(cfg *context, cfg_element *map,
+                                                const char *key, const char *target_uuid);
+ZRCONFIG_API cfg_element *cfg_map_set_bool(cfg *context, cfg_element *map, const char *key,
+                                           int value);
+ZRCONFIG_API cfg_element *cfg_map_set_blob(cfg *context, cfg_element *map, const char *key,
+                                           const void *data, size_t size);
+
+/* Read the value at a relative path below start (a plain key works too). */
+ZRCONFIG_API int cfg_map_get_string(cfg *context, cfg_element *start, const char *path,
+                                    char **out);
+ZRCONFIG_API int cfg_map_get_bool(cfg *context, cfg_element *start, const char *path,
+                                  int *out);
+ZRCONFIG_API int cfg_map_get_reference(cfg *context, cfg_element *start, const char *path,
+                                       char **out);
+ZRCONFIG_API int cfg_map_get_int(cfg *context, cfg_element *start, const char *path,
+                                 int *out);
+ZRCONFIG_API int cfg_map_get_blob(cfg *context, cfg_element *start, const char *path,
+                                  void **out, size_t *size);
+
+/* Moves a reference to target_uuid: its link leaves the old target's parents
+ * and joins the new target's. 0 when the new target cannot be found. */
+ZRCONFIG_API int update_reference(cfg *context, cfg_element *reference,
+                                  const char *target_uuid);
+ZRCONFIG_API cfg_link *cfg_load_referenceparent(cfg_element *element, const char *uuid);
+ZRCONFIG_API cfg_link *cfg_load_mapparent(cfg_element *element, const char *uuid,
+                                          const char *key);
+ZRCONFIG_API cfg_link *cfg_load_listparent(cfg_element *element, const char *uuid,
+                                           unsigned int index);
+
+/* The list of a future member, else the first list or map holding it. */
+ZRCONFIG_API cfg_element *cfg_get_parent_elem(cfg *context, cfg_element *element);
+/* Marks the element deleted and cascades to its members, future members and
+ * the references naming it; nothing is freed. */
+ZRCONFIG_API void cfg_delete_element(cfg *context, cfg_element *element);
+ZRCONFIG_API void cfg_delete_members(cfg *context, cfg_element *element);
+/* Frees the record, its links and its index entry. */
+ZRCONFIG_API void cfg_free_element(cfg *context, cfg_element *element);
 
 /* ------------------------------------------------------------------------
  * Element JSON
  * ---------------------------------------------------------------------- */
 
+/* Encoders return a new JSON value (caller releases); NULL for an unknown
+ * type. Booleans and floats travel as strings, blobs as pairs of digits. */
+ZRCONFIG_API json_t *bool_to_json(cfg_element *element);
+ZRCONFIG_API json_t *int_to_json(cfg_element *element);
+ZRCONFIG_API json_t *float_to_json(cfg_element *element);
+ZRCONFIG_API json_t *string_to_json(cfg_element *element);
+ZRCONFIG_API json_t *blob_to_json(cfg_element *element);
+ZRCONFIG_API json_t *list_to_json(cfg_element *element);
+ZRCONFIG_API json_t *map_to_json(cfg_element *element);
+ZRCONFIG_API json_t *reference_to_json(cfg_element *element);
+ZRCONFIG_API json_t *refparent_to_json(cfg_parent_link *link);
+ZRCONFIG_API json_t *listparent_to_json(cfg_parent_link *link);
+ZRCONFIG_API json_t *mapparent_to_json(cfg_parent_link *link);
+ZRCONFIG_API json_t *parents_to_json(cfg_link *parents);
+ZRCONFIG_API json_t *elem_to_json(cfg_element *element);
+ZRCONFIG_API int hexchar(int nibble);
+ZRCONFIG_API int fromHex(int character);
+
+/* Decoders load one element object (borrowed) into the context and return
+ * it; reference and future parents are not loaded. */
+ZRCONFIG_API cfg_element *json_to_bool(cfg *context, json_t *object);
+ZRCONFIG_API cfg_element *json_to_int(cfg *context, json_t *object);
+ZRCONFIG_API cfg_element *json_to_float(cfg *context, json_t *object);
+ZRCONFIG_API cfg_element *json_to_string(cfg *context, json_t *object);
+ZRCONFIG_API cfg_element *json_to_blob(cfg *context, json_t *object);
+ZRCONFIG_API cfg_element *json_to_list(cfg *context, json_t *object);
+ZRCONFIG_API cfg_element *json_to_map(cfg *context, json_t *object);
+ZRCONFIG_API cfg_element *json_to_reference(cfg *context, json_t *object);
+ZRCONFIG_API cfg_element *json_to_elem(cfg *context, json_t *object);
+
+/* A borrowed value inside root: segments separated by the byte 0x07, each a
+ * member name or name[n] for entry n of that member. */
+ZRCONFIG_API json_t *json_path_get(json_t *root, const char *path);
+
 /* ------------------------------------------------------------------------
  * Paths and simple access
  * ---------------------------------------------------------------------- */
 
+/* Path flags of the rendering functions. */
+#define CFG_PATH_BARE_INDEX 1  /* n instead of [n], separators after lists */
+#define CFG_PATH_BARE_UUID 2   /* U instead of (U) */
+#define CFG_PATH_STATIC 4      /* list members by a stable number */
+
+/* The element at a path from the root ("" is the root), or NULL. */
+ZRCONFIG_API cfg_element *cfg_get_by_path(cfg *context, const char *path);
+/* Walks key, .key, [n] and (uuid) steps from start. */
+ZRCONFIG_API cfg_element *cfg_get_child_by_path(cfg *context, cfg_element *start,
+                                                const char *path);
+/* printf-style paths. The formatted path lives in one process-wide buffer,
+ * overwritten by the next call (not thread-safe, not to be freed). */
+ZRCONFIG_API cfg_element *cfg_simple_get_by_path(cfg *context, const char *format, ...);
+ZRCONFIG_API cfg_element *cfg_simple_get_by_path_va(cfg *context, char **path_out,
+                                                    const char *format, va_list args);
+ZRCONFIG_API int cfg_simple_string_value_by_path(cfg *context, char **out,
+                                                 const char *format, ...);
+ZRCONFIG_API int cfg_simple_bool_value_by_path(cfg *context, int *out, const char *format,
+                                               ...);
+ZRCONFIG_API int cfg_simple_int_value_by_path(cfg *context, int *out, const char *format,
+                                              ...);
+ZRCONFIG_API cfg_element *cfg_simple_get_listelem(cfg *context, cfg_element *list,
+                                                  unsigned int index);
+ZRCONFIG_API cfg_element *cfg_simple_get_mapelem(cfg *context, cfg_element *map,
+                                                 const char *key);
+
+/* The parent link naming the element's place: map, then list, then the
+ * future parent, then a reference link. */
+ZRCONFIG_API cfg_parent_link *cfg_get_most_solid_parent_link(cfg_element *element);
+/* One path component into out; the snprintf result. */
+ZRCONFIG_API int cfg_get_path_basename_from_link(cfg *context, const char *uuid,
+                                                 cfg_parent_link *link, unsigned int flags,
+                                                 char *out, size_t size);
+ZRCONFIG_API int cfg_get_path_basename_from_parent(cfg *context, cfg_element *element,
+                                                   const char *parent_uuid,
+                                                   unsigned int flags, char *out,
+                                                   size_t size);
+ZRCONFIG_API int cfg_get_path_basename(cfg *context, cfg_element *element, unsigned int flags,
+                                       char *out, size_t size);
+/* A new array (caller frees) of the element and its ancestors; NULL on a
+ * cycle. With to_top 0 the root is left out. */
+ZRCONFIG_API cfg_element **cfg_get_path_elements(cfg *context, cfg_element *element,
+                                                 unsigned int *count, int to_top);
+/* A new text (caller frees): the path from the top down to the element. */
+ZRCONFIG_API char *cfg_get_canonical_path(cfg *context, cfg_element *element,
+                                          unsigned int flags, const char *separator);
+/* Stores a new static path in *out (caller frees); "uuid:path" for elements
+ * made locally. */
+ZRCONFIG_API int cfg_get_static_path(cfg *context, cfg_element *element, char **out);
+/* Writes the Blob at path to file when it differs: 1 written, 0 already
+ * equal, -1 on failure. mode 0 means 0644. */
+ZRCONFIG_API int cfg_simple_sync_blob_to_file(cfg *context, const char *path,
+                                              const char *file, unsigned int mode);
+
 /* ------------------------------------------------------------------------
  * Element text dump
  * ---------------------------------------------------------------------- */
+
+/* One line per indexed element, in index order (caller frees). */
+ZRCONFIG_API char *cfg_to_string(cfg *context);
 
 /* ------------------------------------------------------------------------
  * Schema elements

@@ -36,8 +36,11 @@ namespace {
 // Trigger tables belong to validation; nothing to release until it fills them.
 void release_trigger_tables(cfg *) {}
 
-// Element records belong to the data tree; until it exists the index is empty.
-void release_element(cfg *, cfg_element *) {}
+// Element records are released by the data tree, which owns their layout.
+void release_element(cfg *context, cfg_element *element)
+{
+    cfg_free_element(context, element);
+}
 
 // Empties the uuid index, releasing every element in index order.
 void release_elements(cfg *context)

@@ -1,0 +1,478 @@
+// Elements, replacement, list and map membership, references and deletion.
+#include "context.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+using zrtest::context_handle;
+
+namespace {
+
+cfg_parent_link *link_at(cfg_link *head, unsigned index)
+{
+    void *data = nullptr;
+    return cfg_link_list_get(head, index, &data) ? static_cast<cfg_parent_link *>(data)
+                                                 : nullptr;
+}
+
+std::vector<std::string> member_uuids(cfg_link *head)
+{
+    std::vector<std::string> out;
+    for (cfg_link *n = head; n != nullptr; n = n->next)
+        out.emplace_back(static_cast<cfg_parent_link *>(n->data)->uuid);
+    return out;
+}
+
+// A list with members named m0, m1, ... (unflagged, as if loaded).
+cfg_element *make_list(cfg *ctx, const char *uuid, int count)
+{
+    cfg_element *list = cfg_load_list(ctx, uuid);
+    for (int i = 0; i < count; i++)
+        cfg_add_listelem(ctx, list, cfg_load_int(ctx, ("m" + std::to_string(i)).c_str(), i));
+    return list;
+}
+
+} // namespace
+
+TEST(Elements, ValuesAndAccessors)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    int b = -1, i = 0;
+    double f = 0;
+    char *text = nullptr;
+    cfg_element *flag = cfg_new_bool(ctx, 7);
+    EXPECT_EQ(cfg_bool_value(flag, &b), 1);
+    EXPECT_EQ(b, 7);
+    EXPECT_EQ(cfg_int_value(cfg_new_int(ctx, -4), &i), 1);
+    EXPECT_EQ(i, -4);
+    EXPECT_EQ(cfg_float_value(cfg_new_float(ctx, 2.25), &f), 1);
+    EXPECT_EQ(f, 2.25);
+    cfg_element *s = cfg_new_string(ctx, "hello");
+    ASSERT_EQ(cfg_string_value(s, &text), 1);
+    EXPECT_STREQ(text, "hello");
+    free(text);
+    // Wrong type: 0 and the output untouched.
+    text = reinterpret_cast<char *>(0x1);
+    EXPECT_EQ(cfg_string_value(flag, &text), 0);
+    EXPECT_EQ(text, reinterpret_cast<char *>(0x1));
+    EXPECT_EQ(cfg_int_value(nullptr, &i), 0);
+
+    EXPECT_EQ(flag->flags, unsigned(CFG_FLAG_NEW));
+    EXPECT_EQ(flag->generation, 0);
+    EXPECT_EQ(strlen(flag->uuid), 36u);
+    EXPECT_EQ(cfg_find_by_id(ctx, flag->uuid), flag);
+
+    unsigned type = 0;
+    EXPECT_EQ(cfg_elem_type(s, &type), 1);
+    EXPECT_EQ(type, unsigned(CFG_TYPE_STRING));
+    EXPECT_EQ(cfg_elem_type(s, nullptr), 0);
+    char *uuid = nullptr;
+    EXPECT_EQ(cfg_elem_uuid(s, &uuid), 1);
+    EXPECT_STREQ(uuid, s->uuid);
+    free(uuid);
+}
+
+TEST(Elements, StringLimitsAndNulls)
+{
+    context_handle h;
+    std::string limit(0x1000000, 'x');
+    cfg_element *big = cfg_init_string(h.get(), limit.c_str());
+    ASSERT_NE(big, nullptr);
+    cfg_free_element(h.get(), big);
+    limit += 'x';
+    EXPECT_EQ(cfg_init_string(h.get(), limit.c_str()), nullptr);
+    EXPECT_EQ(cfg_new_string(h.get(), nullptr), nullptr);
+    EXPECT_EQ(h.get()->elements, nullptr);
+}
+
+TEST(Elements, BlobValueCopiesWithTerminator)
+{
+    context_handle h;
+    const unsigned char bytes[] = {1, 0, 255};
+    cfg_element *blob = cfg_new_blob(h.get(), bytes, sizeof bytes);
+    size_t size = 0;
+    EXPECT_EQ(cfg_blob_value(blob, nullptr, &size), 1);
+    EXPECT_EQ(size, 3u);
+    void *copy = nullptr;
+    ASSERT_EQ(cfg_blob_value(blob, &copy, &size), 1);
+    EXPECT_EQ(memcmp(copy, bytes, 3), 0);
+    EXPECT_EQ(static_cast<unsigned char *>(copy)[3], 0);
+    free(copy);
+    EXPECT_EQ(cfg_blob_value(cfg_new_string(h.get(), "x"), &copy, &size), 0);
+}
+
+TEST(Elements, DuplicateIdIsMadeButNotIndexed)
+{
+    context_handle h;
+    cfg_element *first = cfg_new_int_with_id(h.get(), 5, "x");
+    cfg_element *second = cfg_new_int_with_id(h.get(), 6, "x");
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(cfg_find_by_id(h.get(), "x"), first);
+    EXPECT_EQ(cfg_add_elem(h.get(), second), 0);
+    // Releasing the unindexed twin leaves the indexed one in place.
+    cfg_free_element(h.get(), second);
+    EXPECT_EQ(cfg_find_by_id(h.get(), "x"), first);
+}
+
+TEST(Elements, LoadReplacesLocalElement)
+{
+    context_handle h;
+    cfg_element *local = cfg_new_int_with_id(h.get(), 1, "x");
+    local->generation = 9;
+    cfg_element *loaded = cfg_load_int(h.get(), "x", 7);
+    EXPECT_EQ(cfg_find_by_id(h.get(), "x"), loaded);
+    EXPECT_EQ(loaded->flags, 0u);
+    EXPECT_EQ(loaded->generation, 0);
+    EXPECT_EQ(loaded->value.int_value, 7);
+}
+
+TEST(Replacement, CarriesIdentityParentsFlagsAndSchema)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *list = make_list(ctx, "L", 2);
+    cfg_element *old = cfg_find_by_id(ctx, "m1");
+    old->flags = CFG_FLAG_NEW;
+    old->generation = 4;
+    strcpy(old->schema, "S");
+    cfg_element *fresh = cfg_set_float(ctx, old, 1.5);
+    ASSERT_NE(fresh, nullptr);
+    EXPECT_EQ(fresh->type, unsigned(CFG_TYPE_FLOAT));
+    EXPECT_STREQ(fresh->uuid, "m1");
+    EXPECT_EQ(cfg_find_by_id(ctx, "m1"), fresh);
+    EXPECT_EQ(fresh->flags, unsigned(CFG_FLAG_NEW | CFG_FLAG_CHANGED));
+    EXPECT_EQ(fresh->generation, 4);
+    EXPECT_STREQ(fresh->schema, "S");
+    unsigned index = 0;
+    EXPECT_EQ(cfg_get_list_index(ctx, fresh, &index), 1);
+    EXPECT_EQ(index, 1u);
+    EXPECT_STREQ(cfg_get_listelem(list, 1), "m1");
+    EXPECT_EQ(cfg_set_string(ctx, fresh, nullptr), nullptr);
+    EXPECT_EQ(cfg_set_int(ctx, nullptr, 1), nullptr);
+}
+
+TEST(Replacement, ContainerMembersAreDeleted)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    make_list(ctx, "L", 2);
+    cfg_element *inner = cfg_load_map(ctx, "inner");
+    cfg_add_listelem(ctx, cfg_find_by_id(ctx, "L"), inner);
+    cfg_add_mapelem(ctx, inner, "k", cfg_load_string(ctx, "leaf", "v"));
+
+    cfg_element *emptied = cfg_set_list(ctx, cfg_find_by_id(ctx, "L"));
+    unsigned size = 9;
+    EXPECT_EQ(cfg_list_size(emptied, &size), 1);
+    EXPECT_EQ(size, 0u);
+    for (const char *id : {"m0", "m1", "inner", "leaf"})
+        EXPECT_TRUE(cfg_find_by_id(ctx, id)->flags & CFG_FLAG_DELETED) << id;
+
+    // A type change also deletes the members of the old container.
+    cfg_element *map = cfg_new_map_with_id(ctx, "M");
+    cfg_add_mapelem(ctx, map, "a", cfg_new_int_with_id(ctx, 1, "a1"));
+    cfg_element *now_int = cfg_set_int(ctx, map, 3);
+    EXPECT_EQ(now_int->type, unsigned(CFG_TYPE_INT));
+    EXPECT_TRUE(cfg_find_by_id(ctx, "a1")->flags & CFG_FLAG_DELETED);
+}
+
+TEST(References, LinkMoveAndDuplicateOnReset)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *a = cfg_new_int_with_id(ctx, 1, "A");
+    cfg_element *b = cfg_new_int_with_id(ctx, 2, "B");
+    EXPECT_EQ(cfg_new_reference(ctx, "missing"), nullptr);
+    EXPECT_EQ(HASH_COUNT(ctx->elements), 2u);
+
+    cfg_element *ref = cfg_new_reference_with_id(ctx, "A", "R");
+    ASSERT_NE(ref, nullptr);
+    ASSERT_EQ(cfg_link_list_length(a->parents), 1);
+    EXPECT_EQ(link_at(a->parents, 0)->type, unsigned(CFG_TYPE_REFERENCE));
+    EXPECT_STREQ(link_at(a->parents, 0)->uuid, "R");
+
+    ref = cfg_set_reference(ctx, ref, "B");
+    ASSERT_NE(ref, nullptr);
+    EXPECT_EQ(cfg_link_list_length(a->parents), 0);
+    EXPECT_EQ(member_uuids(b->parents), (std::vector<std::string>{"R", "R"}));
+    char *target = nullptr;
+    EXPECT_EQ(cfg_reference_value(ref, &target), 1);
+    EXPECT_STREQ(target, "B");
+    free(target);
+
+    // A missing target leaves the old record unindexed and with the caller.
+    cfg_element *old = ref;
+    EXPECT_EQ(cfg_set_reference(ctx, old, "missing"), nullptr);
+    EXPECT_EQ(cfg_find_by_id(ctx, "R"), nullptr);
+    cfg_free_element(ctx, old);
+}
+
+TEST(Lists, ChangedFlagOnlyForNewOrChangedChild)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *list = cfg_load_list(ctx, "L");
+    cfg_add_listelem(ctx, list, cfg_load_int(ctx, "plain", 0));
+    EXPECT_EQ(list->flags, 0u);
+    cfg_add_listelem(ctx, list, cfg_new_int(ctx, 0));
+    EXPECT_EQ(list->flags, unsigned(CFG_FLAG_CHANGED));
+    EXPECT_EQ(cfg_add_listelem(ctx, cfg_new_int(ctx, 1), cfg_new_int(ctx, 2)), nullptr);
+}
+
+TEST(Lists, DeletingAMemberRenumbersTheRest)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *list = make_list(ctx, "L", 3);
+    cfg_delete_element(ctx, cfg_find_by_id(ctx, "m1"));
+    EXPECT_EQ(member_uuids(list->value.list.members), (std::vector<std::string>{"m0", "m2"}));
+    EXPECT_EQ(link_at(list->value.list.members, 1)->index, 1u);
+    cfg_element *third = cfg_find_by_id(ctx, "m2");
+    EXPECT_EQ(link_at(third->parents, 0)->index, 1u);
+    EXPECT_EQ(third->flags, unsigned(CFG_FLAG_CHANGED));
+    EXPECT_EQ(cfg_find_by_id(ctx, "m0")->flags, 0u);
+    EXPECT_TRUE(list->flags & CFG_FLAG_CHANGED);
+    EXPECT_STREQ(cfg_get_listelem(list, 1), "m2");
+    EXPECT_EQ(cfg_get_listelem(list, 2), nullptr);
+    EXPECT_EQ(cfg_get_listelem(list, -1), nullptr);
+}
+
+// The position index kept beside each list agrees with the public links
+// after deletions and after nodes appended behind its back.
+TEST(Lists, PositionsStayTrueToTheLinks)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *list = make_list(ctx, "L", 40);
+    for (int i : {0, 17, 39, 5})
+        cfg_delete_element(ctx, cfg_find_by_id(ctx, ("m" + std::to_string(i)).c_str()));
+    cfg_parent_link *extra = static_cast<cfg_parent_link *>(calloc(1, sizeof(cfg_parent_link)));
+    strcpy(extra->uuid, "outside");
+    extra->type = CFG_TYPE_LIST;
+    cfg_add_link(&list->value.list.members, extra);
+    std::vector<std::string> links = member_uuids(list->value.list.members);
+    unsigned size = 0;
+    cfg_list_size(list, &size);
+    ASSERT_EQ(size, links.size());
+    for (unsigned i = 0; i < size; i++)
+        EXPECT_EQ(links[i], cfg_get_listelem(list, static_cast<int>(i))) << i;
+    for (unsigned i = 0; i + 1 < size; i++) {
+        cfg_element *member = cfg_find_by_id(ctx, links[i].c_str());
+        EXPECT_EQ(link_at(member->parents, 0)->index, i);
+    }
+}
+
+TEST(Lists, FutureMembers)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *list = cfg_load_list(ctx, "L");
+    cfg_element *child = cfg_new_int_with_id(ctx, 1, "F");
+    ASSERT_NE(cfg_append_future_listelem(ctx, list, child), nullptr);
+    EXPECT_EQ(list->flags, unsigned(CFG_FLAG_HAS_FUTURE));
+    EXPECT_TRUE(child->flags & CFG_FLAG_FUTURE_CHILD);
+    EXPECT_EQ(child->parents, nullptr);
+    EXPECT_EQ(cfg_list_contains(list, "F"), 1);
+    EXPECT_EQ(cfg_list_contains(list, "G"), 0);
+    unsigned size = 9, index = 9;
+    EXPECT_EQ(cfg_list_size(list, &size), 1);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(cfg_list_future_size(list, nullptr), 1);
+    EXPECT_EQ(cfg_get_future_list_index(ctx, child, "L", &index), 1);
+    EXPECT_EQ(index, 0u);
+    EXPECT_EQ(cfg_get_future_list_index(ctx, child, "other", &index), 0);
+    EXPECT_EQ(cfg_get_parent_elem(ctx, child), list);
+
+    // Dropping the link leaves the child and the list's flag alone.
+    EXPECT_EQ(cfg_list_delete_future_at(ctx, list, 0), 1);
+    EXPECT_EQ(cfg_list_delete_future_at(ctx, list, 0), 0);
+    EXPECT_EQ(list->value.list.future_members, nullptr);
+    EXPECT_TRUE(list->flags & CFG_FLAG_HAS_FUTURE);
+    EXPECT_TRUE(child->flags & CFG_FLAG_FUTURE_CHILD);
+    EXPECT_NE(child->future_parent, nullptr);
+}
+
+TEST(Maps, MembershipKeysAndSetters)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *map = cfg_load_map(ctx, "M");
+    char **keys = reinterpret_cast<char **>(0x1);
+    unsigned count = 9;
+    EXPECT_EQ(cfg_map_keys(map, &keys, &count), 1);
+    EXPECT_EQ(keys, nullptr);
+    EXPECT_EQ(count, 0u);
+
+    cfg_element *first = cfg_load_int(ctx, "v1", 1);
+    cfg_add_mapelem(ctx, map, "k", first);
+    EXPECT_EQ(map->flags, 0u); // an unchanged child leaves the map alone
+    cfg_element *second = cfg_new_int_with_id(ctx, 2, "v2");
+    cfg_add_mapelem(ctx, map, "k", second);
+    EXPECT_TRUE(first->flags & CFG_FLAG_DELETED);
+    EXPECT_STREQ(cfg_get_mapelem(map, "k"), "v2");
+    EXPECT_EQ(member_uuids(map->value.map.members), std::vector<std::string>{"v2"});
+    EXPECT_TRUE(map->flags & CFG_FLAG_CHANGED);
+    char *key = nullptr;
+    EXPECT_EQ(cfg_get_map_key(ctx, second, &key), 1);
+    EXPECT_STREQ(key, "k");
+    free(key);
+
+    cfg_element *replaced = cfg_map_set_string(ctx, map, "k", "text");
+    EXPECT_STREQ(replaced->uuid, "v2");
+    cfg_map_set_bool(ctx, map, "b", 1);
+    cfg_map_set_float(ctx, map, "f", 0.5);
+    cfg_map_set_blob(ctx, map, "blob", "xy", 2);
+    EXPECT_EQ(cfg_map_set_reference(ctx, map, "r", "nowhere"), nullptr);
+    ASSERT_EQ(cfg_map_keys(map, &keys, &count), 1);
+    ASSERT_EQ(count, 4u);
+    std::vector<std::string> names(keys, keys + count);
+    EXPECT_EQ(names, (std::vector<std::string>{"k", "b", "f", "blob"}));
+    for (unsigned i = 0; i < count; i++)
+        free(keys[i]);
+    free(keys);
+
+    char *text = nullptr;
+    int flag = 0;
+    void *data = reinterpret_cast<void *>(0x1);
+    size_t size = 9;
+    EXPECT_EQ(cfg_map_get_string(ctx, map, "k", &text), 1);
+    EXPECT_STREQ(text, "text");
+    free(text);
+    EXPECT_EQ(cfg_map_get_bool(ctx, map, "b", &flag), 1);
+    EXPECT_EQ(flag, 1);
+    EXPECT_EQ(cfg_map_get_blob(ctx, map, "none", &data, &size), 0);
+    EXPECT_EQ(data, nullptr);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(cfg_map_get_reference(ctx, map, nullptr, &text), 0);
+    EXPECT_EQ(text, nullptr);
+
+    EXPECT_EQ(cfg_map_delete_key(ctx, map, "b"), 1);
+    EXPECT_EQ(cfg_get_mapelem(map, "b"), nullptr);
+}
+
+TEST(Maps, AddToNonMapAborts)
+{
+    EXPECT_DEATH(
+        {
+            context_handle h;
+            cfg_element *list = cfg_new_list(h.get());
+            cfg_add_mapelem(h.get(), list, "k", cfg_new_int(h.get(), 1));
+        },
+        "src/data: cfg_add_mapelem: Assertion `map_elem->type == 8' failed.");
+}
+
+TEST(Deletion, CascadesThroughReferencesAndFutureMembers)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *target = cfg_new_int_with_id(ctx, 1, "T");
+    cfg_element *ref = cfg_new_reference_with_id(ctx, "T", "R");
+    cfg_delete_element(ctx, target);
+    EXPECT_TRUE(target->flags & CFG_FLAG_DELETED);
+    EXPECT_TRUE(ref->flags & CFG_FLAG_DELETED);
+
+    // Future members: an orphan is deleted, one held elsewhere is not.
+    cfg_element *list = cfg_load_list(ctx, "L");
+    cfg_element *other = cfg_load_list(ctx, "O");
+    cfg_element *orphan = cfg_new_int_with_id(ctx, 1, "orphan");
+    cfg_element *held = cfg_new_int_with_id(ctx, 2, "held");
+    cfg_add_listelem(ctx, other, held);
+    cfg_append_future_listelem(ctx, list, orphan);
+    cfg_append_future_listelem(ctx, list, held);
+    cfg_delete_element(ctx, list);
+    EXPECT_TRUE(orphan->flags & CFG_FLAG_DELETED);
+    EXPECT_FALSE(held->flags & CFG_FLAG_DELETED);
+    EXPECT_FALSE(held->flags & CFG_FLAG_FUTURE_CHILD);
+    EXPECT_FALSE(list->flags & CFG_FLAG_HAS_FUTURE);
+
+    // A deleted future member leaves its list; the last one clears the flag.
+    cfg_element *list2 = cfg_load_list(ctx, "L2");
+    cfg_element *child = cfg_new_int(ctx, 3);
+    cfg_append_future_listelem(ctx, list2, child);
+    cfg_delete_element(ctx, child);
+    EXPECT_EQ(list2->value.list.future_members, nullptr);
+    EXPECT_FALSE(list2->flags & CFG_FLAG_HAS_FUTURE);
+    EXPECT_FALSE(child->flags & CFG_FLAG_FUTURE_CHILD);
+}
+
+namespace {
+
+struct member_state {
+    unsigned flags;
+    unsigned link_index;
+    unsigned child_flags;
+    bool operator==(const member_state &) const = default;
+};
+
+// A list of ints and maps (each map holding one string), then deleted.
+std::vector<member_state> delete_mixed_list(cfg *ctx, const std::string &name, bool whole)
+{
+    cfg_element *list = cfg_load_list(ctx, name.c_str());
+    std::vector<std::string> ids;
+    for (int i = 0; i < 6; i++) {
+        std::string id = name + std::to_string(i);
+        cfg_element *m = i % 2 ? cfg_load_map(ctx, id.c_str()) : cfg_load_int(ctx, id.c_str(), i);
+        if (i % 2)
+            cfg_add_mapelem(ctx, m, "k", cfg_load_string(ctx, (id + "c").c_str(), "v"));
+        cfg_add_listelem(ctx, list, m);
+        ids.push_back(id);
+    }
+    if (whole)
+        cfg_delete_element(ctx, list);
+    else
+        cfg_delete_members(ctx, list); // the list itself stays: one member at a time
+    EXPECT_EQ(list->value.list.members, nullptr);
+    EXPECT_TRUE(list->flags & CFG_FLAG_CHANGED);
+    std::vector<member_state> states;
+    for (size_t i = 0; i < ids.size(); i++) {
+        cfg_element *m = cfg_find_by_id(ctx, ids[i].c_str());
+        cfg_element *child = cfg_find_by_id(ctx, (ids[i] + "c").c_str());
+        states.push_back({m->flags, link_at(m->parents, 0)->index,
+                          child != nullptr ? child->flags : 0u});
+    }
+    return states;
+}
+
+} // namespace
+
+// Deleting a whole list takes one pass; the result is the one that deleting
+// its members one at a time (renumbering the rest each time) gives.
+TEST(Deletion, WholeListEndsAsMemberByMember)
+{
+    context_handle h;
+    std::vector<member_state> whole = delete_mixed_list(h.get(), "a", true);
+    std::vector<member_state> stepwise = delete_mixed_list(h.get(), "b", false);
+    EXPECT_EQ(whole, stepwise);
+    EXPECT_EQ(whole[0].flags, unsigned(CFG_FLAG_DELETED));
+    EXPECT_EQ(whole[2].flags, unsigned(CFG_FLAG_DELETED | CFG_FLAG_CHANGED));
+    EXPECT_EQ(whole[5].link_index, 0u);
+    EXPECT_TRUE(whole[5].child_flags & CFG_FLAG_DELETED);
+}
+
+TEST(Deletion, ReferenceCycleEnds)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_new_int_with_id(ctx, 0, "X");
+    cfg_element *a = cfg_new_reference_with_id(ctx, "X", "A");
+    cfg_element *b = cfg_new_reference_with_id(ctx, "A", "B");
+    update_reference(ctx, a, "B"); // A -> B -> A
+    cfg_delete_element(ctx, a);
+    EXPECT_TRUE(a->flags & CFG_FLAG_DELETED);
+    EXPECT_TRUE(b->flags & CFG_FLAG_DELETED);
+}
+
+TEST(LinkLists, GenericOperations)
+{
+    cfg_link *head = nullptr;
+    for (int i = 0; i < 3; i++)
+        cfg_add_link(&head, calloc(1, sizeof(cfg_parent_link)));
+    EXPECT_EQ(cfg_link_list_length(head), 3);
+    void *data = nullptr;
+    EXPECT_EQ(cfg_link_list_get(head, 2, &data), 1);
+    EXPECT_EQ(cfg_link_list_get(head, 3, &data), 0);
+    cfg_link_list_free(head);
+}
