@@ -350,6 +350,62 @@ typedef struct cfg_condition {
 
 /* ---- validation records ---- */
 
+/* Trigger tables: uthash tables keyed by text. Each record lists, as
+ * dependents, the uuids (char[260] copies, at most once each) of the
+ * elements to re-validate when what it watches changes. */
+
+/* Watches an existing element, by its uuid. */
+struct cfg_uuid_trigger {
+    char key[CFG_UUID_SIZE];
+    cfg_link *dependents;
+    UT_hash_handle hh;
+};
+
+/* Watches a static path where no element existed when it was tested. */
+struct cfg_path_trigger {
+    char key[512];
+    cfg_link *dependents;
+    UT_hash_handle hh;
+};
+
+/* Watches every static path that a regular expression matches; compiled
+ * (a pcre pointer) is made on first use and kept with the record. */
+struct cfg_pattern_trigger {
+    char key[1024];
+    cfg_link *dependents;
+    void *compiled;
+    UT_hash_handle hh;
+};
+
+/* One entry of a reverse record: exactly one of the three is set. */
+typedef struct cfg_trigger_entry {
+    struct cfg_uuid_trigger *uuid_trigger;
+    struct cfg_path_trigger *path_trigger;
+    struct cfg_pattern_trigger *pattern_trigger;
+} cfg_trigger_entry;
+
+/* Keyed by a dependent's uuid: every trigger record whose dependents hold
+ * it (cfg_trigger_entry items, in the order added). */
+struct cfg_reverse_trigger {
+    char key[CFG_UUID_SIZE];
+    cfg_link *triggered_by;
+    UT_hash_handle hh;
+};
+
+typedef struct cfg_uuid_trigger cfg_uuid_trigger;
+typedef struct cfg_path_trigger cfg_path_trigger;
+typedef struct cfg_pattern_trigger cfg_pattern_trigger;
+typedef struct cfg_reverse_trigger cfg_reverse_trigger;
+
+/* The bookkeeping of one validation walk; allocate it zeroed, release it
+ * with free_context. Both maps are element maps keyed by uuid; an entry
+ * keeps its own copy of the uuid, so a map outlives a replaced record. */
+typedef struct validation_context {
+    cfg_index_entry *unhandled; /* known to exist, not accounted for yet */
+    cfg_index_entry *seen;      /* every element ever entered */
+    uint8_t shallow;            /* members are marked handled, not validated */
+} validation_context;
+
 /* An item of a connection's id map, held in two hash indexes at once. */
 typedef struct cfg_uuid_item {
     char key[512];
@@ -1143,6 +1199,44 @@ ZRCONFIG_API cfg_schema_validator *json_to_validator(cfg *context, json_t *json)
  * Conditional evaluation and defaults
  * ---------------------------------------------------------------------- */
 
+/* 1 when the if element's condition holds for map, else 0. Records in the
+ * trigger tables that map depends on the tested element (by uuid when it
+ * exists, by path when it does not). Paths starting with "^" climb one
+ * parent per "^", paths starting with "." are taken below map, others are
+ * absolute. An unknown value type pushes the schema message. */
+ZRCONFIG_API int evaluate_if(cfg *context, cfg_element *map, cfg_schema_element *if_elem);
+/* Compare element (NULL when absent) with value under operator op (1 exists,
+ * 2 ==, 3 !=, 4 >, 5 >=, 6 <, 7 <=): 1 or 0. An absent element satisfies
+ * only 3; an element of another type satisfies only 1. */
+ZRCONFIG_API int evaluate_bool_condition(cfg_element *element, int op, int value);
+ZRCONFIG_API int evaluate_int_condition(cfg_element *element, int op, int value);
+ZRCONFIG_API int evaluate_string_condition(cfg_element *element, int op, const char *value);
+ZRCONFIG_API int evaluate_float_condition(cfg_element *element, int op, double value);
+
+/* Writes into out (256 bytes) the uuid of parent's child under key: parent's
+ * uuid, then "_" and key ("-" and key after a uuid with a single dash); a
+ * list child (type 7) also gets "@" after the second dash. */
+ZRCONFIG_API void cfg_create_uuid(char *out, int type, cfg_element *parent, const char *key);
+/* A new indexed element holding schema's default under uuid (fresh when
+ * NULL): empty for lists and maps; NULL for blobs, references, if elements
+ * and scalars without a default. */
+ZRCONFIG_API cfg_element *cfg_create_default(cfg *context, cfg_schema_element *schema,
+                                             const char *uuid);
+/* Creates missing required map members that have defaults, recursing into
+ * maps and into lists of named types, and applies conditionals that hold.
+ * Deterministic mode derives the new uuids with cfg_create_uuid, leaves the
+ * new elements unflagged, and adds a missing list member as a key only. */
+ZRCONFIG_API void cfg_populate_node(cfg *context, cfg_element *element,
+                                    cfg_schema_element *schema, int deterministic);
+ZRCONFIG_API void cfg_populate_map(cfg *context, cfg_element *map, cfg_schema_element *schema,
+                                   int deterministic);
+ZRCONFIG_API void cfg_populate_list(cfg *context, cfg_element *list,
+                                    cfg_schema_element *schema, int deterministic);
+ZRCONFIG_API void cfg_populate_if(cfg *context, cfg_element *map,
+                                  cfg_schema_element *if_elem, int deterministic);
+/* cfg_populate_node against the schema element named by element->schema. */
+ZRCONFIG_API void cfg_populate_defaults(cfg *context, cfg_element *element, int deterministic);
+
 /* ------------------------------------------------------------------------
  * Wire framing and requests
  * ---------------------------------------------------------------------- */
@@ -1181,6 +1275,24 @@ ZRCONFIG_API json_t *cfg_send_request(cfg *ctx, json_t *request);
 /* ------------------------------------------------------------------------
  * Trigger tables
  * ---------------------------------------------------------------------- */
+
+/* Registers element as a dependent of one pattern per path of validator:
+ * the element's static path (without a "{uuid}:" prefix) with "(", ")" and
+ * "." escaped, followed by the validator path. */
+ZRCONFIG_API void cfg_create_validator_triggers(cfg *context, cfg_element *element,
+                                                cfg_schema_validator *validator);
+/* Writes the four tables to standard output; the printf result of the last
+ * line. */
+ZRCONFIG_API int cfg_print_trigger_tables(cfg *context);
+/* Frees the four tables and everything in them; the fields end up NULL. */
+ZRCONFIG_API void cfg_free_trigger_tables(cfg *context);
+
+/* Validation context bookkeeping: add_unhandled enters an element never
+ * seen before into both maps; set_handled marks it seen and drops it from
+ * unhandled; free_context empties both maps and frees the record. */
+ZRCONFIG_API void add_unhandled(validation_context *vctx, cfg_element *element);
+ZRCONFIG_API void set_handled(validation_context *vctx, cfg_element *element);
+ZRCONFIG_API void free_context(validation_context *vctx);
 
 /* ------------------------------------------------------------------------
  * Conditions

@@ -33,8 +33,11 @@ extern "C" cfg *cfg_create_new_config(cfg_schema *schema)
 
 namespace {
 
-// Trigger tables belong to validation; nothing to release until it fills them.
-void release_trigger_tables(cfg *) {}
+// Trigger tables belong to validation, which fills and releases them.
+void release_trigger_tables(cfg *context)
+{
+    cfg_free_trigger_tables(context);
+}
 
 // Element records are released by the data tree, which owns their layout.
 void release_element(cfg *context, cfg_element *element)

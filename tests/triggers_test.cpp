@@ -1,0 +1,134 @@
+// Trigger tables: validator registration, the printed form, release, and the
+// validation context's bookkeeping.
+#include "appliance.h"
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <string>
+
+using zrtest::appliance;
+
+namespace {
+
+const std::string rule(53, '-');
+
+std::string printed(cfg *ctx, int *result = nullptr)
+{
+    testing::internal::CaptureStdout();
+    int r = cfg_print_trigger_tables(ctx);
+    if (result != nullptr)
+        *result = r;
+    return testing::internal::GetCapturedStdout();
+}
+
+// A validator with the given paths, owned by a schema element of ctx.
+cfg_schema_validator *validator(cfg *ctx, std::initializer_list<const char *> paths)
+{
+    cfg_schema_validator *v = cfg_init_schema_validator(ctx, "uniqueness");
+    for (const char *p : paths)
+        cfg_validator_add_path(v, p);
+    cfg_schema_add_validator(cfg_init_schema_bool(ctx, nullptr, 0, 0), v);
+    return v;
+}
+
+} // namespace
+
+TEST(TriggerTables, EmptyTablesPrintTwoRules)
+{
+    appliance a;
+    int result = 0;
+    EXPECT_EQ(printed(a.ctx(), &result), rule + "\n" + rule + "\n");
+    EXPECT_EQ(result, 54);
+
+    cfg_create_validator_triggers(a.ctx(), a.if1, validator(a.ctx(), {}));
+    EXPECT_EQ(a.ctx()->pattern_triggers, nullptr);
+    EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
+}
+
+TEST(TriggerTables, ValidatorPathsFollowTheEscapedStaticPathOnce)
+{
+    appliance a;
+    cfg_schema_validator *v = validator(a.ctx(), {"\\.name", "\\.mode"});
+    cfg_create_validator_triggers(a.ctx(), a.if1, v);
+    cfg_create_validator_triggers(a.ctx(), a.if1, v);
+    cfg_create_validator_triggers(a.ctx(), a.if2, validator(a.ctx(), {"\\.name"}));
+
+    EXPECT_EQ(printed(a.ctx()), rule + "\n" +
+                                    "interfaces\\(1\\)\\.name triggers (if-1)\n"
+                                    "interfaces\\(1\\)\\.mode triggers (if-1)\n"
+                                    "interfaces\\(2\\)\\.name triggers (if-2)\n"
+                                    "if-1 thinks it is triggered by (interfaces\\(1\\)\\.name, "
+                                    "interfaces\\(1\\)\\.mode)\n"
+                                    "if-2 thinks it is triggered by (interfaces\\(2\\)\\.name)\n" +
+                                    rule + "\n");
+}
+
+TEST(TriggerTables, LocallyMadeElementsDropTheirUuidPrefix)
+{
+    appliance a;
+    cfg_element *fresh = cfg_new_map(a.ctx());
+    cfg_add_mapelem(a.ctx(), a.system, "extra", fresh);
+    cfg_create_validator_triggers(a.ctx(), fresh, validator(a.ctx(), {"\\.port"}));
+    ASSERT_NE(a.ctx()->pattern_triggers, nullptr);
+    EXPECT_STREQ(a.ctx()->pattern_triggers->key, "system\\.extra\\.port");
+    EXPECT_STREQ(a.ctx()->reverse_triggers->key, fresh->uuid);
+}
+
+TEST(TriggerTables, FreeingEmptiesEveryTable)
+{
+    appliance a;
+    cfg_create_validator_triggers(a.ctx(), a.if1, validator(a.ctx(), {"\\.name"}));
+    cfg_schema_value v{};
+    v.int_value = 1;
+    EXPECT_TRUE(
+        evaluate_if(a.ctx(), a.dns, cfg_init_schema_if(a.ctx(), nullptr, "^mtu", 4, 2, v, 0)));
+    EXPECT_FALSE(
+        evaluate_if(a.ctx(), a.dns, cfg_init_schema_if(a.ctx(), nullptr, "missing", 2, 2, v, 0)));
+    ASSERT_NE(a.ctx()->uuid_triggers, nullptr);
+    ASSERT_NE(a.ctx()->path_triggers, nullptr);
+
+    cfg_free_trigger_tables(a.ctx());
+    EXPECT_EQ(a.ctx()->uuid_triggers, nullptr);
+    EXPECT_EQ(a.ctx()->path_triggers, nullptr);
+    EXPECT_EQ(a.ctx()->pattern_triggers, nullptr);
+    EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
+    EXPECT_EQ(printed(a.ctx()), rule + "\n" + rule + "\n");
+
+    // The tables fill again and go with the context.
+    cfg_create_validator_triggers(a.ctx(), a.if2, validator(a.ctx(), {"\\.name"}));
+    EXPECT_NE(a.ctx()->pattern_triggers, nullptr);
+}
+
+TEST(ValidationContext, SeenElementsAreEnteredOnce)
+{
+    appliance a;
+    auto *vctx = static_cast<validation_context *>(calloc(1, sizeof(validation_context)));
+    add_unhandled(vctx, a.system);
+    add_unhandled(vctx, a.dns);
+    add_unhandled(vctx, a.system);
+    EXPECT_EQ(HASH_COUNT(vctx->unhandled), 2u);
+    EXPECT_EQ(HASH_COUNT(vctx->seen), 2u);
+
+    set_handled(vctx, a.system);
+    set_handled(vctx, a.system);
+    EXPECT_EQ(HASH_COUNT(vctx->unhandled), 1u);
+    EXPECT_EQ(vctx->unhandled->element, a.dns);
+
+    // Handled before it was known: seen, so never unhandled afterwards.
+    set_handled(vctx, a.mtu);
+    add_unhandled(vctx, a.mtu);
+    add_unhandled(vctx, a.system);
+    EXPECT_EQ(HASH_COUNT(vctx->unhandled), 1u);
+    EXPECT_EQ(HASH_COUNT(vctx->seen), 3u);
+
+    // Entries keep their own key: the record that replaces a freed one
+    // under the same uuid finds its entry.
+    add_unhandled(vctx, a.hostname);
+    EXPECT_EQ(HASH_COUNT(vctx->unhandled), 2u);
+    cfg_element *renamed = cfg_set_string(a.ctx(), a.hostname, "other");
+    set_handled(vctx, renamed);
+    EXPECT_EQ(HASH_COUNT(vctx->unhandled), 1u);
+    free_context(vctx);
+    free_context(nullptr);
+}
