@@ -1272,6 +1272,77 @@ ZRCONFIG_API json_t *cfg_send_request(cfg *ctx, json_t *request);
  * Custom validators
  * ---------------------------------------------------------------------- */
 
+/* A custom validator: given the element and the schema record's parameters,
+ * 1 accepts and 0 rejects (with a message on the stack where the rule has
+ * one; wrong element types, parameter counts and missing inputs are silent). */
+typedef int (*cfg_validator_fn)(cfg *context, cfg_element *element, char **params,
+                                int params_count);
+
+/* One row of validator_lut. */
+typedef struct cfg_validator_def {
+    const char *name;
+    cfg_validator_fn function;
+} cfg_validator_def;
+
+/* The named validators, ended by a row whose name is NULL. */
+ZRCONFIG_API extern const cfg_validator_def validator_lut[];
+/* The function of the first row named name (exact match), or NULL. */
+ZRCONFIG_API cfg_validator_fn get_validator(const char *name);
+
+/* Elementary checks: 1 when the text passes. */
+ZRCONFIG_API int validate_ipv4address(const char *text);
+ZRCONFIG_API int validate_ipv6address(const char *text);
+/* Six colon-separated pairs of hexadecimal digits. */
+ZRCONFIG_API int validate_macaddress(const char *text);
+/* Letters, digits, '-' and '.', with at least one letter. */
+ZRCONFIG_API int validate_dnsname(const char *text);
+/* An OpenSSH public key line, or a PEM private key without pass phrase. */
+ZRCONFIG_API int validate_ssh_key(const char *text);
+/* 1 when either is NULL, else whether crypt(clear, "Qz") equals hash. */
+ZRCONFIG_API int validate_password(const char *clear, const char *hash);
+/* Whether the PEM certificate and private key belong together and, when
+ * common_name is given, the certificate's common name equals it. Both PEM
+ * texts NULL passes; only one of them NULL fails. */
+ZRCONFIG_API int validate_ssl_cert(const char *certificate, const char *key,
+                                   const char *common_name);
+/* "global" allows only "SummitAdmin", "smart_group" anything else; any
+ * other mode allows every role. */
+ZRCONFIG_API int validate_group_role(const char *mode, const char *rolename);
+
+/* The validators of the table, one per row. */
+ZRCONFIG_API int validator_network_validity(cfg *context, cfg_element *element, char **params,
+                                            int params_count);
+ZRCONFIG_API int validator_networkaddress(cfg *context, cfg_element *element, char **params,
+                                          int params_count);
+ZRCONFIG_API int validator_uniqueness(cfg *context, cfg_element *element, char **params,
+                                      int params_count);
+ZRCONFIG_API int validator_tag_uniqueness(cfg *context, cfg_element *element, char **params,
+                                          int params_count);
+ZRCONFIG_API int validator_template_uniqueness(cfg *context, cfg_element *element,
+                                               char **params, int params_count);
+ZRCONFIG_API int validator_password(cfg *context, cfg_element *element, char **params,
+                                    int params_count);
+ZRCONFIG_API int validator_ssl_cert(cfg *context, cfg_element *element, char **params,
+                                    int params_count);
+ZRCONFIG_API int validator_ssh_key(cfg *context, cfg_element *element, char **params,
+                                   int params_count);
+ZRCONFIG_API int validator_condition(cfg *context, cfg_element *element, char **params,
+                                     int params_count);
+ZRCONFIG_API int validator_timezone(cfg *context, cfg_element *element, char **params,
+                                    int params_count);
+ZRCONFIG_API int validator_deny_tag_name(cfg *context, cfg_element *element, char **params,
+                                         int params_count);
+ZRCONFIG_API int validator_dhcp_unique(cfg *context, cfg_element *element, char **params,
+                                       int params_count);
+ZRCONFIG_API int validator_ssh_delimiter(cfg *context, cfg_element *element, char **params,
+                                         int params_count);
+ZRCONFIG_API int validator_mode_roles(cfg *context, cfg_element *element, char **params,
+                                      int params_count);
+ZRCONFIG_API int validator_username_not_system(cfg *context, cfg_element *element,
+                                               char **params, int params_count);
+ZRCONFIG_API int validator_no_password(cfg *context, cfg_element *element, char **params,
+                                       int params_count);
+
 /* ------------------------------------------------------------------------
  * Trigger tables
  * ---------------------------------------------------------------------- */

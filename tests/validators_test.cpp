@@ -1,0 +1,406 @@
+// The named validators and their elementary checks, on small trees and on
+// keys, certificates, hashes, zones and accounts of the running system.
+#include "context.h"
+#include "log_capture.h"
+#include "test_material.h"
+
+#include <gtest/gtest.h>
+
+#include <crypt.h>
+#include <pwd.h>
+#include <string>
+#include <vector>
+
+using texts = std::vector<std::string>;
+
+namespace {
+
+// A context with a root map, helpers to grow a tree, and a runner that goes
+// through the validator table.
+struct tree {
+    zrtest::context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *root = cfg_load_map(ctx, "root-1");
+
+    cfg_element *add(cfg_element *parent, const char *key, cfg_element *child)
+    {
+        key != nullptr ? cfg_add_mapelem(ctx, parent, key, child)
+                       : cfg_add_listelem(ctx, parent, child);
+        return child;
+    }
+    cfg_element *map(cfg_element *parent, const char *key = nullptr)
+    {
+        return add(parent, key, cfg_new_map(ctx));
+    }
+    cfg_element *list(cfg_element *parent, const char *key)
+    {
+        return add(parent, key, cfg_new_list(ctx));
+    }
+    cfg_element *text(const std::string &value) { return cfg_new_string(ctx, value.c_str()); }
+    cfg_element *set(cfg_element *map, const char *key, const char *value)
+    {
+        return cfg_map_set_string(ctx, map, key, value);
+    }
+    int run(const char *name, cfg_element *element, texts params = {})
+    {
+        std::vector<char *> argv;
+        for (std::string &p : params)
+            argv.push_back(p.data());
+        return get_validator(name)(ctx, element, argv.data(), static_cast<int>(argv.size()));
+    }
+    texts messages() const
+    {
+        texts out;
+        for (int i = 0; i < cfg_message_count(ctx); i++)
+            out.emplace_back(cfg_get_message_string(cfg_get_message_object(ctx, i)));
+        return out;
+    }
+};
+
+std::string des_hash(const char *clear, const char *salt)
+{
+    crypt_data scratch{};
+    return crypt_r(clear, salt, &scratch);
+}
+
+} // namespace
+
+TEST(ValidatorTable, RowsLookupAndSilentMismatches)
+{
+    const texts names = {"networkvalidity", "networkaddress", "uniqueness", "tag_uniqueness",
+                         "template_uniqueness", "password", "ssl_cert", "ssh_key",
+                         "condition", "timezone", "deny_tag_name", "dhcp_unique",
+                         "ssh_url_delimiter", "mode_roles", "username_not_system",
+                         "no_password"};
+    texts rows;
+    for (const cfg_validator_def *row = validator_lut; row->name != nullptr; row++) {
+        rows.emplace_back(row->name);
+        EXPECT_EQ(get_validator(row->name), row->function);
+    }
+    EXPECT_EQ(rows, names);
+    for (const char *unknown : {"Uniqueness", "uniqueness ", "unique", "", "ssh_delimiter"})
+        EXPECT_EQ(get_validator(unknown), nullptr) << unknown;
+    EXPECT_EQ(get_validator(nullptr), nullptr);
+
+    // Wrong element types and parameter counts reject without a message.
+    tree t;
+    for (const std::string &name : names)
+        for (int count : {0, 1, 2, 3})
+            EXPECT_EQ(t.run(name.c_str(), cfg_new_bool(t.ctx, 1), texts(count, "x")), 0) << name;
+    cfg_element *net = t.map(t.root, "net");
+    t.set(net, "ip", "10.0.0.1");
+    t.set(net, "mask", "255.255.255.0");
+    EXPECT_EQ(t.run("networkvalidity", net, {"ip"}), 0);
+    EXPECT_EQ(t.run("networkvalidity", net, {"ip", "gateway"}), 0);
+    EXPECT_EQ(t.run("networkaddress", t.text("10.0.0.1")), 0);
+    EXPECT_EQ(t.run("uniqueness", t.list(t.root, "l"), {"a", "b"}), 0);
+    EXPECT_EQ(t.run("ssl_cert", net, {"a", "b", "c", "d"}), 0);
+    EXPECT_EQ(t.run("timezone", t.text("UTC"), {"x"}), 0);
+    EXPECT_EQ(t.messages(), texts{});
+    EXPECT_EQ(t.run("networkvalidity", net, {"ip", "mask"}), 1);
+}
+
+TEST(ElementaryChecks, AddressesNamesAndRoles)
+{
+    const struct {
+        int (*check)(const char *);
+        const char *text;
+        int expected;
+    } cases[] = {
+        {validate_ipv4address, "192.168.1.1", 1},    {validate_ipv4address, "300.1.1.1", 0},
+        {validate_ipv4address, "1.2.3", 0},          {validate_ipv6address, "fe80::1", 1},
+        {validate_ipv6address, "::ffff:1.2.3.4", 1}, {validate_ipv6address, "1.2.3.4", 0},
+        {validate_macaddress, "00:1A:2b:3C:4d:5E", 1}, {validate_macaddress, "00:1A:2b:3C:4d", 0},
+        {validate_macaddress, "00-1A-2b-3C-4d-5E", 0}, {validate_macaddress, "00:1A:2b:3C:4d:5E:", 0},
+        {validate_dnsname, "host-1.example", 1},     {validate_dnsname, "-..a", 1},
+        {validate_dnsname, "10.0.0.1", 0},           {validate_dnsname, "", 0},
+        {validate_dnsname, "host_1", 0},             {validate_dnsname, "h\xc3\xa9.example", 0},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(c.check(c.text), c.expected) << c.text;
+    // Modes other than "global" and "smart_group" allow every role.
+    EXPECT_EQ(validate_group_role("other", "SummitAdmin"), 1);
+}
+
+TEST(KeysAndSecrets, SshKeys)
+{
+    const zrtest::test_material &m = zrtest::material();
+    ASSERT_TRUE(m.complete);
+    ASSERT_EQ(m.ssh_public.size(), 6u);
+    for (const auto &[type, line] : m.ssh_public) {
+        EXPECT_EQ(validate_ssh_key(line.c_str()), 1) << line;
+        EXPECT_EQ(validate_ssh_key(line.substr(0, line.rfind(' ')).c_str()), 1) << line;
+    }
+    for (const std::string &accepted : texts{m.ssh_cert, m.key, m.rsa_key, "ssh-rsa AB== c"})
+        EXPECT_EQ(validate_ssh_key(accepted.c_str()), 1) << accepted;
+    for (const std::string &refused :
+         texts{m.openssh_key, m.certificate, "ssh-rsa", "ssh-rsa\tAB", "ssh-rsa AB===",
+               "ssh-rsa AB-C", "ecdsa-sha2-nistp512 AB", " ssh-rsa AB", ""})
+        EXPECT_EQ(validate_ssh_key(refused.c_str()), 0) << refused;
+
+    tree t;
+    const std::string &line = m.ssh_public.at("ssh-ed25519");
+    EXPECT_EQ(t.run("ssh_key", cfg_new_blob(t.ctx, line.data(), line.size())), 1);
+    EXPECT_EQ(t.run("ssh_key", cfg_new_blob(t.ctx, "ssh-rsa", 7)), 0);
+    EXPECT_EQ(t.run("ssh_key", t.text(line)), 0);
+    EXPECT_EQ(t.messages(), texts{});
+}
+
+TEST(KeysAndSecrets, PasswordsAgainstFixedSaltCrypt)
+{
+    const std::string hash = des_hash("s3cret", "Qz");
+    EXPECT_EQ(validate_password("s3cret", hash.c_str()), 1);
+    EXPECT_EQ(validate_password("s3creT", hash.c_str()), 0);
+    EXPECT_EQ(validate_password("s3cret", des_hash("s3cret", "Ab").c_str()), 0);
+    EXPECT_EQ(validate_password(nullptr, hash.c_str()), 1);
+
+    tree t;
+    cfg_element *user = t.map(t.root, "user");
+    t.set(user, "hash", hash.c_str());
+    EXPECT_EQ(t.run("password", user, {"clear", "hash"}), 1);
+    t.set(user, "clear", "s3cret");
+    EXPECT_EQ(t.run("password", user, {"clear", "hash"}), 1);
+    t.set(user, "clear", "guess");
+    EXPECT_EQ(t.run("password", user, {"clear", "hash"}), 0);
+    EXPECT_EQ(t.messages(), texts{"Plaintext and hashed passwords do not match"});
+}
+
+TEST(KeysAndSecrets, CertificateKeyPairsAndCommonName)
+{
+    const zrtest::test_material &m = zrtest::material();
+    ASSERT_TRUE(m.complete);
+    const char *cert = m.certificate.c_str(), *key = m.key.c_str();
+    const struct {
+        const char *certificate, *key, *common_name;
+        int expected;
+    } cases[] = {
+        {cert, key, nullptr, 1},         {cert, key, "device.example", 1},
+        {cert, key, "device.exampl", 0}, {cert, m.other_key.c_str(), nullptr, 0},
+        {cert, m.rsa_key.c_str(), nullptr, 0},
+        {"-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n", key, nullptr, 0},
+        {cert, "garbage", nullptr, 0},   {nullptr, nullptr, "x", 1},
+        {cert, nullptr, nullptr, 0},     {nullptr, key, nullptr, 0},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(validate_ssl_cert(c.certificate, c.key, c.common_name), c.expected)
+            << (c.common_name ? c.common_name : "-");
+
+    tree t;
+    cfg_element *tls = t.map(t.root, "tls");
+    cfg_map_set_blob(t.ctx, tls, "cert", m.certificate.data(), m.certificate.size());
+    cfg_map_set_blob(t.ctx, tls, "key", m.key.data(), m.key.size());
+    t.set(tls, "cn", "device.example");
+    EXPECT_EQ(t.run("ssl_cert", tls, {"cert", "key", "cn"}), 1);
+    t.set(tls, "cn", "other.example");
+    EXPECT_EQ(t.run("ssl_cert", tls, {"cert", "key"}), 1);
+    EXPECT_EQ(t.run("ssl_cert", tls, {"cert", "key", "cn"}), 0);
+    EXPECT_EQ(t.messages(), texts{"Certificate / Key combination failed validation"});
+}
+
+TEST(NetworkValidators, ReservedAddressesAndAcceptedForms)
+{
+    tree t;
+    auto validity = [&](const char *address, const char *mask) {
+        cfg_element *iface = t.map(t.root, "iface");
+        t.set(iface, "ip", address);
+        t.set(iface, "mask", mask);
+        return t.run("networkvalidity", iface, {"ip", "mask"});
+    };
+    EXPECT_EQ(validity("192.168.1.7", "255.255.255.0"), 1);
+    EXPECT_EQ(validity("10.0.0.0", "255.255.255.254"), 1);
+    EXPECT_EQ(validity("10.0.0.1", "255.255.255.254"), 1);
+    EXPECT_EQ(validity("10.0.0.9", "255.255.255.255"), 1);
+    EXPECT_EQ(t.run("networkaddress", t.text("host-1.example"), {"ipv4", "dnsname"}), 1);
+    EXPECT_EQ(t.run("networkaddress", t.text("fe80::1"), {"mac", "ipv6"}), 1);
+    EXPECT_EQ(t.messages(), texts{});
+
+    EXPECT_EQ(validity("192.168.1.0", "255.255.255.0"), 0);
+    EXPECT_EQ(validity("10.255.255.255", "255.0.0.0"), 0);
+    EXPECT_EQ(t.run("networkaddress", t.text("300.1.1.1"), {"ipv4", "dnsname"}), 0);
+    EXPECT_EQ(t.messages(), (texts{"'192.168.1.0' is not a valid network address",
+                                   "'10.255.255.255' is not a valid network address",
+                                   "'300.1.1.1' is not a valid network address"}));
+}
+
+TEST(ListValidators, UniquenessReportsOneDuplicate)
+{
+    tree t;
+    cfg_element *names = t.list(t.root, "names");
+    t.add(names, nullptr, t.text("b"));
+    EXPECT_EQ(t.run("uniqueness", names, {"name"}), 1);
+    t.add(names, nullptr, t.text("a"));
+    cfg_append_future_listelem(t.ctx, names, t.text("b"));
+    EXPECT_EQ(t.run("uniqueness", names, {"name"}), 0);
+    cfg_element *same = t.list(t.root, "same");
+    for (int i = 0; i < 3; i++)
+        t.add(same, nullptr, t.text("a"));
+    EXPECT_EQ(t.run("uniqueness", same, {"name"}), 0);
+
+    // Map items give the text at the path; items without one are left out.
+    cfg_element *users = t.list(t.root, "users");
+    auto add_user = [&](const char *login) {
+        cfg_element *user = t.map(users);
+        if (login != nullptr)
+            t.set(t.map(user, "login"), "name", login);
+    };
+    for (const char *login : {"ann", "bob"}) {
+        add_user(login);
+        add_user(nullptr);
+    }
+    EXPECT_EQ(t.run("uniqueness", users, {"login.name"}), 1);
+    add_user("ann");
+    EXPECT_EQ(t.run("uniqueness", users, {"login.name"}), 0);
+    EXPECT_EQ(t.messages(), (texts{"Duplicate 'name' fields with value 'b'",
+                                   "Duplicate 'name' fields with value 'a'",
+                                   "Duplicate 'login.name' fields with value 'ann'"}));
+}
+
+TEST(ListValidators, TagsAndTemplates)
+{
+    tree t;
+    // A tag reference names the tag's meta.id, two containers below the tag.
+    cfg_element *tags = t.list(t.root, "tags");
+    auto tag = [&](const char *name) {
+        cfg_element *tag = t.map(tags);
+        t.set(tag, "name", name);
+        return t.set(t.map(tag, "meta"), "id", name);
+    };
+    auto references = [&](std::initializer_list<cfg_element *> targets) {
+        cfg_element *list = cfg_new_list(t.ctx);
+        for (cfg_element *target : targets)
+            t.add(list, nullptr, cfg_new_reference(t.ctx, target->uuid));
+        return list;
+    };
+    cfg_element *red = tag("red"), *blue = tag("blue"), *red_again = tag("red");
+    // References whose chain ends early never count, not even as equals.
+    EXPECT_EQ(t.run("tag_uniqueness", references({red, tags, tags, blue}), {"name"}), 1);
+    EXPECT_EQ(t.run("deny_tag_name", references({blue, tags}), {"red"}), 1);
+
+    cfg_element *templates = t.list(t.root, "templates");
+    auto add_template = [&](const char *type) {
+        cfg_element *item = t.map(templates);
+        t.set(item, "template_type", type);
+        t.set(item, "name", "x");
+    };
+    add_template("firewall");
+    add_template("vpn");
+    EXPECT_EQ(t.run("template_uniqueness", templates, {"name"}), 1);
+    EXPECT_EQ(t.messages(), texts{});
+
+    EXPECT_EQ(t.run("tag_uniqueness", references({red, blue, red_again}), {"name"}), 0);
+    EXPECT_EQ(t.run("deny_tag_name", references({blue, red}), {"red"}), 0);
+    add_template("vpn");
+    EXPECT_EQ(t.run("template_uniqueness", templates, {"name"}), 0);
+    EXPECT_EQ(t.messages(), (texts{"Duplicate 'name' fields with value 'red'",
+                                   "Can not use a tag with name 'red' in this context",
+                                   "Duplicate 'name' fields with value 'x'"}));
+}
+
+TEST(MapValidators, DhcpConnectionsPerInterface)
+{
+    tree t;
+    cfg_element *net = t.map(t.map(t.root, "system"), "net");
+    cfg_element *ifaces = t.list(net, "ifaces");
+    cfg_element *eth0 = t.map(ifaces), *eth1 = t.map(ifaces);
+    cfg_element *conns = t.list(net, "conns");
+    auto connection = [&](const char *mode, cfg_element *iface) {
+        cfg_element *conn = t.map(conns);
+        if (mode != nullptr)
+            t.set(conn, "mode", mode);
+        if (iface != nullptr)
+            cfg_map_set_reference(t.ctx, conn, "physif", iface->uuid);
+        return conn;
+    };
+    cfg_element *first = connection("dhcp", eth0), *fixed = connection("static", eth0);
+    EXPECT_EQ(t.run("dhcp_unique", first), 1);
+    EXPECT_EQ(t.run("dhcp_unique", connection("dhcp", eth1)), 1);
+    EXPECT_EQ(t.run("dhcp_unique", connection(nullptr, eth1)), 0);
+    EXPECT_EQ(t.run("dhcp_unique", connection("dhcp", nullptr)), 0);
+    EXPECT_EQ(t.messages(), texts{});
+
+    EXPECT_EQ(t.run("dhcp_unique", connection("dhcp", eth0)), 0);
+    EXPECT_EQ(t.run("dhcp_unique", fixed), 1);
+    EXPECT_EQ(t.messages(),
+              texts{"Cannot have more than one DHCP connection per physical interface."});
+}
+
+TEST(MapValidators, RolesAndPasswordPresence)
+{
+    tree t;
+    cfg_element *roles = t.list(t.root, "roles");
+    cfg_element *admin = t.map(roles), *viewer = t.map(roles), *nameless = t.map(roles);
+    t.set(admin, "rolename", "SummitAdmin");
+    t.set(viewer, "rolename", "Viewer");
+    auto group = [&](const char *mode, const char *holder, const char *key, cfg_element *role) {
+        cfg_element *g = cfg_new_map(t.ctx);
+        t.set(g, "mode", mode);
+        cfg_map_set_reference(t.ctx, t.map(g, holder), key, role->uuid);
+        return t.run("mode_roles", g);
+    };
+    EXPECT_EQ(group("global", "global_roles", "ref", admin), 1);
+    EXPECT_EQ(group("smart_group", "smart_group", "roles_ref", viewer), 1);
+    EXPECT_EQ(group("smart_group", "smart_group", "roles_ref", admin), 0);
+    EXPECT_EQ(group("local", "global_roles", "ref", admin), 0);
+    EXPECT_EQ(group("global", "smart_group", "roles_ref", admin), 0);
+    EXPECT_EQ(group("global", "global_roles", "ref", nameless), 0);
+    EXPECT_EQ(group("global", "global_roles", "ref", viewer), 0);
+    EXPECT_EQ(t.messages(),
+              (texts{"'SummitAdmin' is not a valid role for this group mode (smart_group).",
+                     "'Viewer' is not a valid role for this group mode (global)."}));
+
+    const std::string found = "If no_password is set to true, the hashed_password must be deleted.";
+    const std::string missing = "If no_password is set to false, the hashed_password must be set.";
+    const struct {
+        int no_password; // -1 absent
+        const char *hash;
+        std::string message; // empty when accepted
+    } cases[] = {{1, nullptr, ""},     {1, "", found},  {0, "x", ""},  {0, "", missing},
+                 {0, nullptr, missing}, {-1, "x", ""}, {-1, nullptr, missing}};
+    for (const auto &c : cases) {
+        tree u;
+        cfg_element *user = cfg_new_map(u.ctx);
+        if (c.no_password >= 0)
+            cfg_map_set_bool(u.ctx, user, "no_password", c.no_password);
+        if (c.hash != nullptr)
+            u.set(user, "hashed_password", c.hash);
+        EXPECT_EQ(u.run("no_password", user), c.message.empty() ? 1 : 0);
+        EXPECT_EQ(u.messages(), c.message.empty() ? texts{} : texts{c.message});
+    }
+}
+
+TEST(StringValidators, DelimiterZoneAccountAndCondition)
+{
+    tree t;
+    auto run = [&](const char *name, const std::string &value) {
+        return t.run(name, t.text(value));
+    };
+    for (const char *ok : {":", "a", "7", "~"})
+        EXPECT_EQ(run("ssh_url_delimiter", ok), 1) << ok;
+    for (const char *refused : {"#", "::", "", " ", "`", "'", "=", "\"", "\t", "\x7f"})
+        EXPECT_EQ(run("ssh_url_delimiter", refused), 0) << refused;
+
+    zrtest::log_capture log;
+    for (const char *zone : {"Europe/Berlin", "Europe", "UTC"})
+        EXPECT_EQ(run("timezone", zone), 1) << zone;
+    EXPECT_EQ(run("timezone", "Mars/Olympus"), 0);
+    EXPECT_TRUE(log.has("Timezone path (/usr/share/zoneinfo/Mars/Olympus) does not exist"));
+    EXPECT_EQ(run("timezone", "Europe/" + std::string(300, 'x')), 0);
+
+    std::string system_account; // a low user id other than root's
+    setpwent();
+    for (passwd *e = getpwent(); e != nullptr && system_account.empty(); e = getpwent())
+        if (e->pw_uid > 0 && e->pw_uid <= 999)
+            system_account = e->pw_name;
+    endpwent();
+    ASSERT_FALSE(system_account.empty());
+    EXPECT_EQ(run("username_not_system", "root"), 1);
+    EXPECT_EQ(run("username_not_system", system_account), 0) << system_account;
+    EXPECT_EQ(run("username_not_system", "zr-no-such-user-4711"), 1);
+    EXPECT_TRUE(log.has("validator_username_not_system entry\n"));
+    EXPECT_EQ(t.messages(), texts{});
+
+    EXPECT_EQ(run("condition", R"({"type":3,"fieldname":"a","oper":1,"datatype":2,"value":1})"), 1);
+    EXPECT_EQ(run("condition", "{"), 0);
+    EXPECT_EQ(run("condition", "[1]"), 0);
+    EXPECT_EQ(t.messages(), texts(2, "Query string is not a valid condition tree"));
+}
