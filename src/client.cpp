@@ -637,6 +637,7 @@ extern "C" cfg *cfg_connect_timeout(const char *socket_path, const char *client_
     json_ptr hello;
     if (!say_hello(ctx, client_name, &hello)) {
         close(sock);
+        client->socket = -1; // so that the release says no goodbye on it
         cfg_close(ctx);
         return nullptr;
     }

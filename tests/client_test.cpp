@@ -170,6 +170,11 @@ TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
     free(found);
     EXPECT_EQ(cfg_lock(s.ctx, 0), 1);
     EXPECT_EQ(method_of(daemon.daemon, 4), "lock");
+
+    // A path walk fetches the root and then the member it names.
+    daemon.put(R"({"type": 8, "id": "root-1", "value": {"host": "s3"}})");
+    daemon.put(element_text("s3", "three", 1));
+    EXPECT_EQ(string_of(cfg_get_by_path(s.ctx, "host")), "three");
     EXPECT_EQ(cfg_message_count(s.ctx), 0);
 }
 
