@@ -23,8 +23,13 @@ cfg_client *client_of(cfg *ctx)
 }
 
 // One round trip: builds the request (stealing data), sends it and drops it.
+// Without a connection nothing is sent and the result is null.
 json_ptr round_trip(cfg *ctx, const char *method, json_t *data)
 {
+    if (client_of(ctx) == nullptr) {
+        json_decref(data);
+        return nullptr;
+    }
     json_ptr request(cfg_build_request(ctx, method, data));
     return json_ptr(cfg_send_request(ctx, request.get()));
 }

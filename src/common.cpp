@@ -646,6 +646,8 @@ void apply_schema_root_and_types(cfg *ctx, json_t *changeset)
 extern "C" int cfg_update_elements(cfg *ctx, json_t *items, int flag, int from_daemon,
                                    int *count)
 {
+    if (ctx == nullptr)
+        return 0;
     return apply_items(items, count, [&](json_t *item, const changeset_item &read) {
         return from_daemon ? apply_daemon_item(ctx, item, read, flag)
                            : apply_local_item(ctx, item, read, flag);
@@ -686,6 +688,8 @@ extern "C" int cfg_apply_changeset(cfg *ctx, json_t *changeset, int from_daemon,
         {"schema_deleted", CFG_FLAG_DELETED, true,
          "applying changeset: 'deleted' schema elements: %d items (success=%d)"},
     };
+    if (ctx == nullptr)
+        return 0;
     int config_total = 0, schema_total = 0;
     auto write_counts = [&] {
         if (config_count != nullptr)

@@ -132,12 +132,30 @@ TEST(ClientSession, ConnectFailuresAndIncompleteSchema)
         EXPECT_TRUE(log.has("cfg_connect_timeout: Bad login result")) << hello;
         EXPECT_EQ(log.lines.back().priority, 3);
     }
-    // Without types the schema is not applied, but the session stands.
-    mini_daemon daemon;
-    daemon.set_schema(R"({"root": "r", "nodes": {}})");
-    session s(daemon);
-    ASSERT_NE(s.ctx, nullptr);
-    EXPECT_EQ(cfg_schema_root(s.ctx), nullptr);
+    // Without types, or with values of the wrong kinds, no schema results,
+    // but the session stands.
+    for (const char *schema : {R"({"root": "r", "nodes": {}})",
+                               R"({"root": 7, "nodes": {"x": 5, "y": []}, "types": []})"}) {
+        mini_daemon daemon;
+        daemon.set_schema(schema);
+        session s(daemon);
+        ASSERT_NE(s.ctx, nullptr) << schema;
+        EXPECT_EQ(cfg_schema_root(s.ctx), nullptr) << schema;
+    }
+}
+
+TEST(ClientSession, RequestsWithoutAConnectionSendNothing)
+{
+    context_handle ctx;
+    cfg *c = ctx.get();
+    c->get_by_id = client_cfg_get_by_id;
+    EXPECT_EQ(cfg_get_by_id(c, "x"), nullptr);
+    EXPECT_EQ(cfg_message_count(c), 1);
+    EXPECT_EQ(cfg_lock(c, 1), 0);
+    EXPECT_EQ(cfg_commit(c), 0);
+    EXPECT_EQ(cfg_subscribe(c, "n", 1, nullptr, nullptr, nullptr, "p", nullptr), 0);
+    EXPECT_EQ(cfg_fetch_by_path(c, "a"), nullptr);
+    EXPECT_EQ(client_cfg_free_context_data(nullptr), 0);
 }
 
 TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
@@ -387,4 +405,18 @@ TEST(ClientCommit, ConflictList)
     EXPECT_STREQ(cfg_get_conflict(c, 0), "b");
     EXPECT_STREQ(cfg_get_conflict(c, 1), "a");
     EXPECT_EQ(cfg_get_conflict(c, 2), nullptr);
+}
+
+TEST(ClientCommit, MalformedRenamesAreSkipped)
+{
+    scripted_daemon daemon({step::answer(
+        R"({"result": true, "data": {"uuids": [1, {"old": "a"}, {"old": "b", "new": "c"}]}})")});
+    hooked_context ctx(daemon);
+    cfg_new_string_with_id(ctx.get(), "text", "b");
+    EXPECT_EQ(cfg_commit(ctx.get()), 1);
+    ASSERT_NE(ctx.client()->uuid_map, nullptr);
+    EXPECT_EQ(HASH_COUNT(ctx.client()->uuid_map), 1u);
+    EXPECT_STREQ(ctx.client()->uuid_map->new_, "c");
+    EXPECT_EQ(client_cfg_free_context_data(ctx.get()), 1);
+    EXPECT_EQ(ctx.client()->uuid_map, nullptr);
 }
