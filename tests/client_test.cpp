@@ -392,20 +392,6 @@ TEST(ClientCommitDeathTest, FutureMembersWithoutFlagAbort)
                  "failed");
 }
 
-TEST(ClientCommit, ConflictList)
-{
-    context_handle ctx;
-    cfg *c = ctx.get();
-    cfg_add_conflict(c, "a");
-    cfg_add_conflict(c, "b");
-    cfg_add_conflict(c, "a");
-    cfg_remove_conflict(c, "zz");
-    cfg_remove_conflict(c, "a");
-    ASSERT_EQ(cfg_conflict_count(c), 2);
-    EXPECT_STREQ(cfg_get_conflict(c, 0), "b");
-    EXPECT_STREQ(cfg_get_conflict(c, 1), "a");
-    EXPECT_EQ(cfg_get_conflict(c, 2), nullptr);
-}
 
 TEST(ClientCommit, MalformedRenamesAreSkipped)
 {
