@@ -488,6 +488,8 @@ extern "C" int cfg_commit(cfg *ctx)
 extern "C" const char *cfg_add_conflict(cfg *ctx, const char *uuid)
 {
     ZR_ASSERT(uuid != ((void *)0));
+    if (ctx == nullptr)
+        return nullptr;
     auto *grown = static_cast<char **>(
         realloc(ctx->conflicts, sizeof(char *) * static_cast<size_t>(ctx->conflicts_count + 1)));
     if (grown == nullptr)
