@@ -1260,9 +1260,90 @@ ZRCONFIG_API json_t *cfg_send_request(cfg *ctx, json_t *request);
  * Sessions, data requests and synchronisation
  * ---------------------------------------------------------------------- */
 
+/* Opens a session on the daemon's socket: a new context with the fetch hooks
+ * installed, "hello" under client_name (NULL: "<program>-<pid>") and the
+ * daemon's schema loaded. cfg_connect waits 60 s for the first answer;
+ * timeout_s <= 0 sets no initial time-out. NULL on failure (logged). */
+ZRCONFIG_API cfg *cfg_connect(const char *socket_path, const char *client_name);
+ZRCONFIG_API cfg *cfg_connect_timeout(const char *socket_path, const char *client_name,
+                                      long timeout_s);
+/* Registers a program with the daemon; NULL arrays are sent empty. */
+ZRCONFIG_API int cfg_subscribe(cfg *ctx, const char *name, int priority, char **paths,
+                               char **before, char **after, const char *program,
+                               char **args);
+/* Says goodbye, saves an open transaction, closes the socket and releases
+ * the context and its schema; clears *pctx. */
+ZRCONFIG_API int cfg_disconnect(cfg **pctx);
+/* cfg_disconnect on a copy: the caller's pointer is left dangling. */
+ZRCONFIG_API int cfg_close(cfg *ctx);
+/* The free_client_data hook: empties the id map (not the socket). */
+ZRCONFIG_API int client_cfg_free_context_data(cfg *ctx);
+
+/* The fetch hooks: the local element, else the daemon's copy. Ids the daemon
+ * renamed on a commit are mapped first; get_by_ids writes the new ids back
+ * into ids and returns a new NULL-terminated array (caller frees it). */
+ZRCONFIG_API cfg_element *client_cfg_get_by_id(cfg *ctx, const char *id);
+ZRCONFIG_API cfg_element **client_cfg_get_by_ids(cfg *ctx, char **ids, int count);
+/* Loads the members of list from the daemon. */
+ZRCONFIG_API int cfg_get_list(cfg *ctx, cfg_element *list);
+/* Searches a table; the hits are members of the element "RESULTS". */
+ZRCONFIG_API cfg_element *cfg_search(cfg *ctx, const char *table_name,
+                                     cfg_condition *conditions);
+/* Drops (0), takes for writing (1) or for reading (2) the daemon's lock. */
+ZRCONFIG_API int cfg_lock(cfg *ctx, int operation);
+/* The element at path as the daemon resolves it (a held copy wins). */
+ZRCONFIG_API cfg_element *cfg_fetch_by_path(cfg *ctx, const char *path);
+/* Loads schema nodes, the root uuid and type names (all borrowed). */
+ZRCONFIG_API int cfg_apply_schema(cfg *ctx, json_t *nodes, json_t *types, json_t *root);
+/* Replaces the local copy by the daemon's. New elements stay; a local change
+ * that a newer daemon copy overrules stays too, listed as a conflict, unless
+ * force is set. 1 when no conflict arose. */
+ZRCONFIG_API int cfg_pull(cfg *ctx, int force);
+/* Frees every element of the context (the schema stays). */
+ZRCONFIG_API void cfg_reset(cfg *ctx);
+
+/* Applies a changeset (borrowed): config lists, then schema lists, appended
+ * members, schema root and types. from_daemon looks elements up through the
+ * fetch hook and checks generations; 0 replays local work. 1 when all of it
+ * applied; the counts of handled items go to the non-NULL count pointers. */
+ZRCONFIG_API int cfg_apply_changeset(cfg *ctx, json_t *changeset, int from_daemon,
+                                     int *config_count, int *schema_count);
+/* Applies one config list with flag (1 added, 2 changed, 4 deleted). */
+ZRCONFIG_API int cfg_update_elements(cfg *ctx, json_t *items, int flag, int from_daemon,
+                                     int *count);
+/* Applies one schema list with flag. */
+ZRCONFIG_API int cfg_update_schema_elements(cfg *ctx, json_t *items, int flag, int *count);
+
+/* A new update object of every flagged element, schema element and type. */
+ZRCONFIG_API json_t *cfg_assemble_update(cfg *ctx);
+/* Pushes the update. On success the context is emptied (later reads fetch
+ * afresh, renamed ids mapped) and an open transaction ends. */
+ZRCONFIG_API int cfg_commit(cfg *ctx);
+/* The conflict list that cfg_pull fills; texts are owned by the context. */
+ZRCONFIG_API const char *cfg_add_conflict(cfg *ctx, const char *uuid);
+ZRCONFIG_API void cfg_remove_conflict(cfg *ctx, const char *uuid);
+ZRCONFIG_API const char *cfg_get_conflict(cfg *ctx, int index);
+ZRCONFIG_API int cfg_conflict_count(cfg *ctx);
+
 /* ------------------------------------------------------------------------
  * Transactions
  * ---------------------------------------------------------------------- */
+
+/* Transaction files are "<transaction_dir>/<id>.transaction" holding the
+ * update object; a file not saved for 899 seconds is stale. */
+
+/* Starts a transaction under a new id (owned by the context). */
+ZRCONFIG_API const char *cfg_transaction_start(cfg *ctx);
+/* Writes the pending changes to the open transaction's file (mode 0600). */
+ZRCONFIG_API int cfg_transaction_save(cfg *ctx);
+/* Replays the file of id into the context (changes keep their flags) and
+ * makes id the open transaction; a stale file is deleted instead. */
+ZRCONFIG_API int cfg_transaction_open(cfg *ctx, const char *id);
+/* Deletes the file of id; 1 when there was one. */
+ZRCONFIG_API int cfg_transaction_cancel(cfg *ctx, const char *id);
+/* A copy of the open transaction's id (caller frees), or NULL. */
+ZRCONFIG_API char *cfg_get_transaction_id(cfg *ctx);
+ZRCONFIG_API int cfg_in_transaction(cfg *ctx);
 
 /* ------------------------------------------------------------------------
  * Validation

@@ -1,0 +1,408 @@
+// Sessions against a small daemon over a real Unix socket: connect and its
+// failures, fetch on miss, data requests, bad answers, pull, commit with id
+// renames, and the update object.
+#include "context.h"
+#include "log_capture.h"
+#include "mini_daemon.h"
+#include "scripted_daemon.h"
+#include "string_value.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+using zrtest::client_context;
+using zrtest::context_handle;
+using zrtest::json_handle;
+using zrtest::log_capture;
+using zrtest::mini_daemon;
+using zrtest::scripted_daemon;
+using zrtest::step;
+using zrtest::string_of;
+
+namespace {
+
+std::string dump(json_t *value)
+{
+    char *text = value != nullptr ? json_dumps(value, 0) : nullptr;
+    std::string out = text != nullptr ? text : "(none)";
+    free(text);
+    return out;
+}
+
+std::string element_text(const char *id, const char *value, int generation)
+{
+    return std::string(R"({"type": 4, "id": ")") + id + R"(", "value": ")" + value +
+           R"(", "generation": )" + std::to_string(generation) + "}";
+}
+
+// The method of request i once the daemon has read it.
+std::string method_of(const scripted_daemon &daemon, size_t i)
+{
+    if (!daemon.wait_for_requests(i + 1, 5s))
+        return "(none)";
+    return json_string_value(json_object_get(daemon.request(i).get(), "method"));
+}
+
+// The last request of that method the daemon read.
+json_handle last_request(const scripted_daemon &daemon, const std::string &method)
+{
+    json_handle found;
+    for (size_t i = 0; i < daemon.request_count(); i++) {
+        json_handle request = daemon.request(i);
+        if (method == json_string_value(json_object_get(request.get(), "method")))
+            found = std::move(request);
+    }
+    return found;
+}
+
+// A connected session that is closed when the test ends.
+struct session {
+    cfg *ctx;
+    explicit session(const mini_daemon &daemon, const char *name = "tester")
+        : ctx(cfg_connect(daemon.socket_path().c_str(), name))
+    {
+    }
+    ~session() { cfg_disconnect(&ctx); }
+    session(const session &) = delete;
+    session &operator=(const session &) = delete;
+};
+
+// A scripted connection whose context fetches through the client hooks.
+struct hooked_context : client_context {
+    explicit hooked_context(const scripted_daemon &daemon) : client_context(daemon)
+    {
+        get()->get_by_id = client_cfg_get_by_id;
+        get()->get_by_ids = client_cfg_get_by_ids;
+    }
+};
+
+} // namespace
+
+TEST(ClientSession, ConnectSaysHelloLoadsSchemaAndDisconnectSaysGoodbye)
+{
+    mini_daemon daemon;
+    cfg *ctx = cfg_connect(daemon.socket_path().c_str(), "tester");
+    ASSERT_NE(ctx, nullptr);
+    EXPECT_STREQ(ctx->transaction_dir, "/var/run/zrconfig");
+    EXPECT_EQ(ctx->get_by_id, client_cfg_get_by_id);
+    EXPECT_EQ(ctx->get_by_ids, client_cfg_get_by_ids);
+    ASSERT_NE(cfg_schema_root(ctx), nullptr);
+    EXPECT_STREQ(cfg_schema_root(ctx)->uuid, "r");
+    EXPECT_EQ(cfg_get_schema_node(ctx, "h")->flags, 0u);
+    EXPECT_STREQ(cfg_get_type(ctx, "hostname"), "h");
+    EXPECT_EQ(cfg_get_type(ctx, "skipped"), nullptr);
+    EXPECT_EQ(daemon.daemon.request_text(0),
+              R"({"method": "hello", "id": 1, "data": {"client_name": "tester"}})");
+    EXPECT_EQ(daemon.daemon.request_text(1), R"({"method": "get_schema", "id": 2})");
+
+    EXPECT_EQ(cfg_disconnect(&ctx), 1);
+    EXPECT_EQ(ctx, nullptr);
+    ASSERT_TRUE(daemon.daemon.wait_for_requests(3, 5s));
+    EXPECT_EQ(daemon.daemon.request_text(2), R"({"method": "goodbye", "id": 3, "data": {}})");
+    EXPECT_EQ(cfg_disconnect(&ctx), 0);
+}
+
+TEST(ClientSession, DefaultNameIsProgramAndProcessId)
+{
+    mini_daemon daemon;
+    session s(daemon, nullptr);
+    ASSERT_NE(s.ctx, nullptr);
+    std::string expected =
+        std::string(program_invocation_short_name) + "-" + std::to_string(getpid());
+    json_handle hello = daemon.daemon.request(0);
+    EXPECT_EQ(json_string_value(json_path_get(hello.get(), "data\aclient_name")), expected);
+}
+
+TEST(ClientSession, ConnectFailuresAndIncompleteSchema)
+{
+    {
+        log_capture log;
+        EXPECT_EQ(cfg_connect("/nonexistent-dir/daemon.sock", "x"), nullptr);
+        EXPECT_TRUE(log.has("cfg_connect_timeout: connect() failed: No such file or directory"));
+    }
+    for (const char *hello : {R"({"result": false})", R"({"result": 1})", "[]"}) {
+        mini_daemon daemon;
+        daemon.set_hello(hello);
+        log_capture log;
+        EXPECT_EQ(cfg_connect(daemon.socket_path().c_str(), "x"), nullptr) << hello;
+        EXPECT_TRUE(log.has("cfg_connect_timeout: Bad login result")) << hello;
+        EXPECT_EQ(log.lines.back().priority, 3);
+    }
+    // Without types, or with values of the wrong kinds, no schema results,
+    // but the session stands.
+    for (const char *schema : {R"({"root": "r", "nodes": {}})",
+                               R"({"root": 7, "nodes": {"x": 5, "y": []}, "types": []})"}) {
+        mini_daemon daemon;
+        daemon.set_schema(schema);
+        session s(daemon);
+        ASSERT_NE(s.ctx, nullptr) << schema;
+        EXPECT_EQ(cfg_schema_root(s.ctx), nullptr) << schema;
+    }
+}
+
+TEST(ClientSession, RequestsWithoutAConnectionSendNothing)
+{
+    context_handle ctx;
+    cfg *c = ctx.get();
+    c->get_by_id = client_cfg_get_by_id;
+    EXPECT_EQ(cfg_get_by_id(c, "x"), nullptr);
+    EXPECT_EQ(cfg_message_count(c), 1);
+    EXPECT_EQ(cfg_lock(c, 1), 0);
+    EXPECT_EQ(cfg_commit(c), 0);
+    EXPECT_EQ(cfg_subscribe(c, "n", 1, nullptr, nullptr, nullptr, "p", nullptr), 0);
+    EXPECT_EQ(cfg_fetch_by_path(c, "a"), nullptr);
+    EXPECT_EQ(client_cfg_free_context_data(nullptr), 0);
+}
+
+TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
+{
+    mini_daemon daemon;
+    daemon.put(element_text("s1", "one", 1));
+    daemon.put(element_text("s2", "two", 1));
+    session s(daemon);
+    ASSERT_NE(s.ctx, nullptr);
+
+    EXPECT_EQ(string_of(cfg_get_by_id(s.ctx, "s1")), "one");
+    EXPECT_EQ(daemon.daemon.request_text(2),
+              R"({"method": "get_data_by_id", "id": 3, "data": {"ids": ["s1"]}})");
+    EXPECT_EQ(string_of(cfg_get_by_id(s.ctx, "s1")), "one");
+
+    char s1[] = "s1", s2[] = "s2", zz[] = "zz";
+    char *ids[] = {s1, s2, zz, nullptr};
+    cfg_element **found = cfg_get_by_ids(s.ctx, ids, 3);
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(string_of(found[0]), "one");
+    EXPECT_EQ(string_of(found[1]), "two");
+    EXPECT_EQ(found[2], nullptr);
+    EXPECT_EQ(found[3], nullptr);
+    free(found);
+    // The held s1 was not asked for again.
+    EXPECT_EQ(daemon.daemon.request_text(3),
+              R"({"method": "get_data_by_id", "id": 4, "data": {"ids": ["s2", "zz"]}})");
+
+    found = cfg_get_by_ids(s.ctx, ids, 2);
+    free(found);
+    EXPECT_EQ(cfg_lock(s.ctx, 0), 1);
+    EXPECT_EQ(method_of(daemon.daemon, 4), "lock");
+
+    // A path walk fetches the root and then the member it names.
+    daemon.put(R"({"type": 8, "id": "root-1", "value": {"host": "s3"}})");
+    daemon.put(element_text("s3", "three", 1));
+    EXPECT_EQ(string_of(cfg_get_by_path(s.ctx, "host")), "three");
+    EXPECT_EQ(cfg_message_count(s.ctx), 0);
+}
+
+TEST(ClientFetch, BadAnswersFailWithoutLosingLocalWork)
+{
+    struct bad_answer {
+        std::vector<step> steps;
+        int messages;
+    };
+    const std::vector<bad_answer> cases = {
+        {{step::answer(R"({"data": []})")}, 1},
+        {{step::answer(R"({"result": "yes", "data": []})")}, 0},
+        {{step::answer(R"({"result": true, "data": {"id": "x", "type": 4}})")}, 0},
+        {{step::answer(R"({"result": true, "data": [5, {"id": "x", "type": "4"}, []]})")}, 0},
+        {{step::answer(R"({"result": true})")}, 0},
+        {{step::receive(), step::truncated(50, R"({"result": tr)"), step::close()}, 1},
+        {{step::receive(), step::close()}, 1},
+    };
+    for (size_t i = 0; i < cases.size(); i++) {
+        scripted_daemon daemon(cases[i].steps);
+        hooked_context ctx(daemon);
+        cfg_element *local = cfg_new_string_with_id(ctx.get(), "mine", "local");
+        EXPECT_EQ(cfg_get_by_id(ctx.get(), "x"), nullptr) << i;
+        EXPECT_EQ(cfg_message_count(ctx.get()), cases[i].messages) << i;
+        EXPECT_EQ(cfg_find_by_id(ctx.get(), "local"), local) << i;
+        EXPECT_TRUE(cfg_element_is_new(local)) << i;
+    }
+}
+
+TEST(ClientRequests, ListSearchLockAndPath)
+{
+    scripted_daemon daemon({
+        step::answer(R"({"result": true, "data": [{"type": 4, "id": "m1", "value": "a"}]})"),
+        step::answer(R"({"result": true, "data": [{"type": 7, "id": "RESULTS", "value": ["m1"]}]})"),
+        step::answer(R"({"result": true, "data": []})"),
+        step::answer(R"({"result": false})"),
+        step::answer(R"({"result": true})"),
+        step::answer(R"({"result": true, "data": {"type": 4, "id": "m1", "value": "daemon"}})"),
+        step::answer(R"({"result": true, "data": {"type": 4, "id": "p", "value": "fresh"}})"),
+        step::answer(R"({"result": true, "data": {"value": "no id"}})"),
+    });
+    hooked_context ctx(daemon);
+    cfg *c = ctx.get();
+    cfg_element *list = cfg_new_list_with_id(c, "l");
+    EXPECT_EQ(cfg_get_list(c, list), 1);
+    EXPECT_EQ(string_of(cfg_find_by_id(c, "m1")), "a");
+
+    cfg_condition *condition = cfg_new_string_condition("name", CFG_OPER_EQ, "a");
+    cfg_element *results = cfg_search(c, "hosts", condition);
+    ASSERT_NE(results, nullptr);
+    EXPECT_STREQ(results->uuid, "RESULTS");
+    json_handle search = daemon.request(1);
+    EXPECT_EQ(dump(json_object_get(search.get(), "data")).find(R"({"conditions": )"), 0u);
+    EXPECT_STREQ(json_string_value(json_path_get(search.get(), "data\atable_name")), "hosts");
+    cfg_reset(c);
+    EXPECT_EQ(cfg_search(c, "hosts", nullptr), nullptr);
+    EXPECT_EQ(cfg_message_count(c), 0);
+    EXPECT_EQ(cfg_search(c, "hosts", nullptr), nullptr);
+    EXPECT_EQ(cfg_message_count(c), 1);
+    cfg_free_conditions(condition);
+
+    EXPECT_EQ(cfg_lock(c, 3), 0);
+    EXPECT_EQ(cfg_message_count(c), 2);
+    EXPECT_EQ(cfg_lock(c, 1), 1);
+    EXPECT_EQ(dump(json_path_get(daemon.request(4).get(), "data")), R"({"operation": "write"})");
+
+    cfg_element *held = cfg_new_string_with_id(c, "local", "m1");
+    EXPECT_EQ(cfg_fetch_by_path(c, "a/b"), held);
+    EXPECT_EQ(string_of(held), "local");
+    EXPECT_EQ(string_of(cfg_fetch_by_path(c, "p")), "fresh");
+    EXPECT_EQ(cfg_fetch_by_path(c, "q"), nullptr);
+    EXPECT_EQ(daemon.request_text(5),
+              R"({"method": "get_data_by_path", "id": 6, "data": {"path": "a/b"}})");
+}
+
+TEST(ClientRequests, SubscribeSendsKeysInOrder)
+{
+    scripted_daemon daemon({step::answer(R"({"result": true})"), step::answer("{}")});
+    client_context ctx(daemon);
+    char p[] = "/sys", a[] = "-v";
+    char *paths[] = {p, nullptr}, *args[] = {a, nullptr};
+    EXPECT_EQ(cfg_subscribe(ctx.get(), "svc", 5, paths, nullptr, nullptr, "/bin/svc", args), 1);
+    EXPECT_EQ(daemon.request_text(0),
+              R"({"method": "subscribe", "id": 1, "data": {"name": "svc", "program": "/bin/svc", )"
+              R"("priority": 5, "args": ["-v"], "paths": ["/sys"], "before": [], "after": []}})");
+    EXPECT_EQ(cfg_subscribe(ctx.get(), "svc", 5, nullptr, nullptr, nullptr, "p", nullptr), 0);
+}
+
+TEST(ClientPull, ConflictsKeepLocalWorkUnlessForced)
+{
+    for (int force = 0; force <= 1; force++) {
+        mini_daemon daemon;
+        daemon.put(element_text("newer", "daemon", 5));
+        daemon.put(element_text("same", "daemon", 2));
+        daemon.put(element_text("plain", "daemon", 1));
+        session s(daemon);
+        ASSERT_NE(s.ctx, nullptr);
+        cfg *c = s.ctx;
+        cfg_set_string(c, cfg_get_by_id(c, "newer"), "local")->generation = 4;
+        cfg_set_string(c, cfg_get_by_id(c, "same"), "local")->generation = 2;
+        cfg_get_by_id(c, "plain");
+        cfg_new_string_with_id(c, "created", "fresh");
+        cfg_add_conflict(c, "stale");
+
+        EXPECT_EQ(cfg_pull(c, force), force) << force;
+        EXPECT_EQ(string_of(cfg_find_by_id(c, "newer")), force ? "daemon" : "local");
+        EXPECT_EQ(string_of(cfg_find_by_id(c, "same")), "daemon");
+        EXPECT_EQ(string_of(cfg_find_by_id(c, "plain")), "daemon");
+        EXPECT_EQ(string_of(cfg_find_by_id(c, "fresh")), "created");
+        EXPECT_TRUE(cfg_element_is_new(cfg_find_by_id(c, "fresh")));
+        EXPECT_EQ(cfg_conflict_count(c), force ? 0 : 1);
+        if (!force) {
+            EXPECT_STREQ(cfg_get_conflict(c, 0), "newer");
+        }
+    }
+}
+
+TEST(ClientPull, FutureMembersCarryOverToTheFetchedList)
+{
+    mini_daemon daemon;
+    daemon.put(R"({"type": 7, "id": "l", "value": ["a"], "generation": 1})");
+    session s(daemon);
+    ASSERT_NE(s.ctx, nullptr);
+    cfg_element *list = cfg_get_by_id(s.ctx, "l");
+    cfg_append_future_listid(list, "a");
+    cfg_append_future_listid(list, "b");
+    EXPECT_EQ(cfg_pull(s.ctx, 0), 1);
+    cfg_element *fetched = cfg_find_by_id(s.ctx, "l");
+    ASSERT_NE(fetched, nullptr);
+    EXPECT_STREQ(cfg_get_future_listelem(fetched, 0), "b");
+    EXPECT_EQ(cfg_get_future_listelem(fetched, 1), nullptr);
+}
+
+TEST(ClientCommit, PushFreesLocalCopyAndMapsRenamedIds)
+{
+    mini_daemon daemon;
+    daemon.put(element_text("kept", "old", 1));
+    daemon.put(element_text("gone", "old", 1));
+    session s(daemon);
+    ASSERT_NE(s.ctx, nullptr);
+    cfg *c = s.ctx;
+    cfg_new_string_with_id(c, "made", "tmp1");
+    cfg_set_string(c, cfg_get_by_id(c, "kept"), "changed");
+    cfg_delete_element(c, cfg_get_by_id(c, "gone"));
+
+    daemon.set_push_result(false);
+    EXPECT_EQ(cfg_commit(c), 0);
+    EXPECT_TRUE(cfg_element_is_new(cfg_find_by_id(c, "tmp1")));
+
+    daemon.set_push_result(true);
+    EXPECT_EQ(cfg_commit(c), 1);
+    EXPECT_EQ(c->elements, nullptr);
+    json_handle push = last_request(daemon.daemon, "push");
+    EXPECT_EQ(dump(json_path_get(push.get(), "data\adeleted")), R"(["gone"])");
+    EXPECT_EQ(json_array_size(json_path_get(push.get(), "data\achanged")), 1u);
+
+    cfg_element *made = cfg_get_by_id(c, "tmp1");
+    ASSERT_NE(made, nullptr);
+    EXPECT_STREQ(made->uuid, "new-tmp1");
+    EXPECT_EQ(made->flags, 0u);
+    char tmp1[] = "tmp1";
+    char *ids[] = {tmp1, nullptr};
+    cfg_element **found = client_cfg_get_by_ids(c, ids, 1);
+    EXPECT_STREQ(ids[0], "new-tmp1");
+    EXPECT_EQ(found[0], made);
+    free(found);
+}
+
+TEST(ClientCommit, UpdateObjectListsFlaggedWork)
+{
+    context_handle ctx;
+    cfg *c = ctx.get();
+    cfg_add_type(c, "hostname", "h");
+    cfg_new_string_with_id(c, "added", "a");
+    cfg_element *both = cfg_new_string_with_id(c, "made-and-deleted", "b");
+    cfg_delete_element(c, both);
+    cfg_element *list = cfg_new_list_with_id(c, "l");
+    list->flags = 0;
+    cfg_append_future_listid(list, "f");
+    json_handle update(cfg_assemble_update(c));
+    EXPECT_EQ(dump(update.get()),
+              R"({"deleted": [], "added": [{"generation": 0, "parents": [], "type": 4, "id": "a", )"
+              R"("schema": "", "value": "added"}], "changed": [], )"
+              R"("appended": [{"parent_id": "l", "child_id": "f"}], "schema_deleted": [], )"
+              R"("schema_changed": [], "schema_added": [], "types": {"hostname": "h"}, )"
+              R"("schema_root": null})");
+}
+
+TEST(ClientCommitDeathTest, FutureMembersWithoutFlagAbort)
+{
+    context_handle ctx;
+    cfg_element *list = cfg_new_list_with_id(ctx.get(), "l");
+    cfg_append_future_listid(list, "f");
+    list->flags &= ~CFG_FLAG_HAS_FUTURE;
+    EXPECT_DEATH(cfg_assemble_update(ctx.get()),
+                 "src/client: assemble_element: Assertion `item->elem->flags & \\(1 << 4\\)' "
+                 "failed");
+}
+
+
+TEST(ClientCommit, MalformedRenamesAreSkipped)
+{
+    scripted_daemon daemon({step::answer(
+        R"({"result": true, "data": {"uuids": [1, {"old": "a"}, {"old": "b", "new": "c"}]}})")});
+    hooked_context ctx(daemon);
+    cfg_new_string_with_id(ctx.get(), "text", "b");
+    EXPECT_EQ(cfg_commit(ctx.get()), 1);
+    ASSERT_NE(ctx.client()->uuid_map, nullptr);
+    EXPECT_EQ(HASH_COUNT(ctx.client()->uuid_map), 1u);
+    EXPECT_STREQ(ctx.client()->uuid_map->new_, "c");
+    EXPECT_EQ(client_cfg_free_context_data(ctx.get()), 1);
+    EXPECT_EQ(ctx.client()->uuid_map, nullptr);
+}

@@ -1,0 +1,156 @@
+// Transactions: files in a temporary directory, replay into a new context,
+// stale files, and a transaction carried from one session to the next.
+#include "context.h"
+#include "mini_daemon.h"
+#include "temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <utime.h>
+
+using namespace std::chrono_literals;
+using zrtest::context_handle;
+using zrtest::mini_daemon;
+using zrtest::temp_dir;
+
+namespace {
+
+void use_dir(cfg *c, const std::string &dir)
+{
+    free(c->transaction_dir);
+    c->transaction_dir = strdup(dir.c_str());
+}
+
+std::string file_of(const std::string &dir, const char *id)
+{
+    return dir + "/" + id + ".transaction";
+}
+
+bool exists(const std::string &path)
+{
+    struct stat info;
+    return stat(path.c_str(), &info) == 0;
+}
+
+void age(const std::string &path, time_t seconds)
+{
+    struct utimbuf times;
+    times.actime = times.modtime = time(nullptr) - seconds;
+    ASSERT_EQ(utime(path.c_str(), &times), 0);
+}
+
+} // namespace
+
+TEST(Transaction, SavedWorkReopensWithItsFlags)
+{
+    temp_dir tmp;
+    std::string dir = tmp.file("tx");
+    std::string id;
+    {
+        context_handle ctx;
+        use_dir(ctx.get(), dir);
+        EXPECT_EQ(cfg_get_transaction_id(ctx.get()), nullptr);
+        EXPECT_EQ(cfg_in_transaction(ctx.get()), 0);
+        id = cfg_transaction_start(ctx.get());
+        EXPECT_EQ(cfg_in_transaction(ctx.get()), 1);
+        char *copy = cfg_get_transaction_id(ctx.get());
+        EXPECT_EQ(copy, id);
+        free(copy);
+        cfg_new_string_with_id(ctx.get(), "added", "a");
+        cfg_element *changed = cfg_new_string_with_id(ctx.get(), "changed", "c");
+        changed->flags = CFG_FLAG_CHANGED;
+        mode_t old_mask = umask(0);
+        EXPECT_EQ(cfg_transaction_save(ctx.get()), 1);
+        umask(old_mask);
+    }
+    struct stat info;
+    ASSERT_EQ(stat(dir.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0755u);
+    ASSERT_EQ(stat(file_of(dir, id.c_str()).c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    std::ifstream file(file_of(dir, id.c_str()));
+    std::stringstream text;
+    text << file.rdbuf();
+    EXPECT_EQ(text.str().rfind(R"({"deleted": [], "added": [{)", 0), 0u);
+    EXPECT_NE(text.str().back(), '\n');
+
+    context_handle next;
+    use_dir(next.get(), dir);
+    EXPECT_EQ(cfg_transaction_open(next.get(), "{no-such-id}"), 0);
+    EXPECT_EQ(cfg_in_transaction(next.get()), 0);
+    ASSERT_EQ(cfg_transaction_open(next.get(), id.c_str()), 1);
+    EXPECT_STREQ(next.get()->transaction_id, id.c_str());
+    EXPECT_EQ(cfg_find_by_id(next.get(), "a")->flags, unsigned(CFG_FLAG_NEW));
+    EXPECT_EQ(cfg_find_by_id(next.get(), "c")->flags, unsigned(CFG_FLAG_CHANGED));
+
+    EXPECT_EQ(cfg_transaction_cancel(next.get(), id.c_str()), 1);
+    EXPECT_FALSE(exists(file_of(dir, id.c_str())));
+    EXPECT_EQ(cfg_transaction_cancel(next.get(), id.c_str()), 0);
+}
+
+TEST(Transaction, StaleFilesAreDeletedOnOpen)
+{
+    temp_dir tmp;
+    for (time_t seconds : {899, 900}) {
+        context_handle ctx;
+        use_dir(ctx.get(), tmp.path());
+        std::string id = cfg_transaction_start(ctx.get());
+        ASSERT_EQ(cfg_transaction_save(ctx.get()), 1);
+        age(file_of(tmp.path(), id.c_str()), seconds);
+        context_handle next;
+        use_dir(next.get(), tmp.path());
+        bool fresh = seconds == 899;
+        EXPECT_EQ(cfg_transaction_open(next.get(), id.c_str()), fresh ? 1 : 0) << seconds;
+        EXPECT_EQ(exists(file_of(tmp.path(), id.c_str())), fresh) << seconds;
+    }
+}
+
+TEST(Transaction, FailuresLeaveTheContextAlone)
+{
+    temp_dir tmp;
+    context_handle ctx;
+    use_dir(ctx.get(), tmp.file("a/b"));
+    EXPECT_EQ(cfg_transaction_save(ctx.get()), 0);
+    cfg_transaction_start(ctx.get());
+    EXPECT_EQ(cfg_transaction_save(ctx.get()), 0);
+
+    use_dir(ctx.get(), tmp.path());
+    std::ofstream(file_of(tmp.path(), "junk")) << "{not json";
+    std::ofstream(file_of(tmp.path(), "bad")) << R"({"changed": [{"id": "x", "type": 99}]})";
+    std::string before = ctx.get()->transaction_id;
+    EXPECT_EQ(cfg_transaction_open(ctx.get(), "junk"), 0);
+    EXPECT_EQ(cfg_transaction_open(ctx.get(), "bad"), 0);
+    EXPECT_EQ(before, ctx.get()->transaction_id);
+}
+
+TEST(Transaction, DisconnectSavesAndTheNextSessionCommitsIt)
+{
+    temp_dir tmp;
+    mini_daemon daemon;
+    std::string id;
+    {
+        cfg *ctx = cfg_connect(daemon.socket_path().c_str(), "first");
+        ASSERT_NE(ctx, nullptr);
+        use_dir(ctx, tmp.path());
+        id = cfg_transaction_start(ctx);
+        cfg_new_string_with_id(ctx, "pending", "p1");
+        EXPECT_EQ(cfg_disconnect(&ctx), 1);
+    }
+    ASSERT_TRUE(exists(file_of(tmp.path(), id.c_str())));
+
+    cfg *ctx = cfg_connect(daemon.socket_path().c_str(), "second");
+    ASSERT_NE(ctx, nullptr);
+    use_dir(ctx, tmp.path());
+    ASSERT_EQ(cfg_transaction_open(ctx, id.c_str()), 1);
+    EXPECT_EQ(cfg_commit(ctx), 1);
+    EXPECT_EQ(cfg_in_transaction(ctx), 0);
+    EXPECT_FALSE(exists(file_of(tmp.path(), id.c_str())));
+    cfg_element *committed = cfg_get_by_id(ctx, "p1");
+    ASSERT_NE(committed, nullptr);
+    EXPECT_STREQ(committed->uuid, "new-p1");
+    cfg_disconnect(&ctx);
+}
