@@ -415,7 +415,7 @@ typedef struct cfg_uuid_item {
 
 typedef cfg_element *(*cfg_get_by_id_fn)(cfg *context, const char *uuid);
 typedef cfg_element **(*cfg_get_by_ids_fn)(cfg *context, char **uuids, int count);
-typedef void (*cfg_free_client_data_fn)(cfg *context);
+typedef int (*cfg_free_client_data_fn)(cfg *context);
 
 /* The configuration context. */
 struct cfg {

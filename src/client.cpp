@@ -591,17 +591,10 @@ bool load_schema(cfg *ctx)
     return true;
 }
 
-// The free_client_data hook returns nothing; client_cfg_free_context_data's
-// result is dropped here rather than calling it through a mismatched type.
-void release_client_data(cfg *ctx)
-{
-    client_cfg_free_context_data(ctx);
-}
-
 void install_client(cfg *ctx, cfg_client *client)
 {
     ctx->client_data = client;
-    ctx->free_client_data = release_client_data;
+    ctx->free_client_data = client_cfg_free_context_data;
 }
 
 } // namespace

@@ -3,10 +3,19 @@
 #define ZR_SOURCE "src/common"
 #include "internal.h"
 
+#include <arpa/inet.h>
+#include <cerrno>
+#include <csignal>
 #include <cstdarg>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <ossp/uuid.h>
 #include <pcre.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 using zr::zalloc;
 
@@ -272,14 +281,6 @@ extern "C" char *uuidcpy(char *dst, const char *src)
 // ------------------------------------------------------------------------
 // Framing and the request round trip
 // ------------------------------------------------------------------------
-
-#include <arpa/inet.h>
-#include <cerrno>
-#include <csignal>
-#include <cstdint>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 namespace {
 
@@ -723,8 +724,6 @@ extern "C" int cfg_apply_changeset(cfg *ctx, json_t *changeset, int from_daemon,
 // Transactions
 // ------------------------------------------------------------------------
 
-#include <sys/stat.h>
-#include <ctime>
 
 namespace {
 

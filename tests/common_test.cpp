@@ -51,11 +51,12 @@ namespace {
 
 int client_data_frees = 0;
 
-void free_client(cfg *context)
+int free_client(cfg *context)
 {
     client_data_frees++;
     free(context->client_data);
     context->client_data = nullptr;
+    return 1;
 }
 
 } // namespace
