@@ -197,3 +197,37 @@ TEST(ChangedData, FirstLeftoverIsReported)
     EXPECT_EQ(a.messages(), texts{"Element [" + std::string(colour->uuid) +
                                   "] with name 'colour' does not match any schema element"});
 }
+
+TEST(ChangedData, FlaggedElementsAreTakenInIndexOrder)
+{
+    // Enough elements that the index is walked in many stretches at once.
+    zrtest::log_capture log;
+    zrtest::context_handle h;
+    cfg *c = h.get();
+    cfg_element *root = cfg_load_map(c, "root-1");
+    cfg_element *list = cfg_load_list(c, "values-1");
+    cfg_add_mapelem(c, root, "values", list);
+    std::vector<cfg_element *> items;
+    for (int i = 0; i < 5000; i++) {
+        std::string uuid = "value-" + std::to_string(i);
+        items.push_back(cfg_load_int(c, uuid.c_str(), i));
+        cfg_add_listelem(c, list, items.back());
+    }
+    // Every seventh is flagged; a setter indexes the element anew, at the
+    // end of the order, so every 150th of those comes last.
+    auto path = [](int i) { return "Validating values(" + std::to_string(i) + ")"; };
+    texts expected, moved;
+    for (int i = 0; i < 5000; i += 7) {
+        items[i]->flags |= CFG_FLAG_CHANGED;
+        (i % 1050 == 0 ? moved : expected).push_back(path(i));
+    }
+    for (int i = 4200; i >= 0; i -= 1050)
+        cfg_set_int(c, items[i], -1);
+    expected.insert(expected.end(), moved.rbegin(), moved.rend());
+    cfg_validate_changed_data(c); // nothing is bound, so it fails; the order is logged
+    texts seen;
+    for (const zrtest::log_line &l : log.lines)
+        if (l.func == "examine_flagged")
+            seen.push_back(l.message);
+    EXPECT_EQ(seen, expected);
+}
