@@ -493,6 +493,11 @@ extern "C" void free_context(validation_context *vctx)
 // Node validation
 // ------------------------------------------------------------------------
 
+// Log lines written by helpers carry the name of the exported function they
+// work for.
+#define ZR_LOG_FOR(function, priority, ...) \
+    zrlog_log_prio_codepos(ZR_SOURCE, function, __LINE__, (priority), __VA_ARGS__)
+
 namespace {
 
 // Member kinds of a map or if schema element, in the order they are checked.
@@ -613,7 +618,7 @@ int validate_list_item(validation_context *vctx, cfg *context, cfg_element *list
 int validate_key(validation_context *vctx, cfg *context, cfg_element *map,
                  cfg_schema_element *schema, int kind, const char *key)
 {
-    ZR_LOG(LOG_INFO, "Looking for %s", key);
+    ZR_LOG_FOR("cfg_validate_map", LOG_INFO, "Looking for %s", key);
     const char *child_uuid = cfg_get_mapelem(map, key);
     const char *key_schema_uuid = cfg_get_schema_mapelem(schema, kind, key);
     cfg_schema_element *key_schema =
@@ -655,11 +660,12 @@ int run_validators(cfg *context, cfg_element *element, cfg_schema_element *schem
         const char *name = validator->name != nullptr ? validator->name : "";
         cfg_validator_fn function = get_validator(name);
         if (function == nullptr) {
-            ZR_LOG(LOG_ERR, "No validator named '%s'\n", name);
+            ZR_LOG_FOR("cfg_validate_node", LOG_ERR, "No validator named '%s'\n", name);
             return 0;
         }
         if (!function(context, element, validator->params, validator->params_count)) {
-            ZR_LOG(LOG_DEBUG, "Custom validator '%s' rejected input\n", name);
+            ZR_LOG_FOR("cfg_validate_node", LOG_DEBUG, "Custom validator '%s' rejected input\n",
+                       name);
             return 0;
         }
     }
@@ -992,8 +998,8 @@ void follow_dependents(cfg *context, const cfg_trigger_entry &entry, cfg_link *d
         uuids.emplace_back(static_cast<const char *>(n->data));
     bool emptied = uuids.empty();
     for (const std::string &uuid : uuids) {
-        ZR_LOG(LOG_INFO, "Change in node [%s] triggered validation of node [%s]", changed,
-               uuid.c_str());
+        ZR_LOG_FOR("cfg_validate_changed_data", LOG_INFO,
+                   "Change in node [%s] triggered validation of node [%s]", changed, uuid.c_str());
         cfg_element *dependent = cfg_get_by_id(context, uuid.c_str());
         if (dependent == nullptr || is_deleted(dependent))
             emptied = trig::drop_dependent(context, entry, uuid.c_str());
@@ -1039,7 +1045,7 @@ bool examine_flagged(cfg *context, cfg_element *element, work_set &work)
         work.add(uuid.c_str());
     std::string path;
     trig::static_path(context, element, path);
-    ZR_LOG(LOG_DEBUG, "Validating %s", path.c_str());
+    ZR_LOG_FOR("cfg_validate_changed_data", LOG_DEBUG, "Validating %s", path.c_str());
     if (!follow_patterns(context, uuid.c_str(), path, work))
         return false;
     if (element->flags & CFG_FLAG_NEW) {
@@ -1090,9 +1096,12 @@ std::vector<cfg_index_entry *> lane_seeds(cfg_index_entry *head)
     std::vector<cfg_index_entry *> seeds{head};
     for (unsigned k = 1; k < wanted; k++) {
         UT_hash_handle *first = table->buckets[uint64_t{k} * table->num_buckets / wanted].hh_head;
-        if (first != nullptr && first->key != head->hh.key)
-            seeds.push_back(reinterpret_cast<cfg_index_entry *>(
-                reinterpret_cast<char *>(first) - table->hho));
+        if (first == nullptr)
+            continue;
+        auto *entry =
+            reinterpret_cast<cfg_index_entry *>(reinterpret_cast<char *>(first) - table->hho);
+        if (entry != head)
+            seeds.push_back(entry);
     }
     std::sort(seeds.begin() + 1, seeds.end());
     seeds.erase(std::unique(seeds.begin() + 1, seeds.end()), seeds.end());

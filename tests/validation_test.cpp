@@ -189,6 +189,11 @@ TEST(TypeRules, IntBoundsAndAllowedValues)
         cfg_element *e = cfg_new_int(b.ctx(), ic.value);
         EXPECT_EQ(b.check(e, s, ic.expected.empty()), ic.expected) << ic.value;
     }
+    bool logged = false;
+    for (const zrtest::log_line &l : b.log.lines)
+        logged |= l.priority == 7 && l.file == "src/validation" && l.func == "cfg_validate_int" &&
+                  l.message.find(" as int\n") != std::string::npos;
+    EXPECT_TRUE(logged);
     // Allowed values come first; the bounds still apply to an allowed value.
     cfg_schema_element *s = cfg_init_schema_int(b.ctx(), nullptr, 1, 10, 1, 1, 0, 0);
     cfg_add_schema_int_allowed(b.ctx(), s, 5);
