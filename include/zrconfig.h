@@ -1349,6 +1349,54 @@ ZRCONFIG_API int cfg_in_transaction(cfg *ctx);
  * Validation
  * ---------------------------------------------------------------------- */
 
+/* Validates the whole tree from the root against the schema root, filling
+ * in defaults for missing required keys and binding elements to their
+ * schema elements. 0 on the first failure (one message), or when elements
+ * are left that no schema element accounted for (one message each). */
+ZRCONFIG_API int cfg_validate_data(cfg *context);
+/* Validates element and everything below it against the schema element its
+ * schema field names; 0 when that is unknown. Leftovers are not reported. */
+ZRCONFIG_API int cfg_validate_subtree(cfg *context, cfg_element *element);
+/* Checks the type, runs the type's check and then the custom validators
+ * (registering their trigger paths first), and marks element handled. */
+ZRCONFIG_API int cfg_validate_node(validation_context *vctx, cfg *context,
+                                   cfg_element *element, cfg_schema_element *schema);
+/* The checks of one type: 1 valid, 0 invalid with at most one message. */
+ZRCONFIG_API int cfg_validate_bool(validation_context *vctx, cfg *context,
+                                   cfg_element *element, cfg_schema_element *schema);
+ZRCONFIG_API int cfg_validate_int(validation_context *vctx, cfg *context,
+                                  cfg_element *element, cfg_schema_element *schema);
+ZRCONFIG_API int cfg_validate_float(validation_context *vctx, cfg *context,
+                                    cfg_element *element, cfg_schema_element *schema);
+/* Allowed values, then length bounds, then an unanchored match of the
+ * pattern (compiled once per schema; one that does not compile rejects
+ * without a message). */
+ZRCONFIG_API int cfg_validate_string(validation_context *vctx, cfg *context,
+                                     cfg_element *element, cfg_schema_element *schema);
+ZRCONFIG_API int cfg_validate_blob(validation_context *vctx, cfg *context,
+                                   cfg_element *element, cfg_schema_element *schema);
+/* The target must be found through the lookup hook. */
+ZRCONFIG_API int cfg_validate_reference(validation_context *vctx, cfg *context,
+                                        cfg_element *element, cfg_schema_element *schema);
+/* Item count bounds (committed plus pending items), then each item against
+ * the named type or the item type code. */
+ZRCONFIG_API int cfg_validate_list(validation_context *vctx, cfg *context, cfg_element *list,
+                                   cfg_schema_element *schema);
+/* Keys optional, required, deprecated in that order, then the conditionals;
+ * schema is a map or an if element. */
+ZRCONFIG_API int cfg_validate_map(validation_context *vctx, cfg *context, cfg_element *map,
+                                  cfg_schema_element *schema);
+/* When the if element's condition holds, map must also satisfy its keys. */
+ZRCONFIG_API int cfg_validate_if(validation_context *vctx, cfg *context, cfg_element *map,
+                                 cfg_schema_element *if_schema);
+/* Validates only what local edits can affect: every new or changed element
+ * and the elements the trigger tables tie to a flagged one (the first
+ * shallowly, the rest in depth; an element never bound to the schema through
+ * its nearest bound ancestor). Fills in defaults, prunes the registrations
+ * of deleted elements, and reports the first element left unaccounted. 1
+ * when everything validates, also when nothing is flagged. */
+ZRCONFIG_API int cfg_validate_changed_data(cfg *context);
+
 /* ------------------------------------------------------------------------
  * Custom validators
  * ---------------------------------------------------------------------- */

@@ -5,9 +5,12 @@
 #include "internal.h"
 #include "triggers.h"
 
+#include <algorithm>
 #include <cstring>
 #include <pcre.h>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 using zr::zalloc;
@@ -484,4 +487,744 @@ extern "C" void free_context(validation_context *vctx)
     clear_table(vctx->unhandled, free);
     clear_table(vctx->seen, free);
     free(vctx);
+}
+
+// ------------------------------------------------------------------------
+// Node validation
+// ------------------------------------------------------------------------
+
+// Log lines written by helpers carry the name of the exported function they
+// work for.
+#define ZR_LOG_FOR(function, priority, ...) \
+    zrlog_log_prio_codepos(ZR_SOURCE, function, __LINE__, (priority), __VA_ARGS__)
+
+namespace {
+
+// Member kinds of a map or if schema element, in the order they are checked.
+constexpr int required_keys = 0;
+constexpr int optional_keys = 1;
+constexpr int deprecated_keys = 2;
+constexpr int key_order[] = {optional_keys, required_keys, deprecated_keys};
+
+struct vctx_deleter {
+    void operator()(validation_context *vctx) const { free_context(vctx); }
+};
+// Owns a validation context for the length of one walk.
+using vctx_ptr = std::unique_ptr<validation_context, vctx_deleter>;
+
+vctx_ptr new_vctx()
+{
+    return vctx_ptr(zalloc<validation_context>());
+}
+
+cfg_schema_members *members_of(cfg_schema_element *schema)
+{
+    if (schema->type == CFG_TYPE_MAP)
+        return &schema->u.map;
+    if (schema->type == CFG_TYPE_IF)
+        return &schema->u.cond.members;
+    return nullptr;
+}
+
+cfg_link *keys_of_kind(cfg_schema_members *members, int kind)
+{
+    switch (kind) {
+    case required_keys: return members->required;
+    case optional_keys: return members->optional;
+    default: return members->deprecated;
+    }
+}
+
+template <typename Equal> bool allowed_contains(cfg_link *allowed, Equal equal)
+{
+    for (cfg_link *n = allowed; n != nullptr; n = n->next)
+        if (equal(static_cast<cfg_schema_allowed *>(n->data)->value))
+            return true;
+    return false;
+}
+
+// The compiled form of pattern from the schema's cache, compiled and cached
+// on first use; nullptr when it does not compile (nothing is cached then).
+pcre *cached_pattern(cfg_schema *schema, const char *pattern)
+{
+    size_t length = strlen(pattern);
+    cfg_regex_cache_entry *entry = nullptr;
+    HASH_FIND(hh, schema->regex_cache, pattern, length, entry);
+    if (entry != nullptr)
+        return static_cast<pcre *>(entry->compiled);
+    const char *error = nullptr;
+    int offset = 0;
+    pcre *compiled = pcre_compile(pattern, 0, &error, &offset, nullptr);
+    if (compiled == nullptr)
+        return nullptr;
+    entry = zalloc<cfg_regex_cache_entry>();
+    if (entry == nullptr || (entry->pattern = strdup(pattern)) == nullptr)
+        exit(-1);
+    entry->compiled = compiled;
+    HASH_ADD_KEYPTR(hh, schema->regex_cache, entry->pattern, length, entry);
+    return compiled;
+}
+
+// Whether pattern occurs anywhere in text; a pattern that does not compile
+// matches nothing.
+bool string_matches(cfg *context, const char *pattern, const char *text, bool &compiled)
+{
+    pcre *expression = cached_pattern(context->schema, pattern);
+    compiled = expression != nullptr;
+    if (expression == nullptr)
+        return false;
+    // Strings are refused above 16 MiB, so the length always fits an int.
+    return pcre_exec(expression, nullptr, text, static_cast<int>(strlen(text)), 0, 0, nullptr,
+                     0) >= 0;
+}
+
+// Copies of the member uuids of one link list: resolving them through the
+// lookup hook may load data, and must not pull the list from under us.
+std::vector<std::string> member_uuids(cfg_link *head)
+{
+    std::vector<std::string> uuids;
+    for (cfg_link *n = head; n != nullptr; n = n->next)
+        uuids.emplace_back(static_cast<cfg_parent_link *>(n->data)->uuid);
+    return uuids;
+}
+
+// The schema element of the named item type of a list schema, or nullptr.
+cfg_schema_element *named_item_schema(cfg *context, cfg_schema_element *schema)
+{
+    const char *name = schema->u.list.element_type_name;
+    const char *type_uuid = name != nullptr ? cfg_get_type(context, name) : nullptr;
+    return type_uuid != nullptr ? cfg_get_schema_by_id(context, type_uuid) : nullptr;
+}
+
+// Checks one list item: against the named type's schema element when there
+// is one, otherwise by its type code alone.
+int validate_list_item(validation_context *vctx, cfg *context, cfg_element *list,
+                       const std::string &uuid, cfg_schema_element *item_schema, int item_type)
+{
+    cfg_element *item = cfg_get_by_id(context, uuid.c_str());
+    if (item == nullptr)
+        return 0;
+    if (item_schema != nullptr)
+        return cfg_validate_node(vctx, context, item, item_schema);
+    if (item->type != static_cast<unsigned int>(item_type)) {
+        cfg_message_add_list_wrong_type(context, list->uuid);
+        return 0;
+    }
+    set_handled(vctx, item);
+    return 1;
+}
+
+// One key of a map or if schema element, checked against the map.
+int validate_key(validation_context *vctx, cfg *context, cfg_element *map,
+                 cfg_schema_element *schema, int kind, const char *key)
+{
+    ZR_LOG_FOR("cfg_validate_map", LOG_INFO, "Looking for %s", key);
+    const char *child_uuid = cfg_get_mapelem(map, key);
+    const char *key_schema_uuid = cfg_get_schema_mapelem(schema, kind, key);
+    cfg_schema_element *key_schema =
+        key_schema_uuid != nullptr ? cfg_get_schema_by_id(context, key_schema_uuid) : nullptr;
+    if (child_uuid != nullptr) {
+        cfg_element *child = cfg_get_by_id(context, child_uuid);
+        if (child == nullptr) {
+            if (kind != required_keys)
+                return 1;
+            cfg_message_add_missing_required(context, key, map->uuid);
+            return 0;
+        }
+        if (kind == deprecated_keys || vctx->shallow) {
+            set_handled(vctx, child);
+            return 1;
+        }
+        return cfg_validate_node(vctx, context, child, key_schema);
+    }
+    if (kind != required_keys)
+        return 1;
+    cfg_element *created = cfg_create_default(context, key_schema, nullptr);
+    if (created == nullptr) {
+        cfg_message_add_missing_required(context, key, map->uuid);
+        return 0;
+    }
+    cfg_add_mapelem(context, map, key, created);
+    return cfg_validate_node(vctx, context, created, key_schema);
+}
+
+// Runs the custom validators of schema on element, registering each one's
+// trigger paths before it runs.
+int run_validators(cfg *context, cfg_element *element, cfg_schema_element *schema)
+{
+    for (int i = 0; i < schema->validators_count; i++) {
+        cfg_schema_validator *validator = schema->validators[i];
+        if (validator == nullptr)
+            continue;
+        cfg_create_validator_triggers(context, element, validator);
+        const char *name = validator->name != nullptr ? validator->name : "";
+        cfg_validator_fn function = get_validator(name);
+        if (function == nullptr) {
+            ZR_LOG_FOR("cfg_validate_node", LOG_ERR, "No validator named '%s'\n", name);
+            return 0;
+        }
+        if (!function(context, element, validator->params, validator->params_count)) {
+            ZR_LOG_FOR("cfg_validate_node", LOG_DEBUG, "Custom validator '%s' rejected input\n",
+                       name);
+            return 0;
+        }
+    }
+    return 1;
+}
+
+int validate_by_type(validation_context *vctx, cfg *context, cfg_element *element,
+                     cfg_schema_element *schema)
+{
+    switch (element->type) {
+    case CFG_TYPE_BOOL: return cfg_validate_bool(vctx, context, element, schema);
+    case CFG_TYPE_INT: return cfg_validate_int(vctx, context, element, schema);
+    case CFG_TYPE_FLOAT: return cfg_validate_float(vctx, context, element, schema);
+    case CFG_TYPE_STRING: return cfg_validate_string(vctx, context, element, schema);
+    case CFG_TYPE_BLOB: return cfg_validate_blob(vctx, context, element, schema);
+    case CFG_TYPE_LIST: return cfg_validate_list(vctx, context, element, schema);
+    case CFG_TYPE_MAP: return cfg_validate_map(vctx, context, element, schema);
+    case CFG_TYPE_REFERENCE: return cfg_validate_reference(vctx, context, element, schema);
+    default: return 1;
+    }
+}
+
+bool usable(validation_context *vctx, cfg *context, cfg_element *element,
+            cfg_schema_element *schema)
+{
+    return vctx != nullptr && context != nullptr && element != nullptr && schema != nullptr;
+}
+
+} // namespace
+
+extern "C" int cfg_validate_node(validation_context *vctx, cfg *context, cfg_element *element,
+                                 cfg_schema_element *schema)
+{
+    if (!usable(vctx, context, element, schema))
+        return 0;
+    if (element->type != static_cast<unsigned int>(schema->type)) {
+        cfg_message_add_wrong_type(context, element->uuid);
+        return 0;
+    }
+    memcpy(element->schema, schema->uuid, CFG_UUID_SIZE);
+    element->schema[CFG_UUID_SIZE - 1] = '\0';
+    if (!validate_by_type(vctx, context, element, schema) ||
+        !run_validators(context, element, schema))
+        return 0;
+    set_handled(vctx, element);
+    return 1;
+}
+
+extern "C" int cfg_validate_bool(validation_context *, cfg *, cfg_element *element,
+                                 cfg_schema_element *)
+{
+    if (element == nullptr)
+        return 0;
+    ZR_LOG(LOG_DEBUG, "Validating %s as bool\n", element->uuid);
+    return 1;
+}
+
+extern "C" int cfg_validate_int(validation_context *, cfg *context, cfg_element *element,
+                                cfg_schema_element *schema)
+{
+    if (context == nullptr || element == nullptr || schema == nullptr)
+        return 0;
+    ZR_LOG(LOG_DEBUG, "Validating %s as int\n", element->uuid);
+    int value = element->value.int_value;
+    const auto &part = schema->u.integer;
+    if (part.allowed != nullptr &&
+        !allowed_contains(part.allowed, [&](const cfg_schema_value &v) { return v.int_value == value; })) {
+        cfg_message_add_int_invalid_value(context, element->uuid);
+        return 0;
+    }
+    if (part.has_max && part.has_min) {
+        if (value <= part.max && value >= part.min)
+            return 1;
+        cfg_message_add_int_outside_range(context, part.min, part.max, element->uuid);
+        return 0;
+    }
+    if (part.has_max && value > part.max) {
+        cfg_message_add_int_above_max(context, part.max, element->uuid);
+        return 0;
+    }
+    if (part.has_min && value < part.min) {
+        cfg_message_add_int_below_min(context, part.min, element->uuid);
+        return 0;
+    }
+    return 1;
+}
+
+extern "C" int cfg_validate_float(validation_context *, cfg *context, cfg_element *element,
+                                  cfg_schema_element *schema)
+{
+    if (context == nullptr || element == nullptr || schema == nullptr)
+        return 0;
+    ZR_LOG(LOG_DEBUG, "Validating %s as float\n", element->uuid);
+    double value = element->value.float_value;
+    const auto &part = schema->u.real;
+    if (part.allowed != nullptr &&
+        !allowed_contains(part.allowed, [&](const cfg_schema_value &v) { return v.float_value == value; })) {
+        cfg_message_add_float_invalid_value(context, element->uuid);
+        return 0;
+    }
+    if (part.has_max && value > part.max) {
+        cfg_message_add_float_above_max(context, part.max, element->uuid);
+        return 0;
+    }
+    if (part.has_min && part.min > value) {
+        cfg_message_add_float_below_min(context, part.min, element->uuid);
+        return 0;
+    }
+    return 1;
+}
+
+extern "C" int cfg_validate_string(validation_context *, cfg *context, cfg_element *element,
+                                   cfg_schema_element *schema)
+{
+    if (context == nullptr || element == nullptr || schema == nullptr)
+        return 0;
+    ZR_LOG(LOG_DEBUG, "Validating %s as string\n", element->uuid);
+    const char *value = element->value.string_value != nullptr ? element->value.string_value : "";
+    const auto &part = schema->u.string;
+    if (part.allowed != nullptr && !allowed_contains(part.allowed, [&](const cfg_schema_value &v) {
+            return v.string_value != nullptr && strcmp(v.string_value, value) == 0;
+        })) {
+        cfg_message_add_string_invalid_value(context, element->uuid, value);
+        return 0;
+    }
+    // Lengths are compared as signed 64-bit numbers, as blob sizes are.
+    auto length = static_cast<int64_t>(strlen(value));
+    if (part.has_max && length > part.max) {
+        cfg_message_add_string_above_max(context, part.max, element->uuid);
+        return 0;
+    }
+    if (part.has_min && length < part.min) {
+        cfg_message_add_string_below_min(context, part.min, element->uuid);
+        return 0;
+    }
+    if (!part.has_regex || part.regex == nullptr || context->schema == nullptr)
+        return 1;
+    bool compiled = false;
+    if (string_matches(context, part.regex, value, compiled))
+        return 1;
+    if (compiled)
+        cfg_message_add_string_format(context, element->uuid);
+    return 0;
+}
+
+extern "C" int cfg_validate_blob(validation_context *, cfg *context, cfg_element *element,
+                                 cfg_schema_element *schema)
+{
+    if (context == nullptr || element == nullptr || schema == nullptr)
+        return 0;
+    ZR_LOG(LOG_DEBUG, "Validating %s as blob\n", element->uuid);
+    // Sizes are compared as signed 64-bit numbers, so a negative bound never
+    // turns into a huge unsigned one.
+    auto size = static_cast<int64_t>(element->value.blob.size);
+    const auto &part = schema->u.blob;
+    if (part.has_max && size > part.max) {
+        cfg_message_add_blob_above_max(context, part.max, element->uuid);
+        return 0;
+    }
+    if (part.has_min && size < part.min) {
+        cfg_message_add_blob_below_min(context, part.min, element->uuid);
+        return 0;
+    }
+    return 1;
+}
+
+extern "C" int cfg_validate_reference(validation_context *, cfg *context, cfg_element *element,
+                                      cfg_schema_element *)
+{
+    if (context == nullptr || element == nullptr)
+        return 0;
+    ZR_LOG(LOG_DEBUG, "Validating %s as reference\n", element->uuid);
+    const char *target = element->value.string_value;
+    if (target != nullptr && cfg_get_by_id(context, target) != nullptr)
+        return 1;
+    cfg_message_add_invalid_reference(context, element->uuid);
+    return 0;
+}
+
+extern "C" int cfg_validate_list(validation_context *vctx, cfg *context, cfg_element *list,
+                                 cfg_schema_element *schema)
+{
+    if (!usable(vctx, context, list, schema))
+        return 0;
+    ZR_LOG(LOG_DEBUG, "Validating %s as list\n", list->uuid);
+    const auto &part = schema->u.list;
+    cfg_schema_element *item_schema = nullptr;
+    if (part.element_kind == 2 && (item_schema = named_item_schema(context, schema)) == nullptr)
+        return 0;
+    if (part.has_min || part.has_max) {
+        unsigned int committed = 0, pending = 0;
+        cfg_list_size(list, &committed);
+        cfg_list_future_size(list, &pending);
+        int64_t count = static_cast<int64_t>(committed) + pending;
+        if (part.has_min && count < part.min) {
+            cfg_message_add_list_below_min(context, part.min, list->uuid);
+            return 0;
+        }
+        if (part.has_max && count > part.max) {
+            cfg_message_add_list_above_max(context, part.max, list->uuid);
+            return 0;
+        }
+    }
+    if (vctx->shallow)
+        return 1;
+    for (cfg_link *head : {list->value.list.members, list->value.list.future_members})
+        for (const std::string &uuid : member_uuids(head))
+            if (!validate_list_item(vctx, context, list, uuid, item_schema, part.element_type))
+                return 0;
+    return 1;
+}
+
+extern "C" int cfg_validate_map(validation_context *vctx, cfg *context, cfg_element *map,
+                                cfg_schema_element *schema)
+{
+    if (!usable(vctx, context, map, schema) || map->type != CFG_TYPE_MAP)
+        return 0;
+    ZR_LOG(LOG_DEBUG, "Validating %s as map\n", map->uuid);
+    cfg_schema_members *members = members_of(schema);
+    if (members == nullptr)
+        return 0;
+    for (const std::string &uuid : member_uuids(map->value.map.members))
+        add_unhandled(vctx, cfg_get_by_id(context, uuid.c_str()));
+    for (int kind : key_order)
+        for (cfg_link *n = keys_of_kind(members, kind); n != nullptr; n = n->next) {
+            const char *key = static_cast<cfg_schema_mapid *>(n->data)->key;
+            if (key != nullptr && !validate_key(vctx, context, map, schema, kind, key))
+                return 0;
+        }
+    for (cfg_link *n = members->conditionals; n != nullptr; n = n->next) {
+        auto *link = static_cast<cfg_schema_mapconditional *>(n->data);
+        cfg_schema_element *conditional = cfg_get_schema_by_id(context, link->uuid);
+        if (conditional == nullptr || !cfg_validate_if(vctx, context, map, conditional))
+            return 0;
+    }
+    return 1;
+}
+
+extern "C" int cfg_validate_if(validation_context *vctx, cfg *context, cfg_element *map,
+                               cfg_schema_element *if_schema)
+{
+    if (!usable(vctx, context, map, if_schema))
+        return 0;
+    ZR_LOG(LOG_DEBUG, "Validating %s as if\n", map->uuid);
+    if (!evaluate_if(context, map, if_schema))
+        return 1;
+    return cfg_validate_map(vctx, context, map, if_schema);
+}
+
+extern "C" int cfg_validate_subtree(cfg *context, cfg_element *element)
+{
+    if (context == nullptr || element == nullptr)
+        return 0;
+    vctx_ptr vctx = new_vctx();
+    if (vctx == nullptr)
+        return 0;
+    cfg_schema_element *schema = cfg_get_schema_by_id(context, element->schema);
+    return schema != nullptr ? cfg_validate_node(vctx.get(), context, element, schema) : 0;
+}
+
+namespace {
+
+// Pushes the no-match message for element, naming its map key; fallback
+// stands in for an element that has no key.
+void report_unmatched(cfg *context, cfg_element *element, const char *fallback)
+{
+    char *key = nullptr;
+    cfg_get_map_key(context, element, &key);
+    zr::cstr_ptr key_copy(key);
+    cfg_message_add_no_match(context, element->uuid, key != nullptr ? key : fallback);
+}
+
+} // namespace
+
+extern "C" int cfg_validate_data(cfg *context)
+{
+    if (context == nullptr)
+        return 0;
+    vctx_ptr vctx = new_vctx();
+    if (vctx == nullptr)
+        return 0;
+    for (cfg_index_entry *e = context->elements; e != nullptr;
+         e = static_cast<cfg_index_entry *>(e->hh.next))
+        if (!(e->element->flags & CFG_FLAG_DELETED))
+            add_unhandled(vctx.get(), e->element);
+    if (!cfg_validate_node(vctx.get(), context, cfg_root(context), cfg_schema_root(context)))
+        return 0;
+    if (vctx->unhandled == nullptr)
+        return 1;
+    for (cfg_index_entry *e = vctx->unhandled; e != nullptr;
+         e = static_cast<cfg_index_entry *>(e->hh.next))
+        report_unmatched(context, e->element, "[unknown]");
+    return 0;
+}
+
+// ------------------------------------------------------------------------
+// Changed-data validation
+// ------------------------------------------------------------------------
+
+namespace {
+
+// The uuids of the elements to validate, each once, in the order added.
+class work_set {
+  public:
+    void add(const char *uuid)
+    {
+        if (members_.insert(uuid).second)
+            order_.emplace_back(uuid);
+    }
+    const std::vector<std::string> &order() const { return order_; }
+
+  private:
+    std::vector<std::string> order_;
+    std::unordered_set<std::string> members_;
+};
+
+bool is_deleted(const cfg_element *element)
+{
+    return (element->flags & CFG_FLAG_DELETED) != 0;
+}
+
+// Follows the dependents of one trigger record after a change to changed:
+// those still present go into the work set, those gone or deleted are
+// dropped from the record. A record left empty is removed.
+void follow_dependents(cfg *context, const cfg_trigger_entry &entry, cfg_link *dependents,
+                       const char *changed, work_set &work)
+{
+    std::vector<std::string> uuids;
+    for (cfg_link *n = dependents; n != nullptr; n = n->next)
+        uuids.emplace_back(static_cast<const char *>(n->data));
+    bool emptied = uuids.empty();
+    for (const std::string &uuid : uuids) {
+        ZR_LOG_FOR("cfg_validate_changed_data", LOG_INFO,
+                   "Change in node [%s] triggered validation of node [%s]", changed, uuid.c_str());
+        cfg_element *dependent = cfg_get_by_id(context, uuid.c_str());
+        if (dependent == nullptr || is_deleted(dependent))
+            emptied = trig::drop_dependent(context, entry, uuid.c_str());
+        else
+            work.add(uuid.c_str());
+    }
+    if (emptied)
+        trig::remove_record(context, entry);
+}
+
+bool pattern_matches(void *compiled, const std::string &path)
+{
+    return pcre_exec(static_cast<pcre *>(compiled), nullptr, path.c_str(),
+                     static_cast<int>(path.size()), 0, 0, nullptr, 0) >= 0;
+}
+
+// Every pattern record matching path triggers its dependents; records left
+// without dependents are removed whether they matched or not. False when a
+// pattern does not compile.
+bool follow_patterns(cfg *context, const char *changed, const std::string &path, work_set &work)
+{
+    cfg_pattern_trigger *record, *next;
+    for (record = context->pattern_triggers; record != nullptr; record = next) {
+        next = static_cast<cfg_pattern_trigger *>(record->hh.next);
+        void *compiled = trig::compiled_pattern(record);
+        if (compiled == nullptr)
+            return false;
+        cfg_trigger_entry entry = trig::entry_for(record);
+        if (pattern_matches(compiled, path))
+            follow_dependents(context, entry, record->dependents, changed, work);
+        else if (record->dependents == nullptr)
+            trig::remove_record(context, entry);
+    }
+    return true;
+}
+
+// Looks at one flagged element: queues it when new or changed, follows the
+// triggers that watch it, and forgets its own registrations when deleted.
+bool examine_flagged(cfg *context, cfg_element *element, work_set &work)
+{
+    const std::string uuid = element->uuid;
+    if ((element->flags & (CFG_FLAG_NEW | CFG_FLAG_CHANGED)) && !is_deleted(element))
+        work.add(uuid.c_str());
+    std::string path;
+    trig::static_path(context, element, path);
+    ZR_LOG_FOR("cfg_validate_changed_data", LOG_DEBUG, "Validating %s", path.c_str());
+    if (!follow_patterns(context, uuid.c_str(), path, work))
+        return false;
+    if (element->flags & CFG_FLAG_NEW) {
+        if (auto *record = trig::find_record<cfg_path_trigger>(context, path.c_str()))
+            follow_dependents(context, trig::entry_for(record), record->dependents, uuid.c_str(),
+                              work);
+    } else if (auto *record = trig::find_record<cfg_uuid_trigger>(context, uuid.c_str())) {
+        follow_dependents(context, trig::entry_for(record), record->dependents, uuid.c_str(),
+                          work);
+    }
+    if (element->flags & CFG_FLAG_DELETED) {
+        if (auto *record = trig::find_record<cfg_uuid_trigger>(context, uuid.c_str()))
+            trig::remove_record(context, trig::entry_for(record));
+        trig::forget_dependent(context, uuid.c_str());
+    }
+    return true;
+}
+
+cfg_index_entry *next_entry(cfg_index_entry *entry)
+{
+    return static_cast<cfg_index_entry *>(entry->hh.next);
+}
+
+// One stretch of the index in insertion order, from a seed entry up to the
+// next seed (or the end), walked a step at a time.
+struct index_lane {
+    cfg_index_entry *at;
+    cfg_index_entry *looked_at = nullptr; // its flags are read one step late
+    cfg_index_entry *end = nullptr;       // the seed that starts the next lane
+    std::vector<cfg_index_entry *> flagged;
+
+    explicit index_lane(cfg_index_entry *seed) : at(seed) {}
+
+    void take_last()
+    {
+        if (looked_at != nullptr && looked_at->element->flags != 0)
+            flagged.push_back(looked_at);
+        looked_at = nullptr;
+    }
+};
+
+// Seeds for the lanes: the first entry in insertion order, and the first
+// entry of evenly spaced hash buckets, which lie scattered along the order.
+std::vector<cfg_index_entry *> lane_seeds(cfg_index_entry *head)
+{
+    constexpr unsigned wanted = 256;
+    UT_hash_table *table = head->hh.tbl;
+    std::vector<cfg_index_entry *> seeds{head};
+    for (unsigned k = 1; k < wanted; k++) {
+        UT_hash_handle *first = table->buckets[uint64_t{k} * table->num_buckets / wanted].hh_head;
+        if (first == nullptr)
+            continue;
+        auto *entry =
+            reinterpret_cast<cfg_index_entry *>(reinterpret_cast<char *>(first) - table->hho);
+        if (entry != head)
+            seeds.push_back(entry);
+    }
+    std::sort(seeds.begin() + 1, seeds.end());
+    seeds.erase(std::unique(seeds.begin() + 1, seeds.end()), seeds.end());
+    return seeds;
+}
+
+// The entries of every flagged element, in insertion order. The order is a
+// chain of dependent loads through scattered records, so it is walked as
+// many short lanes side by side, whose loads overlap, and the lanes are
+// joined afterwards; the flags of an entry are read a step after its record
+// was asked for.
+std::vector<cfg_index_entry *> flagged_entries(cfg *context)
+{
+    if (context->elements == nullptr)
+        return {};
+    std::vector<cfg_index_entry *> seeds = lane_seeds(context->elements);
+    std::unordered_map<cfg_index_entry *, size_t> lane_of;
+    std::vector<index_lane> lanes;
+    for (cfg_index_entry *seed : seeds) {
+        lane_of.emplace(seed, lanes.size());
+        lanes.emplace_back(seed);
+    }
+    std::vector<size_t> active(lanes.size());
+    for (size_t i = 0; i < active.size(); i++)
+        active[i] = i;
+    while (!active.empty()) {
+        size_t kept = 0;
+        for (size_t i : active) {
+            index_lane &lane = lanes[i];
+            cfg_index_entry *entry = lane.at;
+            cfg_index_entry *next = next_entry(entry);
+            __builtin_prefetch(next);
+            __builtin_prefetch(&entry->element->flags);
+            lane.take_last();
+            lane.looked_at = entry;
+            if (next == nullptr || lane_of.count(next) != 0) {
+                lane.take_last();
+                lane.end = next;
+                continue;
+            }
+            lane.at = next;
+            active[kept++] = i;
+        }
+        active.resize(kept);
+    }
+    std::vector<cfg_index_entry *> flagged;
+    for (cfg_index_entry *seed = seeds.front(); seed != nullptr;) {
+        index_lane &lane = lanes[lane_of[seed]];
+        flagged.insert(flagged.end(), lane.flagged.begin(), lane.flagged.end());
+        seed = lane.end;
+    }
+    return flagged;
+}
+
+// The uuids of every element carrying a flag, in index order. Copied, so
+// that lookups made while following triggers may load data safely.
+std::vector<std::string> flagged_uuids(cfg *context)
+{
+    std::vector<std::string> uuids;
+    for (cfg_index_entry *entry : flagged_entries(context))
+        uuids.emplace_back(entry->element->uuid);
+    return uuids;
+}
+
+// The element itself when it is bound to a schema element, else its
+// nearest bound ancestor (validated in depth then); nullptr when none is.
+cfg_element *bound_element(validation_context *vctx, cfg *context, cfg_element *element)
+{
+    while (element != nullptr && element->schema[0] == '\0') {
+        vctx->shallow = 0;
+        element = cfg_get_parent_elem(context, element);
+    }
+    return element;
+}
+
+// Validates the work set: the first element shallowly, every later one in
+// depth; stops at the first failure or leftover unhandled element.
+int validate_work(validation_context *vctx, cfg *context, const work_set &work)
+{
+    for (const std::string &uuid : work.order()) {
+        cfg_element *element = cfg_get_by_id(context, uuid.c_str());
+        if (element == nullptr || is_deleted(element))
+            continue;
+        element = bound_element(vctx, context, element);
+        if (element == nullptr)
+            return 0;
+        cfg_schema_element *schema = cfg_get_schema_by_id(context, element->schema);
+        if (!cfg_validate_node(vctx, context, element, schema))
+            return 0;
+        if (vctx->unhandled != nullptr) {
+            cfg_element *leftover = vctx->unhandled->element;
+            char *key = nullptr;
+            cfg_get_map_key(context, leftover, &key);
+            zr::cstr_ptr key_copy(key);
+            cfg_message_add_no_match(context, leftover->uuid, key);
+            return 0;
+        }
+        vctx->shallow = 0;
+    }
+    return 1;
+}
+
+} // namespace
+
+extern "C" int cfg_validate_changed_data(cfg *context)
+{
+    if (context == nullptr)
+        return 0;
+    vctx_ptr vctx = new_vctx();
+    if (vctx == nullptr)
+        return 0;
+    vctx->shallow = 1;
+    work_set work;
+    for (const std::string &uuid : flagged_uuids(context)) {
+        cfg_element *element = cfg_find_by_id(context, uuid.c_str());
+        if (element != nullptr && !examine_flagged(context, element, work))
+            return 0;
+    }
+    for (const std::string &uuid : work.order()) {
+        cfg_element *element = cfg_get_by_id(context, uuid.c_str());
+        if (element != nullptr && !is_deleted(element) &&
+            (element->type == CFG_TYPE_LIST || element->type == CFG_TYPE_MAP))
+            cfg_populate_defaults(context, element, 0);
+    }
+    return validate_work(vctx.get(), context, work);
 }

@@ -1,0 +1,246 @@
+// A realistic appliance for validation tests: a schema loaded from the
+// daemon's JSON form (system settings, network connections with a
+// conditional static branch, users and certificates, uniqueness validators
+// with trigger paths) and a loaded, unflagged tree that validates once its
+// missing defaults are filled in. The fixture captures log lines.
+//
+// Conditionals: a connection whose mode is "static" requires address and
+// netmask; every connection requires trace once "^^^system.loglevel" is 7 or
+// more; the network requires proxy_port when "system.proxy_mode" (absent
+// from the tree) is "http".
+//
+// Tree (daemon uuids; "missing" members have schema defaults):
+//   root-1 { system sys-1 { hostname host-1 "gateway", motd motd-1,
+//                           web_certificate webcert-1 -> cert-1,
+//                           (missing loglevel 6, timezone "UTC") },
+//            network net-1 { conns conns-1 [
+//                conn-1 { name "wan", mode "dhcp", (missing mtu 1500) },
+//                conn-2 { name "lan", mode "static", mtu 1500,
+//                         address "192.168.1.1", netmask 24 } ] },
+//            users users-1 [ user-1 { name "admin", role "admin", uid 1000 },
+//                            user-2 { name "operator", role "operator",
+//                                     uid 1001 } ],
+//            certificates certs-1 [ cert-1 { name "web", certificate, key,
+//                                            common_name "device.example" } ] }
+#pragma once
+
+#include "context.h"
+#include "json_text.h"
+#include "log_capture.h"
+#include "test_material.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace zrtest {
+
+inline const char network_appliance_schema[] = R"([
+ {"id": "n-root", "type": 8, "required": {"system": "n-system", "network": "n-network",
+   "users": "n-users", "certificates": "n-certs"}},
+ {"id": "n-system", "type": 8,
+   "required": {"hostname": "n-hostname", "loglevel": "n-loglevel", "timezone": "n-timezone"},
+   "optional": {"motd": "n-motd", "web_certificate": "n-web-cert", "proxy_mode": "n-proxy-mode"},
+   "deprecated": {"legacy_port": "n-legacy-port"}},
+ {"id": "n-hostname", "type": 4, "min_length": 1, "max_length": 63,
+   "regex": "^[a-z][a-z0-9-]*$"},
+ {"id": "n-loglevel", "type": 2, "min": 0, "max": 7, "default": 6},
+ {"id": "n-timezone", "type": 4, "default": "UTC"},
+ {"id": "n-motd", "type": 4, "max_length": 80},
+ {"id": "n-web-cert", "type": 9, "target": "n-cert"},
+ {"id": "n-legacy-port", "type": 2, "min": 1, "max": 2},
+ {"id": "n-proxy-mode", "type": 4, "allowed": ["off", "http"]},
+ {"id": "n-network", "type": 8, "required": {"conns": "n-conns"},
+   "optional": {"dns_servers": "n-dns-servers"}, "conditionals": ["n-if-proxy"]},
+ {"id": "n-if-proxy", "type": 10,
+   "expression": ["system.proxy_mode", "==", {"type": "string", "value": "http", "id": "v-http"}],
+   "required": {"proxy_port": "n-proxy-port"}},
+ {"id": "n-proxy-port", "type": 2, "min": 1, "max": 65535},
+ {"id": "n-conns", "type": 7, "element_type": "connection", "min_length": 1,
+   "validators": [{"validator": "uniqueness", "parameters": ["name"],
+                   "paths": ["\\(\\d+\\)\\.name"]}]},
+ {"id": "n-dns-servers", "type": 7, "element_type": 4, "max_length": 3},
+ {"id": "n-connection", "type": 8,
+   "required": {"name": "n-conn-name", "mode": "n-conn-mode", "mtu": "n-conn-mtu"},
+   "optional": {"description": "n-conn-desc"}, "conditionals": ["n-if-static", "n-if-debug"]},
+ {"id": "n-conn-name", "type": 4, "max_length": 15, "regex": "^[a-z0-9]+$"},
+ {"id": "n-conn-mode", "type": 4, "allowed": ["static", "dhcp"], "default": "static"},
+ {"id": "n-conn-mtu", "type": 2, "min": 576, "max": 9000, "default": 1500},
+ {"id": "n-conn-desc", "type": 4, "max_length": 40},
+ {"id": "n-if-static", "type": 10, "eval_priority": 0,
+   "expression": [".mode", "==", {"type": "string", "value": "static", "id": "v-static"}],
+   "required": {"address": "n-conn-address", "netmask": "n-conn-netmask"}},
+ {"id": "n-if-debug", "type": 10,
+   "expression": ["^^^system.loglevel", ">=", {"type": "int", "value": 7, "id": "v-debug"}],
+   "required": {"trace": "n-conn-trace"}},
+ {"id": "n-conn-trace", "type": 1, "default": false},
+ {"id": "n-conn-address", "type": 4,
+   "validators": [{"validator": "networkaddress", "parameters": ["ipv4"], "paths": []}]},
+ {"id": "n-conn-netmask", "type": 2, "min": 1, "max": 32, "default": 24},
+ {"id": "n-users", "type": 7, "element_type": "user",
+   "validators": [{"validator": "uniqueness", "parameters": ["name"],
+                   "paths": ["\\(\\d+\\)\\.name"]}]},
+ {"id": "n-user", "type": 8,
+   "required": {"name": "n-user-name", "role": "n-user-role", "uid": "n-user-uid"},
+   "optional": {"password": "n-user-password", "hashed_password": "n-user-hash"},
+   "validators": [{"validator": "password", "parameters": ["password", "hashed_password"]}]},
+ {"id": "n-user-name", "type": 4, "max_length": 32, "regex": "^[a-z_][a-z0-9_-]*$"},
+ {"id": "n-user-role", "type": 4, "allowed": ["admin", "operator", "viewer"],
+   "default": "viewer"},
+ {"id": "n-user-uid", "type": 2, "min": 1000, "max": 60000},
+ {"id": "n-user-password", "type": 4},
+ {"id": "n-user-hash", "type": 4, "min_length": 13, "max_length": 13},
+ {"id": "n-certs", "type": 7, "element_type": "certificate"},
+ {"id": "n-cert", "type": 8,
+   "required": {"name": "n-cert-name", "certificate": "n-cert-pem", "key": "n-cert-key"},
+   "optional": {"common_name": "n-cert-cn"},
+   "validators": [{"validator": "ssl_cert",
+                   "parameters": ["certificate", "key", "common_name"]}]},
+ {"id": "n-cert-name", "type": 4},
+ {"id": "n-cert-pem", "type": 6, "min_length": 1, "max_length": 16384},
+ {"id": "n-cert-key", "type": 6, "min_length": 1, "max_length": 16384},
+ {"id": "n-cert-cn", "type": 4}
+])";
+
+struct network_appliance {
+    log_capture log;
+    context_handle h;
+    cfg_element *root = nullptr, *system = nullptr, *network = nullptr, *conns = nullptr,
+                *conn1 = nullptr, *conn2 = nullptr, *users = nullptr, *user1 = nullptr,
+                *user2 = nullptr, *certs = nullptr, *cert1 = nullptr;
+
+    network_appliance()
+    {
+        load_schema();
+        build_tree();
+    }
+
+    cfg *ctx() const { return h.get(); }
+
+    // The member of map under key, or null.
+    cfg_element *member(cfg_element *map, const char *key) const
+    {
+        const char *uuid = cfg_get_mapelem(map, key);
+        return uuid != nullptr ? cfg_find_by_id(ctx(), uuid) : nullptr;
+    }
+
+    // Every message on the stack, oldest first.
+    std::vector<std::string> messages() const
+    {
+        std::vector<std::string> texts;
+        for (int i = 0; i < cfg_message_count(ctx()); i++)
+            texts.emplace_back(cfg_get_message_string(cfg_get_message_object(ctx(), i)));
+        return texts;
+    }
+
+    void clear_messages() const { cfg_free_message_stack(ctx()); }
+
+    // Clears every element's flags, as a commit would.
+    void clear_flags() const
+    {
+        for (cfg_index_entry *e = ctx()->elements; e != nullptr;
+             e = static_cast<cfg_index_entry *>(e->hh.next))
+            e->element->flags = 0;
+    }
+
+    cfg_element *load_string(cfg_element *map, const char *key, const char *uuid,
+                             const char *text) const
+    {
+        cfg_element *s = cfg_load_string(ctx(), uuid, text);
+        cfg_add_mapelem(ctx(), map, key, s);
+        return s;
+    }
+    cfg_element *load_int(cfg_element *map, const char *key, const char *uuid, int value) const
+    {
+        cfg_element *i = cfg_load_int(ctx(), uuid, value);
+        cfg_add_mapelem(ctx(), map, key, i);
+        return i;
+    }
+
+  private:
+    void load_schema()
+    {
+        cfg *c = ctx();
+        json_handle nodes = parse_json(network_appliance_schema);
+        ASSERT_NE(nodes, nullptr);
+        size_t i;
+        json_t *value;
+        json_array_foreach(nodes.get(), i, value)
+        {
+            cfg_schema_element *elem = json_to_schema_elem(c, value);
+            ASSERT_NE(elem, nullptr) << i;
+            elem->flags = 0;
+        }
+        c->schema->root = cfg_get_schema_node(c, "n-root");
+        cfg_add_type(c, "connection", "n-connection");
+        cfg_add_type(c, "user", "n-user");
+        cfg_add_type(c, "certificate", "n-cert");
+    }
+
+    cfg_element *load_map(cfg_element *parent, const char *key, const char *uuid)
+    {
+        cfg_element *map = cfg_load_map(ctx(), uuid);
+        cfg_add_mapelem(ctx(), parent, key, map);
+        return map;
+    }
+    cfg_element *load_list(cfg_element *parent, const char *key, const char *uuid)
+    {
+        cfg_element *list = cfg_load_list(ctx(), uuid);
+        cfg_add_mapelem(ctx(), parent, key, list);
+        return list;
+    }
+    cfg_element *load_item(cfg_element *list, const char *uuid)
+    {
+        cfg_element *map = cfg_load_map(ctx(), uuid);
+        cfg_add_listelem(ctx(), list, map);
+        return map;
+    }
+    void load_blob(cfg_element *map, const char *key, const char *uuid, const std::string &text)
+    {
+        cfg_add_mapelem(ctx(), map, key, cfg_load_blob(ctx(), uuid, text.data(), text.size()));
+    }
+
+    void build_tree()
+    {
+        const test_material &m = material();
+        root = cfg_load_map(ctx(), "root-1");
+        system = load_map(root, "system", "sys-1");
+        network = load_map(root, "network", "net-1");
+        conns = load_list(network, "conns", "conns-1");
+        users = load_list(root, "users", "users-1");
+        certs = load_list(root, "certificates", "certs-1");
+
+        cert1 = load_item(certs, "cert-1");
+        load_string(cert1, "name", "cert-name-1", "web");
+        load_blob(cert1, "certificate", "cert-pem-1", m.certificate);
+        load_blob(cert1, "key", "cert-key-1", m.key);
+        load_string(cert1, "common_name", "cert-cn-1", "device.example");
+
+        load_string(system, "hostname", "host-1", "gateway");
+        load_string(system, "motd", "motd-1", "Authorised use only");
+        cfg_add_mapelem(ctx(), system, "web_certificate",
+                        cfg_load_reference(ctx(), "webcert-1", "cert-1"));
+
+        conn1 = load_item(conns, "conn-1");
+        load_string(conn1, "name", "conn-name-1", "wan");
+        load_string(conn1, "mode", "conn-mode-1", "dhcp");
+        conn2 = load_item(conns, "conn-2");
+        load_string(conn2, "name", "conn-name-2", "lan");
+        load_string(conn2, "mode", "conn-mode-2", "static");
+        load_int(conn2, "mtu", "conn-mtu-2", 1500);
+        load_string(conn2, "address", "conn-address-2", "192.168.1.1");
+        load_int(conn2, "netmask", "conn-netmask-2", 24);
+
+        user1 = load_item(users, "user-1");
+        load_string(user1, "name", "user-name-1", "admin");
+        load_string(user1, "role", "user-role-1", "admin");
+        load_int(user1, "uid", "user-uid-1", 1000);
+        user2 = load_item(users, "user-2");
+        load_string(user2, "name", "user-name-2", "operator");
+        load_string(user2, "role", "user-role-2", "operator");
+        load_int(user2, "uid", "user-uid-2", 1001);
+    }
+};
+
+} // namespace zrtest

@@ -1,0 +1,375 @@
+// Node validation: the appliance tree validated in full, every type rule with
+// its exact message, defaults, conditionals and custom validators.
+#include "network_appliance.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <string>
+#include <vector>
+
+using zrtest::network_appliance;
+using texts = std::vector<std::string>;
+
+namespace {
+
+struct vctx_handle {
+    validation_context *v = static_cast<validation_context *>(calloc(1, sizeof *v));
+    ~vctx_handle() { free_context(v); }
+};
+
+std::string string_of(cfg_element *element)
+{
+    char *text = nullptr;
+    if (!cfg_string_value(element, &text))
+        return "(none)";
+    std::string out = text;
+    free(text);
+    return out;
+}
+
+int int_of(cfg_element *element)
+{
+    int value = -1;
+    cfg_int_value(element, &value);
+    return value;
+}
+
+} // namespace
+
+TEST(FullValidation, ApplianceGainsDefaultsAndSchemaBindings)
+{
+    network_appliance a;
+    cfg *c = a.ctx();
+    int before = HASH_COUNT(c->elements);
+    ASSERT_EQ(cfg_validate_data(c), 1) << testing::PrintToString(a.messages());
+    EXPECT_TRUE(a.messages().empty());
+
+    // Required members with defaults were created, flagged new: loglevel and
+    // timezone of the system, conn-1's mtu. conn-2 had all of its own.
+    EXPECT_EQ(HASH_COUNT(c->elements), before + 3);
+    cfg_element *loglevel = a.member(a.system, "loglevel");
+    ASSERT_NE(loglevel, nullptr);
+    EXPECT_EQ(int_of(loglevel), 6);
+    EXPECT_TRUE(cfg_element_is_new(loglevel));
+    EXPECT_EQ(string_of(a.member(a.system, "timezone")), "UTC");
+    EXPECT_EQ(int_of(a.member(a.conn1, "mtu")), 1500);
+    EXPECT_TRUE(cfg_element_is_changed(a.system));
+
+    // Every element is bound to the schema element that validated it.
+    EXPECT_STREQ(a.root->schema, "n-root");
+    EXPECT_STREQ(a.conn2->schema, "n-connection");
+    EXPECT_STREQ(a.member(a.conn2, "address")->schema, "n-conn-address");
+    EXPECT_STREQ(a.member(a.cert1, "key")->schema, "n-cert-key");
+
+    // A second run finds nothing to add.
+    EXPECT_EQ(cfg_validate_data(c), 1);
+    EXPECT_EQ(HASH_COUNT(c->elements), before + 3);
+}
+
+TEST(FullValidation, EditsYieldExactlyOneMessage)
+{
+    const zrtest::test_material &m = zrtest::material();
+    ASSERT_TRUE(m.complete);
+    struct edit_case {
+        const char *name;
+        std::function<void(network_appliance &)> edit;
+        texts expected;
+    };
+    auto set_string = [](network_appliance &a, cfg_element *map, const char *key,
+                         const char *text) { cfg_set_string(a.ctx(), a.member(map, key), text); };
+    const std::vector<edit_case> cases = {
+        {"uid outside range",
+         [](network_appliance &a) { cfg_set_int(a.ctx(), a.member(a.user2, "uid"), 70000); },
+         {"Number is outside the allowed range of 1000-60000."}},
+        {"hostname format",
+         [&](network_appliance &a) { set_string(a, a.system, "hostname", "Gateway"); },
+         {"String did not conform to the expected format."}},
+        {"mode not allowed",
+         [&](network_appliance &a) { set_string(a, a.conn1, "mode", "pppoe"); },
+         {"'pppoe' is not in the list of allowed values"}},
+        {"static branch turns address required",
+         [&](network_appliance &a) { set_string(a, a.conn1, "mode", "static"); },
+         {"Required field 'address' is not present"}},
+        {"address validator",
+         [&](network_appliance &a) { set_string(a, a.conn2, "address", "300.1.1.1"); },
+         {"'300.1.1.1' is not a valid network address"}},
+        {"duplicate user names",
+         [&](network_appliance &a) { set_string(a, a.user2, "name", "admin"); },
+         {"Duplicate 'name' fields with value 'admin'"}},
+        {"certificate with a foreign key",
+         [&](network_appliance &a) {
+             cfg_set_blob(a.ctx(), a.member(a.cert1, "key"), m.other_key.data(),
+                          m.other_key.size());
+         },
+         {"Certificate / Key combination failed validation"}},
+        {"proxy branch without a default",
+         [](network_appliance &a) { a.load_string(a.system, "proxy_mode", "proxy-1", "http"); },
+         {"Required field 'proxy_port' is not present"}},
+        {"deprecated member is left alone",
+         [](network_appliance &a) { a.load_int(a.system, "legacy_port", "legacy-1", 99); },
+         {}},
+        {"unknown members, one message each",
+         [](network_appliance &a) {
+             a.load_string(a.system, "colour", "colour-1", "blue");
+             a.load_string(a.conn2, "vlan", "vlan-2", "7");
+             cfg_load_int(a.ctx(), "orphan-1", 3);
+         },
+         {"Element [colour-1] with name 'colour' does not match any schema element",
+          "Element [vlan-2] with name 'vlan' does not match any schema element",
+          "Element [orphan-1] with name '[unknown]' does not match any schema element"}},
+    };
+    for (const edit_case &ec : cases) {
+        network_appliance a;
+        ec.edit(a);
+        EXPECT_EQ(cfg_validate_data(a.ctx()), ec.expected.empty() ? 1 : 0) << ec.name;
+        EXPECT_EQ(a.messages(), ec.expected) << ec.name;
+    }
+}
+
+TEST(FullValidation, SubtreeNeedsAKnownBinding)
+{
+    network_appliance a;
+    EXPECT_EQ(cfg_validate_subtree(a.ctx(), a.conn1), 0); // not bound yet
+    EXPECT_TRUE(a.messages().empty());
+    strcpy(a.conn1->schema, "n-connection");
+    EXPECT_EQ(cfg_validate_subtree(a.ctx(), a.conn1), 1);
+    EXPECT_EQ(int_of(a.member(a.conn1, "mtu")), 1500);
+    // Leftovers are not the subtree's business.
+    a.load_string(a.conn1, "vlan", "vlan-1", "7");
+    EXPECT_EQ(cfg_validate_subtree(a.ctx(), a.conn1), 1);
+    EXPECT_TRUE(a.messages().empty());
+}
+
+// ---- Type rules, one schema element at a time ----
+
+namespace {
+
+// A context with a local lookup, log capture and a fresh validation context.
+struct rule_bench {
+    zrtest::log_capture log;
+    zrtest::context_handle h;
+    vctx_handle vctx;
+
+    cfg *ctx() const { return h.get(); }
+    // Validates element against schema; the messages pushed, oldest first.
+    texts check(cfg_element *element, cfg_schema_element *schema, int expected)
+    {
+        cfg_free_message_stack(ctx());
+        EXPECT_EQ(cfg_validate_node(vctx.v, ctx(), element, schema), expected);
+        texts out;
+        for (int i = 0; i < cfg_message_count(ctx()); i++)
+            out.emplace_back(cfg_get_message_string(cfg_get_message_object(ctx(), i)));
+        return out;
+    }
+};
+
+} // namespace
+
+TEST(TypeRules, IntBoundsAndAllowedValues)
+{
+    rule_bench b;
+    struct int_case {
+        int has_min, min, has_max, max, value;
+        texts expected;
+    };
+    const std::vector<int_case> cases = {
+        {1, 1, 1, 10, 0, {"Number is outside the allowed range of 1-10."}},
+        {1, 1, 1, 10, 11, {"Number is outside the allowed range of 1-10."}},
+        {1, 1, 1, 10, 10, {}},
+        {1, 1, 1, 10, 1, {}},
+        {0, 0, 1, 10, 11, {"Number exceeds the maximum allowed value of 10"}},
+        {1, -5, 0, 0, -6, {"Number is below the minimum allowed value of -5"}},
+        {0, 0, 0, 0, -2147483647 - 1, {}},
+    };
+    for (const int_case &ic : cases) {
+        cfg_schema_element *s = cfg_init_schema_int(b.ctx(), nullptr, ic.has_max, ic.max,
+                                                    ic.has_min, ic.min, 0, 0);
+        cfg_element *e = cfg_new_int(b.ctx(), ic.value);
+        EXPECT_EQ(b.check(e, s, ic.expected.empty()), ic.expected) << ic.value;
+    }
+    bool logged = false;
+    for (const zrtest::log_line &l : b.log.lines)
+        logged |= l.priority == 7 && l.file == "src/validation" && l.func == "cfg_validate_int" &&
+                  l.message.find(" as int\n") != std::string::npos;
+    EXPECT_TRUE(logged);
+    // Allowed values come first; the bounds still apply to an allowed value.
+    cfg_schema_element *s = cfg_init_schema_int(b.ctx(), nullptr, 1, 10, 1, 1, 0, 0);
+    cfg_add_schema_int_allowed(b.ctx(), s, 5);
+    cfg_add_schema_int_allowed(b.ctx(), s, 20);
+    EXPECT_EQ(b.check(cfg_new_int(b.ctx(), 5), s, 1), texts{});
+    EXPECT_EQ(b.check(cfg_new_int(b.ctx(), 7), s, 0),
+              texts{"Number is not in the list of allowed values"});
+    EXPECT_EQ(b.check(cfg_new_int(b.ctx(), 20), s, 0),
+              texts{"Number is outside the allowed range of 1-10."});
+}
+
+TEST(TypeRules, FloatReportsEachBoundOnItsOwn)
+{
+    rule_bench b;
+    cfg_schema_element *s = cfg_init_schema_float(b.ctx(), nullptr, 1, 1, 0, 2.5, 0.5, 0);
+    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 3.0), s, 0),
+              texts{"Number exceeds the maximum allowed value of 2.500000"});
+    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 0.25), s, 0),
+              texts{"Number is below the minimum allowed value of 0.500000"});
+    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 2.5), s, 1), texts{});
+    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), std::nan("")), s, 1), texts{});
+    cfg_add_schema_float_allowed(b.ctx(), s, 1.5);
+    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 1.25), s, 0),
+              texts{"Number is not in the list of allowed values"});
+    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 1.5), s, 1), texts{});
+}
+
+TEST(TypeRules, StringAllowedThenLengthThenPattern)
+{
+    rule_bench b;
+    cfg *c = b.ctx();
+    cfg_schema_element *sized = cfg_init_schema_string(c, nullptr, 1, 4, 1, 2, nullptr, nullptr);
+    cfg_add_schema_string_allowed(c, sized, "toolong");
+    cfg_add_schema_string_allowed(c, sized, "ok");
+    EXPECT_EQ(b.check(cfg_new_string(c, "nope"), sized, 0),
+              texts{"'nope' is not in the list of allowed values"});
+    EXPECT_EQ(b.check(cfg_new_string(c, "toolong"), sized, 0),
+              texts{"Element exceeds the maximum allowed length of 4 characters"});
+    EXPECT_EQ(b.check(cfg_new_string(c, "ok"), sized, 1), texts{});
+    cfg_schema_element *minimum = cfg_init_schema_string(c, nullptr, 0, 0, 1, 2, nullptr, nullptr);
+    EXPECT_EQ(b.check(cfg_new_string(c, "x"), minimum, 0),
+              texts{"Element is below the minimum allowed length of 2 character(s)"});
+
+    // Patterns match anywhere unless they anchor themselves.
+    cfg_schema_element *digits = cfg_init_schema_string(c, nullptr, 0, 0, 0, 0, nullptr, "[0-9]+");
+    cfg_schema_element *anchored =
+        cfg_init_schema_string(c, nullptr, 0, 0, 0, 0, nullptr, "^[0-9]+$");
+    EXPECT_EQ(b.check(cfg_new_string(c, "a1b"), digits, 1), texts{});
+    EXPECT_EQ(b.check(cfg_new_string(c, "a1b"), anchored, 0),
+              texts{"String did not conform to the expected format."});
+    EXPECT_EQ(b.check(cfg_new_string(c, "Abc"), digits, 0),
+              texts{"String did not conform to the expected format."});
+    EXPECT_EQ(b.check(cfg_new_string(c, "42"), anchored, 1), texts{});
+    // One compiled pattern per text, kept by the schema; a broken pattern
+    // rejects silently and is not kept.
+    EXPECT_EQ(HASH_COUNT(c->schema->regex_cache), 2u);
+    cfg_schema_element *broken = cfg_init_schema_string(c, nullptr, 0, 0, 0, 0, nullptr, "([0-9]");
+    EXPECT_EQ(b.check(cfg_new_string(c, "1"), broken, 0), texts{});
+    EXPECT_EQ(HASH_COUNT(c->schema->regex_cache), 2u);
+}
+
+TEST(TypeRules, BlobSizesReferencesAndWrongTypes)
+{
+    rule_bench b;
+    cfg *c = b.ctx();
+    cfg_schema_element *blob = cfg_init_schema_blob(c, nullptr, 1, 4, 1, 2);
+    EXPECT_EQ(b.check(cfg_new_blob(c, "abcde", 5), blob, 0),
+              texts{"Element exceeds the maximum allowed size of 4 characters"});
+    EXPECT_EQ(b.check(cfg_new_blob(c, "a", 1), blob, 0),
+              texts{"Element is below the minimum allowed size of 2 characters"});
+    EXPECT_EQ(b.check(cfg_new_blob(c, "ab", 2), blob, 1), texts{});
+    EXPECT_EQ(b.check(cfg_new_blob(c, "abcd", 4), blob, 1), texts{});
+
+    cfg_schema_element *ref = cfg_init_schema_reference(c, nullptr);
+    cfg_element *target = cfg_new_int(c, 1);
+    EXPECT_EQ(b.check(cfg_new_reference(c, target->uuid), ref, 1), texts{});
+    cfg_element *dangling = cfg_init_reference(c);
+    dangling->value.string_value = strdup("nowhere-1");
+    cfg_add_elem(c, dangling);
+    EXPECT_EQ(b.check(dangling, ref, 0), texts{"Invalid reference"});
+
+    cfg_element *text = cfg_new_string(c, "x");
+    EXPECT_EQ(b.check(text, blob, 0),
+              texts{"Element [" + std::string(text->uuid) + "] is of the wrong type"});
+    EXPECT_STREQ(text->schema, ""); // a wrong type binds nothing
+}
+
+TEST(TypeRules, ListsCountPendingItemsAndCheckItemTypes)
+{
+    rule_bench b;
+    cfg *c = b.ctx();
+    cfg_schema_element *two = cfg_init_schema_list(c, nullptr, 1, 2, 1, 1, 1, CFG_TYPE_INT, nullptr);
+    cfg_element *list = cfg_new_list(c);
+    EXPECT_EQ(b.check(list, two, 0),
+              texts{"List has fewer than the minimum allowable size of 1 items"});
+    cfg_add_listelem(c, list, cfg_new_int(c, 1));
+    cfg_add_listelem(c, list, cfg_new_int(c, 2));
+    EXPECT_EQ(b.check(list, two, 1), texts{});
+    cfg_element *pending = cfg_new_string(c, "3");
+    cfg_append_future_listelem(c, list, pending);
+    EXPECT_EQ(b.check(list, two, 0),
+              texts{"List has more than the maximum allowable size of 2 items"});
+    cfg_schema_element *ints = cfg_init_schema_list(c, nullptr, 0, 0, 0, 0, 1, CFG_TYPE_INT, nullptr);
+    EXPECT_EQ(b.check(list, ints, 0), texts{"List element is of the wrong type"});
+
+    // A named item type that does not resolve fails without a message.
+    cfg_schema_element *named = cfg_init_schema_list(c, nullptr, 0, 0, 0, 0, 2, 0, "missing");
+    EXPECT_EQ(b.check(list, named, 0), texts{});
+}
+
+TEST(TypeRules, MapKeysOptionalBeforeRequiredAndConditionals)
+{
+    rule_bench b;
+    cfg *c = b.ctx();
+    cfg_schema_element *map = cfg_init_schema_map(c, nullptr);
+    cfg_add_schema_mapelem(c, map, 0, "port", cfg_init_schema_int(c, nullptr, 0, 0, 0, 0, 0, 0));
+    cfg_add_schema_mapelem(c, map, 1, "note",
+                           cfg_init_schema_string(c, nullptr, 1, 2, 0, 0, nullptr, nullptr));
+    cfg_element *m = cfg_new_map(c);
+    cfg_map_set_string(c, m, "note", "long");
+    // The optional key is looked at first, so its failure is the one shown.
+    EXPECT_EQ(b.check(m, map, 0),
+              texts{"Element exceeds the maximum allowed length of 2 characters"});
+    cfg_map_set_string(c, m, "note", "ok");
+    EXPECT_EQ(b.check(m, map, 0), texts{"Required field 'port' is not present"});
+
+    // A conditional that holds adds its keys; its id must resolve.
+    cfg_schema_value v{};
+    v.string_value = const_cast<char *>("ok");
+    cfg_schema_element *cond = cfg_init_schema_if(c, nullptr, ".note", 2, 3, v, 0);
+    cfg_add_schema_map_conditionalelem(c, map, cond);
+    cfg_load_schema_mapid(cond, 0, "extra",
+                          cfg_init_schema_bool(c, "extra-schema", 1, 1)->uuid);
+    cfg_map_set_int(c, m, "port", 22);
+    EXPECT_EQ(b.check(m, map, 1), texts{});
+    EXPECT_NE(cfg_get_mapelem(m, "extra"), nullptr); // created from its default
+    cfg_load_schema_mapconditional(map, "no-such-if");
+    EXPECT_EQ(b.check(m, map, 0), texts{});
+}
+
+TEST(TypeRules, CustomValidatorsRunAfterTheTypeCheck)
+{
+    rule_bench b;
+    cfg *c = b.ctx();
+    auto with_validator = [&](cfg_schema_element *s, const char *name, const char *path) {
+        cfg_schema_validator *v = cfg_init_schema_validator(c, name);
+        cfg_validator_add_param(v, "name");
+        cfg_validator_add_path(v, path);
+        cfg_schema_add_validator(s, v);
+        return s;
+    };
+    cfg_element *root = cfg_new_map_with_id(c, "root-1");
+    cfg_element *list = cfg_new_list(c);
+    cfg_add_mapelem(c, root, "names", list);
+    cfg_add_listelem(c, list, cfg_new_string(c, "a"));
+    cfg_add_listelem(c, list, cfg_new_string(c, "a"));
+
+    // A failing type check stops before any validator, triggers included.
+    cfg_schema_element *short_list =
+        with_validator(cfg_init_schema_list(c, nullptr, 1, 1, 0, 0, 1, CFG_TYPE_STRING, nullptr),
+                       "uniqueness", "\\.x");
+    EXPECT_EQ(b.check(list, short_list, 0),
+              texts{"List has more than the maximum allowable size of 1 items"});
+    EXPECT_EQ(c->pattern_triggers, nullptr);
+
+    // A rejecting validator has its triggers registered all the same.
+    cfg_schema_element *unique = with_validator(
+        cfg_init_schema_list(c, nullptr, 0, 0, 0, 0, 1, CFG_TYPE_STRING, nullptr), "uniqueness",
+        "\\(\\d+\\)");
+    EXPECT_EQ(b.check(list, unique, 0), texts{"Duplicate 'name' fields with value 'a'"});
+    ASSERT_NE(c->pattern_triggers, nullptr);
+    EXPECT_STREQ(c->pattern_triggers->key, "names\\(\\d+\\)");
+    EXPECT_TRUE(b.log.has("Custom validator 'uniqueness' rejected input\n"));
+
+    // An unknown validator name fails with an error line and no message.
+    cfg_schema_element *unknown = with_validator(cfg_init_schema_bool(c, nullptr, 0, 0), "nope", "");
+    EXPECT_EQ(b.check(cfg_new_bool(c, 1), unknown, 0), texts{});
+    EXPECT_TRUE(b.log.has("No validator named 'nope'\n"));
+}
