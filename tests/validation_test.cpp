@@ -1,6 +1,7 @@
 // Node validation: the appliance tree validated in full, every type rule with
 // its exact message, defaults, conditionals and custom validators.
 #include "network_appliance.h"
+#include "string_value.h"
 
 #include <gtest/gtest.h>
 
@@ -10,6 +11,7 @@
 #include <vector>
 
 using zrtest::network_appliance;
+using zrtest::string_of;
 using texts = std::vector<std::string>;
 
 namespace {
@@ -18,16 +20,6 @@ struct vctx_handle {
     validation_context *v = static_cast<validation_context *>(calloc(1, sizeof *v));
     ~vctx_handle() { free_context(v); }
 };
-
-std::string string_of(cfg_element *element)
-{
-    char *text = nullptr;
-    if (!cfg_string_value(element, &text))
-        return "(none)";
-    std::string out = text;
-    free(text);
-    return out;
-}
 
 int int_of(cfg_element *element)
 {
@@ -163,6 +155,12 @@ struct rule_bench {
             out.emplace_back(cfg_get_message_string(cfg_get_message_object(ctx(), i)));
         return out;
     }
+    // Validates element against schema, expecting success exactly when no
+    // message is expected.
+    void expect(cfg_element *element, cfg_schema_element *schema, const texts &expected)
+    {
+        EXPECT_EQ(check(element, schema, expected.empty()), expected);
+    }
 };
 
 } // namespace
@@ -186,8 +184,8 @@ TEST(TypeRules, IntBoundsAndAllowedValues)
     for (const int_case &ic : cases) {
         cfg_schema_element *s = cfg_init_schema_int(b.ctx(), nullptr, ic.has_max, ic.max,
                                                     ic.has_min, ic.min, 0, 0);
-        cfg_element *e = cfg_new_int(b.ctx(), ic.value);
-        EXPECT_EQ(b.check(e, s, ic.expected.empty()), ic.expected) << ic.value;
+        SCOPED_TRACE(ic.value);
+        b.expect(cfg_new_int(b.ctx(), ic.value), s, ic.expected);
     }
     bool logged = false;
     for (const zrtest::log_line &l : b.log.lines)
@@ -198,27 +196,23 @@ TEST(TypeRules, IntBoundsAndAllowedValues)
     cfg_schema_element *s = cfg_init_schema_int(b.ctx(), nullptr, 1, 10, 1, 1, 0, 0);
     cfg_add_schema_int_allowed(b.ctx(), s, 5);
     cfg_add_schema_int_allowed(b.ctx(), s, 20);
-    EXPECT_EQ(b.check(cfg_new_int(b.ctx(), 5), s, 1), texts{});
-    EXPECT_EQ(b.check(cfg_new_int(b.ctx(), 7), s, 0),
-              texts{"Number is not in the list of allowed values"});
-    EXPECT_EQ(b.check(cfg_new_int(b.ctx(), 20), s, 0),
-              texts{"Number is outside the allowed range of 1-10."});
+    b.expect(cfg_new_int(b.ctx(), 5), s, {});
+    b.expect(cfg_new_int(b.ctx(), 7), s, {"Number is not in the list of allowed values"});
+    b.expect(cfg_new_int(b.ctx(), 20), s, {"Number is outside the allowed range of 1-10."});
 }
 
 TEST(TypeRules, FloatReportsEachBoundOnItsOwn)
 {
     rule_bench b;
-    cfg_schema_element *s = cfg_init_schema_float(b.ctx(), nullptr, 1, 1, 0, 2.5, 0.5, 0);
-    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 3.0), s, 0),
-              texts{"Number exceeds the maximum allowed value of 2.500000"});
-    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 0.25), s, 0),
-              texts{"Number is below the minimum allowed value of 0.500000"});
-    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 2.5), s, 1), texts{});
-    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), std::nan("")), s, 1), texts{});
-    cfg_add_schema_float_allowed(b.ctx(), s, 1.5);
-    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 1.25), s, 0),
-              texts{"Number is not in the list of allowed values"});
-    EXPECT_EQ(b.check(cfg_new_float(b.ctx(), 1.5), s, 1), texts{});
+    cfg *c = b.ctx();
+    cfg_schema_element *s = cfg_init_schema_float(c, nullptr, 1, 1, 0, 2.5, 0.5, 0);
+    b.expect(cfg_new_float(c, 3.0), s, {"Number exceeds the maximum allowed value of 2.500000"});
+    b.expect(cfg_new_float(c, 0.25), s, {"Number is below the minimum allowed value of 0.500000"});
+    b.expect(cfg_new_float(c, 2.5), s, {});
+    b.expect(cfg_new_float(c, std::nan("")), s, {});
+    cfg_add_schema_float_allowed(c, s, 1.5);
+    b.expect(cfg_new_float(c, 1.25), s, {"Number is not in the list of allowed values"});
+    b.expect(cfg_new_float(c, 1.5), s, {});
 }
 
 TEST(TypeRules, StringAllowedThenLengthThenPattern)
@@ -228,25 +222,23 @@ TEST(TypeRules, StringAllowedThenLengthThenPattern)
     cfg_schema_element *sized = cfg_init_schema_string(c, nullptr, 1, 4, 1, 2, nullptr, nullptr);
     cfg_add_schema_string_allowed(c, sized, "toolong");
     cfg_add_schema_string_allowed(c, sized, "ok");
-    EXPECT_EQ(b.check(cfg_new_string(c, "nope"), sized, 0),
-              texts{"'nope' is not in the list of allowed values"});
-    EXPECT_EQ(b.check(cfg_new_string(c, "toolong"), sized, 0),
-              texts{"Element exceeds the maximum allowed length of 4 characters"});
-    EXPECT_EQ(b.check(cfg_new_string(c, "ok"), sized, 1), texts{});
+    b.expect(cfg_new_string(c, "nope"), sized, {"'nope' is not in the list of allowed values"});
+    b.expect(cfg_new_string(c, "toolong"), sized,
+             {"Element exceeds the maximum allowed length of 4 characters"});
+    b.expect(cfg_new_string(c, "ok"), sized, {});
     cfg_schema_element *minimum = cfg_init_schema_string(c, nullptr, 0, 0, 1, 2, nullptr, nullptr);
-    EXPECT_EQ(b.check(cfg_new_string(c, "x"), minimum, 0),
-              texts{"Element is below the minimum allowed length of 2 character(s)"});
+    b.expect(cfg_new_string(c, "x"), minimum,
+             {"Element is below the minimum allowed length of 2 character(s)"});
 
     // Patterns match anywhere unless they anchor themselves.
     cfg_schema_element *digits = cfg_init_schema_string(c, nullptr, 0, 0, 0, 0, nullptr, "[0-9]+");
     cfg_schema_element *anchored =
         cfg_init_schema_string(c, nullptr, 0, 0, 0, 0, nullptr, "^[0-9]+$");
-    EXPECT_EQ(b.check(cfg_new_string(c, "a1b"), digits, 1), texts{});
-    EXPECT_EQ(b.check(cfg_new_string(c, "a1b"), anchored, 0),
-              texts{"String did not conform to the expected format."});
-    EXPECT_EQ(b.check(cfg_new_string(c, "Abc"), digits, 0),
-              texts{"String did not conform to the expected format."});
-    EXPECT_EQ(b.check(cfg_new_string(c, "42"), anchored, 1), texts{});
+    b.expect(cfg_new_string(c, "a1b"), digits, {});
+    b.expect(cfg_new_string(c, "a1b"), anchored,
+             {"String did not conform to the expected format."});
+    b.expect(cfg_new_string(c, "Abc"), digits, {"String did not conform to the expected format."});
+    b.expect(cfg_new_string(c, "42"), anchored, {});
     // One compiled pattern per text, kept by the schema; a broken pattern
     // rejects silently and is not kept.
     EXPECT_EQ(HASH_COUNT(c->schema->regex_cache), 2u);
@@ -260,24 +252,23 @@ TEST(TypeRules, BlobSizesReferencesAndWrongTypes)
     rule_bench b;
     cfg *c = b.ctx();
     cfg_schema_element *blob = cfg_init_schema_blob(c, nullptr, 1, 4, 1, 2);
-    EXPECT_EQ(b.check(cfg_new_blob(c, "abcde", 5), blob, 0),
-              texts{"Element exceeds the maximum allowed size of 4 characters"});
-    EXPECT_EQ(b.check(cfg_new_blob(c, "a", 1), blob, 0),
-              texts{"Element is below the minimum allowed size of 2 characters"});
-    EXPECT_EQ(b.check(cfg_new_blob(c, "ab", 2), blob, 1), texts{});
-    EXPECT_EQ(b.check(cfg_new_blob(c, "abcd", 4), blob, 1), texts{});
+    b.expect(cfg_new_blob(c, "abcde", 5), blob,
+             {"Element exceeds the maximum allowed size of 4 characters"});
+    b.expect(cfg_new_blob(c, "a", 1), blob,
+             {"Element is below the minimum allowed size of 2 characters"});
+    b.expect(cfg_new_blob(c, "ab", 2), blob, {});
+    b.expect(cfg_new_blob(c, "abcd", 4), blob, {});
 
     cfg_schema_element *ref = cfg_init_schema_reference(c, nullptr);
     cfg_element *target = cfg_new_int(c, 1);
-    EXPECT_EQ(b.check(cfg_new_reference(c, target->uuid), ref, 1), texts{});
+    b.expect(cfg_new_reference(c, target->uuid), ref, {});
     cfg_element *dangling = cfg_init_reference(c);
     dangling->value.string_value = strdup("nowhere-1");
     cfg_add_elem(c, dangling);
-    EXPECT_EQ(b.check(dangling, ref, 0), texts{"Invalid reference"});
+    b.expect(dangling, ref, {"Invalid reference"});
 
     cfg_element *text = cfg_new_string(c, "x");
-    EXPECT_EQ(b.check(text, blob, 0),
-              texts{"Element [" + std::string(text->uuid) + "] is of the wrong type"});
+    b.expect(text, blob, {"Element [" + std::string(text->uuid) + "] is of the wrong type"});
     EXPECT_STREQ(text->schema, ""); // a wrong type binds nothing
 }
 
@@ -287,17 +278,14 @@ TEST(TypeRules, ListsCountPendingItemsAndCheckItemTypes)
     cfg *c = b.ctx();
     cfg_schema_element *two = cfg_init_schema_list(c, nullptr, 1, 2, 1, 1, 1, CFG_TYPE_INT, nullptr);
     cfg_element *list = cfg_new_list(c);
-    EXPECT_EQ(b.check(list, two, 0),
-              texts{"List has fewer than the minimum allowable size of 1 items"});
+    b.expect(list, two, {"List has fewer than the minimum allowable size of 1 items"});
     cfg_add_listelem(c, list, cfg_new_int(c, 1));
     cfg_add_listelem(c, list, cfg_new_int(c, 2));
-    EXPECT_EQ(b.check(list, two, 1), texts{});
-    cfg_element *pending = cfg_new_string(c, "3");
-    cfg_append_future_listelem(c, list, pending);
-    EXPECT_EQ(b.check(list, two, 0),
-              texts{"List has more than the maximum allowable size of 2 items"});
+    b.expect(list, two, {});
+    cfg_append_future_listelem(c, list, cfg_new_string(c, "3")); // pending
+    b.expect(list, two, {"List has more than the maximum allowable size of 2 items"});
     cfg_schema_element *ints = cfg_init_schema_list(c, nullptr, 0, 0, 0, 0, 1, CFG_TYPE_INT, nullptr);
-    EXPECT_EQ(b.check(list, ints, 0), texts{"List element is of the wrong type"});
+    b.expect(list, ints, {"List element is of the wrong type"});
 
     // A named item type that does not resolve fails without a message.
     cfg_schema_element *named = cfg_init_schema_list(c, nullptr, 0, 0, 0, 0, 2, 0, "missing");
@@ -315,10 +303,9 @@ TEST(TypeRules, MapKeysOptionalBeforeRequiredAndConditionals)
     cfg_element *m = cfg_new_map(c);
     cfg_map_set_string(c, m, "note", "long");
     // The optional key is looked at first, so its failure is the one shown.
-    EXPECT_EQ(b.check(m, map, 0),
-              texts{"Element exceeds the maximum allowed length of 2 characters"});
+    b.expect(m, map, {"Element exceeds the maximum allowed length of 2 characters"});
     cfg_map_set_string(c, m, "note", "ok");
-    EXPECT_EQ(b.check(m, map, 0), texts{"Required field 'port' is not present"});
+    b.expect(m, map, {"Required field 'port' is not present"});
 
     // A conditional that holds adds its keys; its id must resolve.
     cfg_schema_value v{};
@@ -328,7 +315,7 @@ TEST(TypeRules, MapKeysOptionalBeforeRequiredAndConditionals)
     cfg_load_schema_mapid(cond, 0, "extra",
                           cfg_init_schema_bool(c, "extra-schema", 1, 1)->uuid);
     cfg_map_set_int(c, m, "port", 22);
-    EXPECT_EQ(b.check(m, map, 1), texts{});
+    b.expect(m, map, {});
     EXPECT_NE(cfg_get_mapelem(m, "extra"), nullptr); // created from its default
     cfg_load_schema_mapconditional(map, "no-such-if");
     EXPECT_EQ(b.check(m, map, 0), texts{});
@@ -355,15 +342,14 @@ TEST(TypeRules, CustomValidatorsRunAfterTheTypeCheck)
     cfg_schema_element *short_list =
         with_validator(cfg_init_schema_list(c, nullptr, 1, 1, 0, 0, 1, CFG_TYPE_STRING, nullptr),
                        "uniqueness", "\\.x");
-    EXPECT_EQ(b.check(list, short_list, 0),
-              texts{"List has more than the maximum allowable size of 1 items"});
+    b.expect(list, short_list, {"List has more than the maximum allowable size of 1 items"});
     EXPECT_EQ(c->pattern_triggers, nullptr);
 
     // A rejecting validator has its triggers registered all the same.
     cfg_schema_element *unique = with_validator(
         cfg_init_schema_list(c, nullptr, 0, 0, 0, 0, 1, CFG_TYPE_STRING, nullptr), "uniqueness",
         "\\(\\d+\\)");
-    EXPECT_EQ(b.check(list, unique, 0), texts{"Duplicate 'name' fields with value 'a'"});
+    b.expect(list, unique, {"Duplicate 'name' fields with value 'a'"});
     ASSERT_NE(c->pattern_triggers, nullptr);
     EXPECT_STREQ(c->pattern_triggers->key, "names\\(\\d+\\)");
     EXPECT_TRUE(b.log.has("Custom validator 'uniqueness' rejected input\n"));
