@@ -65,23 +65,25 @@ TEST(CreateDefault, ScalarsNeedADefaultContainersAreAlwaysMade)
 {
     appliance a;
     cfg *c = a.ctx();
-    cfg_element *text = cfg_create_default(c, cfg_get_schema_by_id(c, "s-hostname"), "d-1");
+    auto create = [&](const char *schema, const char *uuid = nullptr) {
+        return cfg_create_default(c, cfg_get_schema_by_id(c, schema), uuid);
+    };
+    cfg_element *text = create("s-hostname", "d-1");
     ASSERT_NE(text, nullptr);
     EXPECT_EQ(cfg_find_by_id(c, "d-1"), text);
     EXPECT_STREQ(text->value.string_value, "appliance");
     EXPECT_EQ(text->flags, unsigned(CFG_FLAG_NEW));
-    EXPECT_EQ(int_of(cfg_create_default(c, cfg_get_schema_by_id(c, "s-mtu"), nullptr)), 1500);
-    EXPECT_EQ(cfg_create_default(c, cfg_get_schema_by_id(c, "s-timeout"), nullptr), nullptr);
-    EXPECT_EQ(cfg_create_default(c, cfg_get_schema_by_id(c, "s-if-name"), nullptr), nullptr);
-    EXPECT_EQ(cfg_create_default(c, cfg_get_schema_by_id(c, "s-ntp"), nullptr)->type,
-              unsigned(CFG_TYPE_LIST));
-    EXPECT_EQ(cfg_create_default(c, a.s_dns, nullptr)->type, unsigned(CFG_TYPE_MAP));
-    EXPECT_EQ(cfg_create_default(c, cfg_init_schema_blob(c, nullptr, 0, 0, 0, 0), nullptr),
-              nullptr);
-    EXPECT_EQ(cfg_create_default(c, cfg_get_schema_by_id(c, "s-if-dhcp"), nullptr), nullptr);
-    cfg_element *flag = cfg_create_default(c, cfg_get_schema_by_id(c, "s-if-enabled"), nullptr);
+    EXPECT_EQ(int_of(create("s-mtu")), 1500);
+    cfg_element *flag = create("s-if-enabled");
     ASSERT_NE(flag, nullptr);
     EXPECT_EQ(flag->value.int_value, 0);
+    EXPECT_EQ(create("s-ntp")->type, unsigned(CFG_TYPE_LIST));
+    EXPECT_EQ(create("s-dns")->type, unsigned(CFG_TYPE_MAP));
+    // No default, a blob, or a conditional: nothing is made.
+    for (const char *none : {"s-timeout", "s-if-name", "s-if-dhcp"})
+        EXPECT_EQ(create(none), nullptr) << none;
+    EXPECT_EQ(cfg_create_default(c, cfg_init_schema_blob(c, nullptr, 0, 0, 0, 0), nullptr),
+              nullptr);
 }
 
 TEST(PopulateDefaults, NormalModeFillsRequiredMembersAndHoldingConditionals)
@@ -105,7 +107,6 @@ TEST(PopulateDefaults, NormalModeFillsRequiredMembersAndHoldingConditionals)
     // Interfaces: current and pending items of the named type.
     EXPECT_EQ(int_of(a.member(a.if1, "lease")), 3600);
     EXPECT_EQ(a.member(a.if2, "lease"), nullptr);
-    EXPECT_EQ(a.member(a.if2, "mode"), nullptr);
     for (cfg_element *item : {a.if1, a.if2, a.if3}) {
         EXPECT_STREQ(item->schema, "s-interface");
         ASSERT_NE(a.member(item, "enabled"), nullptr) << item->uuid;
@@ -152,15 +153,9 @@ TEST(PopulateDefaults, DeterministicModeDerivesUuidsAndAgreesAcrossRuns)
     EXPECT_EQ(HASH_COUNT(a.ctx()->elements), before);
     EXPECT_EQ(cfg_link_list_length(a.system->value.map.members),
               cfg_link_list_length(b.system->value.map.members));
-}
 
-TEST(PopulateDefaults, DeterministicModeReplacesADeletedElementOfTheSameUuid)
-{
-    appliance a;
-    cfg_populate_defaults(a.ctx(), a.root, 1);
+    // A deleted default comes back under the same uuid, unflagged.
     cfg_map_delete_key(a.ctx(), a.dns, "cache");
-    EXPECT_EQ(a.member(a.dns, "cache"), nullptr);
-
     cfg_populate_defaults(a.ctx(), a.dns, 1);
     cfg_element *cache = a.member(a.dns, "cache");
     ASSERT_NE(cache, nullptr);
