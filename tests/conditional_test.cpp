@@ -22,13 +22,6 @@ struct if_case {
     cfg_schema_value value;
 };
 
-cfg_schema_value int_value(int v)
-{
-    cfg_schema_value value{};
-    value.int_value = v;
-    return value;
-}
-
 cfg_schema_value text_value(const char *v)
 {
     cfg_schema_value value{};
@@ -114,16 +107,16 @@ TEST(EvaluateIf, PathsClimbDescendOrStartAtTheRoot)
         if_case c;
         int expected;
     } cases[] = {
-        {a.dns, {"^mtu", GT, 2, int_value(1400)}, 1},
-        {a.dns, {"^mtu", LT, 2, int_value(1400)}, 0},
+        {a.dns, {"^mtu", GT, 2, {.int_value = 1400}}, 1},
+        {a.dns, {"^mtu", LT, 2, {.int_value = 1400}}, 0},
         {a.if1, {"^^system.hostname", NE, 3, text_value("appliance")}, 1},
         {a.if3, {"^^system.hostname", EQ, 3, text_value("box")}, 1},
         {a.if1, {".mode", EQ, 3, text_value("dhcp")}, 1},
         {a.if2, {".mode", EQ, 3, text_value("dhcp")}, 0},
         {a.if2, {".mode", NE, 3, text_value("dhcp")}, 1},
-        {a.root, {"system.mtu", GE, 2, int_value(9000)}, 1},
-        {a.root, {"services.ssh.port", EQ, 2, int_value(22)}, 0},
-        {a.dns, {"^", EQ, 2, int_value(0)}, 0}, // the system map is no int
+        {a.root, {"system.mtu", GE, 2, {.int_value = 9000}}, 1},
+        {a.root, {"services.ssh.port", EQ, 2, {.int_value = 22}}, 0},
+        {a.dns, {"^", EQ, 2, {.int_value = 0}}, 0}, // the system map is no int
     };
     for (const auto &t : cases)
         EXPECT_EQ(evaluate(a, t.map, t.c), t.expected) << t.c.path << " on " << t.map->uuid;
@@ -133,8 +126,8 @@ TEST(EvaluateIf, PathsClimbDescendOrStartAtTheRoot)
 TEST(EvaluateIf, ClimbingAboveTheTopIsFalseAndRecordsNothing)
 {
     appliance a;
-    EXPECT_EQ(evaluate(a, a.root, {"^system", NE, 2, int_value(0)}), 0);
-    EXPECT_EQ(evaluate(a, a.if1, {"^^^x", NE, 2, int_value(0)}), 0);
+    EXPECT_EQ(evaluate(a, a.root, {"^system", NE, 2, {.int_value = 0}}), 0);
+    EXPECT_EQ(evaluate(a, a.if1, {"^^^x", NE, 2, {.int_value = 0}}), 0);
     EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
     EXPECT_EQ(a.ctx()->uuid_triggers, nullptr);
     EXPECT_EQ(a.ctx()->path_triggers, nullptr);
@@ -148,8 +141,8 @@ TEST(EvaluateIf, RecordsDependenciesByUuidOrByPathOnce)
     evaluate(a, a.if1, host);
     evaluate(a, a.if2, host);
     evaluate(a, a.if2, {".mode", EQ, 3, text_value("dhcp")});
-    evaluate(a, a.dns, {".enabled", EQ, 1, int_value(1)});
-    evaluate(a, a.root, {"services.ssh.port", EQ, 2, int_value(22)});
+    evaluate(a, a.dns, {".enabled", EQ, 1, {.int_value = 1}});
+    evaluate(a, a.root, {"services.ssh.port", EQ, 2, {.int_value = 22}});
 
     cfg_uuid_trigger *by_uuid = nullptr;
     HASH_FIND_STR(a.ctx()->uuid_triggers, "host-1", by_uuid);
@@ -178,7 +171,7 @@ TEST(EvaluateIf, UnknownValueTypesPushTheSchemaMessageAfterRecording)
     appliance a;
     // An exists condition stores no value type, so it takes this path too.
     EXPECT_EQ(evaluate(a, a.if1, {".name", EXISTS, 3, text_value("x")}), 0);
-    EXPECT_EQ(evaluate(a, a.if1, {".name", EQ, 7, int_value(0)}), 0);
+    EXPECT_EQ(evaluate(a, a.if1, {".name", EQ, 7, {.int_value = 0}}), 0);
     ASSERT_EQ(cfg_message_count(a.ctx()), 2);
     EXPECT_EQ(a.ctx()->messages[0]->code, 31);
     EXPECT_NE(a.ctx()->uuid_triggers, nullptr);

@@ -79,8 +79,7 @@ TEST(TriggerTables, FreeingEmptiesEveryTable)
 {
     appliance a;
     cfg_create_validator_triggers(a.ctx(), a.if1, validator(a.ctx(), {"\\.name"}));
-    cfg_schema_value v{};
-    v.int_value = 1;
+    cfg_schema_value v{.int_value = 1};
     EXPECT_TRUE(
         evaluate_if(a.ctx(), a.dns, cfg_init_schema_if(a.ctx(), nullptr, "^mtu", 4, 2, v, 0)));
     EXPECT_FALSE(
