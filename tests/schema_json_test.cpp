@@ -136,8 +136,8 @@ TEST(SchemaJson, ApplianceSchemaLoadsNavigatesAndWritesBack)
 }
 
 // Each element read and written back: the members of the expected object
-// show what was kept; a value of the wrong JSON type reads as absent (or, in
-// an allowed list, as zero).
+// show what was kept. A value of the wrong JSON type reads as absent; in an
+// allowed list it is skipped for strings and read as zero for numbers.
 TEST(SchemaJson, ValuesOfTheWrongJsonTypeAreIgnored)
 {
     context_handle h;
