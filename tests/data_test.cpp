@@ -41,93 +41,25 @@ TEST(Elements, ValuesAndAccessors)
 {
     context_handle h;
     cfg *ctx = h.get();
-    int b = -1, i = 0;
-    double f = 0;
-    char *text = nullptr;
+    int b = -1;
     cfg_element *flag = cfg_new_bool(ctx, 7);
     EXPECT_EQ(cfg_bool_value(flag, &b), 1);
     EXPECT_EQ(b, 7);
-    EXPECT_EQ(cfg_int_value(cfg_new_int(ctx, -4), &i), 1);
-    EXPECT_EQ(i, -4);
-    EXPECT_EQ(cfg_float_value(cfg_new_float(ctx, 2.25), &f), 1);
-    EXPECT_EQ(f, 2.25);
-    cfg_element *s = cfg_new_string(ctx, "hello");
-    ASSERT_EQ(cfg_string_value(s, &text), 1);
-    EXPECT_STREQ(text, "hello");
-    free(text);
+    EXPECT_EQ(flag->flags, unsigned(CFG_FLAG_NEW));
+    EXPECT_EQ(cfg_find_by_id(ctx, flag->uuid), flag);
     // Wrong type: 0 and the output untouched.
-    text = reinterpret_cast<char *>(0x1);
+    char *text = reinterpret_cast<char *>(0x1);
     EXPECT_EQ(cfg_string_value(flag, &text), 0);
     EXPECT_EQ(text, reinterpret_cast<char *>(0x1));
-    EXPECT_EQ(cfg_int_value(nullptr, &i), 0);
 
-    EXPECT_EQ(flag->flags, unsigned(CFG_FLAG_NEW));
-    EXPECT_EQ(flag->generation, 0);
-    EXPECT_EQ(strlen(flag->uuid), 36u);
-    EXPECT_EQ(cfg_find_by_id(ctx, flag->uuid), flag);
-
-    unsigned type = 0;
-    EXPECT_EQ(cfg_elem_type(s, &type), 1);
-    EXPECT_EQ(type, unsigned(CFG_TYPE_STRING));
-    EXPECT_EQ(cfg_elem_type(s, nullptr), 0);
-    char *uuid = nullptr;
-    EXPECT_EQ(cfg_elem_uuid(s, &uuid), 1);
-    EXPECT_STREQ(uuid, s->uuid);
-    free(uuid);
-}
-
-TEST(Elements, StringLimitsAndNulls)
-{
-    context_handle h;
-    std::string limit(0x1000000, 'x');
-    cfg_element *big = cfg_init_string(h.get(), limit.c_str());
-    ASSERT_NE(big, nullptr);
-    cfg_free_element(h.get(), big);
-    limit += 'x';
-    EXPECT_EQ(cfg_init_string(h.get(), limit.c_str()), nullptr);
-    EXPECT_EQ(cfg_new_string(h.get(), nullptr), nullptr);
-    EXPECT_EQ(h.get()->elements, nullptr);
-}
-
-TEST(Elements, BlobValueCopiesWithTerminator)
-{
-    context_handle h;
-    const unsigned char bytes[] = {1, 0, 255};
-    cfg_element *blob = cfg_new_blob(h.get(), bytes, sizeof bytes);
-    size_t size = 0;
-    EXPECT_EQ(cfg_blob_value(blob, nullptr, &size), 1);
-    EXPECT_EQ(size, 3u);
+    // A blob's copy carries a terminator past its size.
+    const unsigned char bytes[] = {1, 0, 255, 0};
     void *copy = nullptr;
-    ASSERT_EQ(cfg_blob_value(blob, &copy, &size), 1);
-    EXPECT_EQ(memcmp(copy, bytes, 3), 0);
-    EXPECT_EQ(static_cast<unsigned char *>(copy)[3], 0);
+    size_t size = 0;
+    ASSERT_EQ(cfg_blob_value(cfg_new_blob(ctx, bytes, 3), &copy, &size), 1);
+    EXPECT_EQ(size, 3u);
+    EXPECT_EQ(memcmp(copy, bytes, 4), 0);
     free(copy);
-    EXPECT_EQ(cfg_blob_value(cfg_new_string(h.get(), "x"), &copy, &size), 0);
-}
-
-TEST(Elements, DuplicateIdIsMadeButNotIndexed)
-{
-    context_handle h;
-    cfg_element *first = cfg_new_int_with_id(h.get(), 5, "x");
-    cfg_element *second = cfg_new_int_with_id(h.get(), 6, "x");
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(cfg_find_by_id(h.get(), "x"), first);
-    EXPECT_EQ(cfg_add_elem(h.get(), second), 0);
-    // Releasing the unindexed twin leaves the indexed one in place.
-    cfg_free_element(h.get(), second);
-    EXPECT_EQ(cfg_find_by_id(h.get(), "x"), first);
-}
-
-TEST(Elements, LoadReplacesLocalElement)
-{
-    context_handle h;
-    cfg_element *local = cfg_new_int_with_id(h.get(), 1, "x");
-    local->generation = 9;
-    cfg_element *loaded = cfg_load_int(h.get(), "x", 7);
-    EXPECT_EQ(cfg_find_by_id(h.get(), "x"), loaded);
-    EXPECT_EQ(loaded->flags, 0u);
-    EXPECT_EQ(loaded->generation, 0);
-    EXPECT_EQ(loaded->value.int_value, 7);
 }
 
 TEST(Replacement, CarriesIdentityParentsFlagsAndSchema)
@@ -152,7 +84,6 @@ TEST(Replacement, CarriesIdentityParentsFlagsAndSchema)
     EXPECT_EQ(index, 1u);
     EXPECT_STREQ(cfg_get_listelem(list, 1), "m1");
     EXPECT_EQ(cfg_set_string(ctx, fresh, nullptr), nullptr);
-    EXPECT_EQ(cfg_set_int(ctx, nullptr, 1), nullptr);
 }
 
 TEST(Replacement, ContainerMembersAreDeleted)
@@ -185,9 +116,6 @@ TEST(References, LinkMoveAndDuplicateOnReset)
     cfg *ctx = h.get();
     cfg_element *a = cfg_new_int_with_id(ctx, 1, "A");
     cfg_element *b = cfg_new_int_with_id(ctx, 2, "B");
-    EXPECT_EQ(cfg_new_reference(ctx, "missing"), nullptr);
-    EXPECT_EQ(HASH_COUNT(ctx->elements), 2u);
-
     cfg_element *ref = cfg_new_reference_with_id(ctx, "A", "R");
     ASSERT_NE(ref, nullptr);
     ASSERT_EQ(cfg_link_list_length(a->parents), 1);
@@ -198,10 +126,6 @@ TEST(References, LinkMoveAndDuplicateOnReset)
     ASSERT_NE(ref, nullptr);
     EXPECT_EQ(cfg_link_list_length(a->parents), 0);
     EXPECT_EQ(member_uuids(b->parents), (std::vector<std::string>{"R", "R"}));
-    char *target = nullptr;
-    EXPECT_EQ(cfg_reference_value(ref, &target), 1);
-    EXPECT_STREQ(target, "B");
-    free(target);
 
     // A missing target leaves the old record unindexed and with the caller.
     cfg_element *old = ref;
@@ -237,32 +161,6 @@ TEST(Lists, DeletingAMemberRenumbersTheRest)
     EXPECT_TRUE(list->flags & CFG_FLAG_CHANGED);
     EXPECT_STREQ(cfg_get_listelem(list, 1), "m2");
     EXPECT_EQ(cfg_get_listelem(list, 2), nullptr);
-    EXPECT_EQ(cfg_get_listelem(list, -1), nullptr);
-}
-
-// The position index kept beside each list agrees with the public links
-// after deletions and after nodes appended behind its back.
-TEST(Lists, PositionsStayTrueToTheLinks)
-{
-    context_handle h;
-    cfg *ctx = h.get();
-    cfg_element *list = make_list(ctx, "L", 40);
-    for (int i : {0, 17, 39, 5})
-        cfg_delete_element(ctx, cfg_find_by_id(ctx, ("m" + std::to_string(i)).c_str()));
-    cfg_parent_link *extra = static_cast<cfg_parent_link *>(calloc(1, sizeof(cfg_parent_link)));
-    strcpy(extra->uuid, "outside");
-    extra->type = CFG_TYPE_LIST;
-    cfg_add_link(&list->value.list.members, extra);
-    std::vector<std::string> links = member_uuids(list->value.list.members);
-    unsigned size = 0;
-    cfg_list_size(list, &size);
-    ASSERT_EQ(size, links.size());
-    for (unsigned i = 0; i < size; i++)
-        EXPECT_EQ(links[i], cfg_get_listelem(list, static_cast<int>(i))) << i;
-    for (unsigned i = 0; i + 1 < size; i++) {
-        cfg_element *member = cfg_find_by_id(ctx, links[i].c_str());
-        EXPECT_EQ(link_at(member->parents, 0)->index, i);
-    }
 }
 
 TEST(Lists, FutureMembers)
@@ -274,25 +172,19 @@ TEST(Lists, FutureMembers)
     ASSERT_NE(cfg_append_future_listelem(ctx, list, child), nullptr);
     EXPECT_EQ(list->flags, unsigned(CFG_FLAG_HAS_FUTURE));
     EXPECT_TRUE(child->flags & CFG_FLAG_FUTURE_CHILD);
-    EXPECT_EQ(child->parents, nullptr);
     EXPECT_EQ(cfg_list_contains(list, "F"), 1);
-    EXPECT_EQ(cfg_list_contains(list, "G"), 0);
     unsigned size = 9, index = 9;
     EXPECT_EQ(cfg_list_size(list, &size), 1);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(cfg_list_future_size(list, nullptr), 1);
+    EXPECT_EQ(size, 0u); // future members are not counted
     EXPECT_EQ(cfg_get_future_list_index(ctx, child, "L", &index), 1);
     EXPECT_EQ(index, 0u);
-    EXPECT_EQ(cfg_get_future_list_index(ctx, child, "other", &index), 0);
     EXPECT_EQ(cfg_get_parent_elem(ctx, child), list);
 
-    // Dropping the link leaves the child and the list's flag alone.
+    // Dropping the link leaves the child's and the list's flags alone.
     EXPECT_EQ(cfg_list_delete_future_at(ctx, list, 0), 1);
-    EXPECT_EQ(cfg_list_delete_future_at(ctx, list, 0), 0);
     EXPECT_EQ(list->value.list.future_members, nullptr);
     EXPECT_TRUE(list->flags & CFG_FLAG_HAS_FUTURE);
     EXPECT_TRUE(child->flags & CFG_FLAG_FUTURE_CHILD);
-    EXPECT_NE(child->future_parent, nullptr);
 }
 
 TEST(Maps, MembershipKeysAndSetters)
@@ -300,68 +192,37 @@ TEST(Maps, MembershipKeysAndSetters)
     context_handle h;
     cfg *ctx = h.get();
     cfg_element *map = cfg_load_map(ctx, "M");
-    char **keys = reinterpret_cast<char **>(0x1);
-    unsigned count = 9;
-    EXPECT_EQ(cfg_map_keys(map, &keys, &count), 1);
-    EXPECT_EQ(keys, nullptr);
-    EXPECT_EQ(count, 0u);
-
     cfg_element *first = cfg_load_int(ctx, "v1", 1);
     cfg_add_mapelem(ctx, map, "k", first);
     EXPECT_EQ(map->flags, 0u); // an unchanged child leaves the map alone
-    cfg_element *second = cfg_new_int_with_id(ctx, 2, "v2");
-    cfg_add_mapelem(ctx, map, "k", second);
+    cfg_add_mapelem(ctx, map, "k", cfg_new_int_with_id(ctx, 2, "v2"));
     EXPECT_TRUE(first->flags & CFG_FLAG_DELETED);
-    EXPECT_STREQ(cfg_get_mapelem(map, "k"), "v2");
     EXPECT_EQ(member_uuids(map->value.map.members), std::vector<std::string>{"v2"});
     EXPECT_TRUE(map->flags & CFG_FLAG_CHANGED);
-    char *key = nullptr;
-    EXPECT_EQ(cfg_get_map_key(ctx, second, &key), 1);
-    EXPECT_STREQ(key, "k");
-    free(key);
 
-    cfg_element *replaced = cfg_map_set_string(ctx, map, "k", "text");
-    EXPECT_STREQ(replaced->uuid, "v2");
+    // The setters replace under the same uuid; keys keep their first order.
+    EXPECT_STREQ(cfg_map_set_string(ctx, map, "k", "text")->uuid, "v2");
     cfg_map_set_bool(ctx, map, "b", 1);
-    cfg_map_set_float(ctx, map, "f", 0.5);
-    cfg_map_set_blob(ctx, map, "blob", "xy", 2);
     EXPECT_EQ(cfg_map_set_reference(ctx, map, "r", "nowhere"), nullptr);
+    char **keys = nullptr;
+    unsigned count = 0;
     ASSERT_EQ(cfg_map_keys(map, &keys, &count), 1);
-    ASSERT_EQ(count, 4u);
-    std::vector<std::string> names(keys, keys + count);
-    EXPECT_EQ(names, (std::vector<std::string>{"k", "b", "f", "blob"}));
+    EXPECT_EQ(std::vector<std::string>(keys, keys + count), (std::vector<std::string>{"k", "b"}));
     for (unsigned i = 0; i < count; i++)
         free(keys[i]);
     free(keys);
 
     char *text = nullptr;
-    int flag = 0;
-    void *data = reinterpret_cast<void *>(0x1);
-    size_t size = 9;
     EXPECT_EQ(cfg_map_get_string(ctx, map, "k", &text), 1);
     EXPECT_STREQ(text, "text");
     free(text);
-    EXPECT_EQ(cfg_map_get_bool(ctx, map, "b", &flag), 1);
-    EXPECT_EQ(flag, 1);
-    EXPECT_EQ(cfg_map_get_blob(ctx, map, "none", &data, &size), 0);
+    void *data = reinterpret_cast<void *>(0x1);
+    size_t size = 9;
+    EXPECT_EQ(cfg_map_get_blob(ctx, map, "none", &data, &size), 0); // outputs cleared
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(size, 0u);
-    EXPECT_EQ(cfg_map_get_reference(ctx, map, nullptr, &text), 0);
-    EXPECT_EQ(text, nullptr);
-
     EXPECT_EQ(cfg_map_delete_key(ctx, map, "b"), 1);
     EXPECT_EQ(cfg_get_mapelem(map, "b"), nullptr);
-}
-
-TEST(Maps, AddToNonMapAborts)
-{
-    EXPECT_DEATH(
-        {
-            context_handle h;
-            cfg_element *list = cfg_new_list(h.get());
-            cfg_add_mapelem(h.get(), list, "k", cfg_new_int(h.get(), 1));
-        },
-        "src/data: cfg_add_mapelem: Assertion `map_elem->type == 8' failed.");
 }
 
 TEST(Deletion, CascadesThroughReferencesAndFutureMembers)
@@ -463,16 +324,4 @@ TEST(Deletion, ReferenceCycleEnds)
     cfg_delete_element(ctx, a);
     EXPECT_TRUE(a->flags & CFG_FLAG_DELETED);
     EXPECT_TRUE(b->flags & CFG_FLAG_DELETED);
-}
-
-TEST(LinkLists, GenericOperations)
-{
-    cfg_link *head = nullptr;
-    for (int i = 0; i < 3; i++)
-        cfg_add_link(&head, calloc(1, sizeof(cfg_parent_link)));
-    EXPECT_EQ(cfg_link_list_length(head), 3);
-    void *data = nullptr;
-    EXPECT_EQ(cfg_link_list_get(head, 2, &data), 1);
-    EXPECT_EQ(cfg_link_list_get(head, 3, &data), 0);
-    cfg_link_list_free(head);
 }
