@@ -113,6 +113,16 @@ TEST(Uuid, FormWithBracesInPlaceOfFirstAndLastDigit)
     EXPECT_EQ(seen.size(), 20u);
 }
 
+TEST(Uuid, CopyIsBounded)
+{
+    std::string long_id(300, 'a');
+    char dst[CFG_UUID_SIZE + 1];
+    dst[CFG_UUID_SIZE] = '!';
+    uuidcpy(dst, long_id.c_str());
+    EXPECT_EQ(dst[CFG_UUID_SIZE], '!');
+    EXPECT_EQ(uuidcmp(long_id.c_str(), (long_id + "b").c_str()), 0);
+}
+
 TEST(Flags, QueriesReturnTheBitValue)
 {
     cfg_element e;

@@ -60,6 +60,15 @@ TEST(Elements, ValuesAndAccessors)
     EXPECT_EQ(size, 3u);
     EXPECT_EQ(memcmp(copy, bytes, 4), 0);
     free(copy);
+
+    // Strings are limited to 16 MiB; a twin id is made but not indexed.
+    std::string limit(0x1000001, 'x');
+    EXPECT_EQ(cfg_init_string(ctx, limit.c_str()), nullptr);
+    cfg_element *twin = cfg_new_int_with_id(ctx, 6, flag->uuid);
+    ASSERT_NE(twin, nullptr);
+    EXPECT_EQ(cfg_add_elem(ctx, twin), 0);
+    cfg_free_element(ctx, twin);
+    EXPECT_EQ(cfg_find_by_id(ctx, flag->uuid), flag);
 }
 
 TEST(Replacement, CarriesIdentityParentsFlagsAndSchema)
@@ -163,6 +172,29 @@ TEST(Lists, DeletingAMemberRenumbersTheRest)
     EXPECT_EQ(cfg_get_listelem(list, 2), nullptr);
 }
 
+// The position index kept beside each list agrees with the links after
+// deletions and after a link appended behind its back.
+TEST(Lists, PositionsStayTrueToTheLinks)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *list = make_list(ctx, "L", 40);
+    for (int i : {0, 17, 39, 5})
+        cfg_delete_element(ctx, cfg_find_by_id(ctx, ("m" + std::to_string(i)).c_str()));
+    auto *extra = static_cast<cfg_parent_link *>(calloc(1, sizeof(cfg_parent_link)));
+    strcpy(extra->uuid, "outside");
+    cfg_add_link(&list->value.list.members, extra);
+    std::vector<std::string> links = member_uuids(list->value.list.members);
+    ASSERT_EQ(links.size(), 37u);
+    for (unsigned i = 0; i < links.size(); i++) {
+        EXPECT_EQ(links[i], cfg_get_listelem(list, static_cast<int>(i))) << i;
+        if (i + 1 < links.size()) { // members' own links are renumbered too
+            cfg_element *member = cfg_find_by_id(ctx, links[i].c_str());
+            EXPECT_EQ(link_at(member->parents, 0)->index, i);
+        }
+    }
+}
+
 TEST(Lists, FutureMembers)
 {
     context_handle h;
@@ -223,6 +255,16 @@ TEST(Maps, MembershipKeysAndSetters)
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(cfg_map_delete_key(ctx, map, "b"), 1);
     EXPECT_EQ(cfg_get_mapelem(map, "b"), nullptr);
+}
+
+TEST(MapsDeathTest, AddToNonMapAborts)
+{
+    EXPECT_DEATH(
+        {
+            context_handle h;
+            cfg_add_mapelem(h.get(), cfg_new_list(h.get()), "k", cfg_new_int(h.get(), 1));
+        },
+        "src/data: cfg_add_mapelem: Assertion `map_elem->type == 8' failed.");
 }
 
 TEST(Deletion, CascadesThroughReferencesAndFutureMembers)

@@ -37,6 +37,8 @@ TEST(ElementJson, ValueEncodings)
     EXPECT_EQ(encoded_value(cfg_new_bool(ctx, 5)), "\"true\"");
     EXPECT_EQ(encoded_value(cfg_new_int(ctx, -3)), "-3");
     EXPECT_EQ(encoded_value(cfg_new_float(ctx, 0.5)), "\"0.500000\"");
+    // 20 bytes hold 19 characters: longer renderings are cut.
+    EXPECT_EQ(encoded_value(cfg_new_float(ctx, 123456789012345.0)), "\"123456789012345.000\"");
     // Bytes from 0x80 become signed pairs below '0'.
     EXPECT_EQ(encoded_value(cfg_new_blob(ctx, bytes, sizeof bytes)), "\"000a7f(00/\"");
 
@@ -49,6 +51,10 @@ TEST(ElementJson, ValueEncodings)
     cfg_load_mapid(map, "z", "u1");
     cfg_load_mapid(map, "a", "u2");
     EXPECT_EQ(encoded_value(map), "{\"z\":\"u1\",\"a\":\"u2\"}");
+    cfg_element *odd = cfg_new_int(ctx, 1);
+    odd->type = 5;
+    EXPECT_EQ(elem_to_json(odd), nullptr);
+    odd->type = CFG_TYPE_INT;
 }
 
 TEST(ElementJson, WholeObjectInKeyOrder)
@@ -83,7 +89,7 @@ TEST(ElementJson, DecodesEachType)
         {R"({"type":4,"id":"s","value":"text"})", CFG_TYPE_STRING},
         {R"({"type":6,"id":"x","value":"0a7fAB1"})", CFG_TYPE_BLOB},
         {R"({"type":7,"id":"l","value":["p","q"]})", CFG_TYPE_LIST},
-        {R"({"type":8,"id":"m","value":{"k1":"p"}})", CFG_TYPE_MAP},
+        {R"({"type":8,"id":"m","value":{"k1":"p","k2":7,"k3":"q"}})", CFG_TYPE_MAP},
         {R"({"type":9,"id":"r","value":"s"})", CFG_TYPE_REFERENCE},
     };
     for (const row &r : rows) {
@@ -102,6 +108,7 @@ TEST(ElementJson, DecodesEachType)
     EXPECT_EQ(blob->value.blob.data[2], 34); // upper case does not decode as hex
     EXPECT_STREQ(cfg_get_listelem(cfg_find_by_id(ctx, "l"), 1), "q");
     EXPECT_STREQ(cfg_get_mapelem(cfg_find_by_id(ctx, "m"), "k1"), "p");
+    EXPECT_EQ(cfg_get_mapelem(cfg_find_by_id(ctx, "m"), "k3"), nullptr); // stopped at k2
 
     for (const char *bad : {R"({"type":5,"id":"u","value":1})", R"({"type":4,"id":"u"})",
                             R"({"type":9,"id":"u","value":"none"})"}) {
@@ -154,5 +161,7 @@ TEST(JsonPathGet, SegmentsAndIndexes)
     EXPECT_EQ(json_integer_value(json_path_get(r, "data\aroot\ax")), 1);
     EXPECT_EQ(json_integer_value(json_path_get(r, "data\aa[1]")), 20);
     EXPECT_EQ(json_path_get(r, "data\aa[2]"), nullptr);
+    EXPECT_EQ(json_path_get(r, "data\aa[-1]"), json_path_get(r, "data\aa"));
+    EXPECT_EQ(json_path_get(r, "data\aa[99999999999999999999]"), nullptr);
     EXPECT_EQ(json_path_get(r, "data\amissing"), nullptr);
 }

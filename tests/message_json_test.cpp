@@ -25,6 +25,20 @@ TEST(MessageJson, EncodesStackInArgumentOrder)
     free(text);
 }
 
+TEST(MessageJson, NullSlotIsSkippedWithALog)
+{
+    context_handle ctx;
+    log_capture logs;
+    cfg_message_add_database(ctx.get());
+    cfg_message_add_schema(ctx.get());
+    cfg_message *saved = ctx.get()->messages[0];
+    ctx.get()->messages[0] = nullptr;
+    json_handle stack(cfg_message_stack_to_json(ctx.get()));
+    ctx.get()->messages[0] = saved;
+    EXPECT_EQ(json_array_size(stack.get()), 1u);
+    EXPECT_TRUE(logs.has("null message[0] in config context"));
+}
+
 TEST(MessageJson, RoundTripKeepsCodesArgumentsAndText)
 {
     context_handle from, to;
@@ -53,6 +67,14 @@ TEST(MessageJson, MessagesWithoutArgsAreDropped)
     EXPECT_STREQ(cfg_get_first_message_string(ctx.get()), "Database error");
     EXPECT_STREQ(cfg_get_message_string(cfg_get_message_object(ctx.get(), 1)),
                  "Could not find element with path 'a.b'");
+    EXPECT_EQ(append_json_config_messages_to_context(ctx.get(), nullptr), 0);
+
+    // A code is not checked on the way in: an unknown one gives no text.
+    json_handle unknown = parse_json(R"({"code": 500, "args": [{"key": "k", "value": "v"}]})");
+    cfg_message *msg = json_to_config_message(unknown.get());
+    ASSERT_NE(msg, nullptr);
+    EXPECT_EQ(cfg_get_message_string(msg), nullptr);
+    cfg_free_message(&msg);
 }
 
 TEST(MessageJson, BadArgumentsCostOnlyThemselves)
@@ -73,8 +95,10 @@ TEST(MessageJson, BadArgumentsCostOnlyThemselves)
         json_handle arg = parse_json(c.json);
         EXPECT_EQ(json_to_config_message_arg(arg.get()), nullptr);
         ASSERT_EQ(logs.lines.size(), c.logs.size());
-        for (size_t i = 0; i < c.logs.size(); i++)
+        for (size_t i = 0; i < c.logs.size(); i++) {
             EXPECT_EQ(logs.lines[i].message, c.logs[i]);
+            EXPECT_EQ(logs.lines[i].priority, 3);
+        }
     }
 
     // The message keeps its other arguments, and the bad one's slot.

@@ -233,10 +233,13 @@ TEST(Catalogue, EveryRowThroughItsAdder)
 TEST(Adders, NullArgumentsAndNullContext)
 {
     context_handle ctx;
-    cfg_message_add_int_above_max(ctx.get(), 10, nullptr);
+    cfg_message_add_int_above_max(ctx.get(), -2147483647 - 1, nullptr);
     cfg_message_add_bad_tag_name(ctx.get(), nullptr);
     cfg_message *above = cfg_get_message_object(ctx.get(), 0);
+    EXPECT_STREQ(cfg_get_message_arg_value(above, 0), "-2147483648");
     EXPECT_STREQ(cfg_get_message_arg_value(above, 1), "param uuid was NULL");
+    EXPECT_EQ(cfg_get_message_arg_name(above, 2), nullptr); // past the arguments
+    EXPECT_EQ(cfg_get_message_arg_value(above, 2), nullptr);
     EXPECT_STREQ(cfg_get_message_string(cfg_get_message_object(ctx.get(), 1)),
                  "Can not use a tag with name 'param tag_name was NULL' in this context");
 
@@ -244,6 +247,7 @@ TEST(Adders, NullArgumentsAndNullContext)
     EXPECT_FALSE(cfg_message_add_path_not_found(nullptr, "a.b"));
     ASSERT_EQ(logs.lines.size(), 1u);
     EXPECT_EQ(logs.lines[0].message, "adding message to null config context");
+    EXPECT_EQ(logs.lines[0].priority, 4);
 }
 
 TEST(Stack, AddAndReadBack)
@@ -259,6 +263,8 @@ TEST(Stack, AddAndReadBack)
     EXPECT_EQ(cfg_message_count(ctx.get()), 2);
     EXPECT_STREQ(cfg_get_first_message_string(ctx.get()), "Database error");
     EXPECT_EQ(cfg_get_message_object(ctx.get(), 2), nullptr);
+    EXPECT_EQ(cfg_get_message_object(ctx.get(), -1), nullptr);
+    EXPECT_EQ(cfg_get_message_string(nullptr), nullptr);
 
     EXPECT_TRUE(cfg_free_message_stack(ctx.get()));
     EXPECT_EQ(cfg_message_count(ctx.get()), 0);
@@ -269,9 +275,11 @@ TEST(NewMessage, RefusedWhole)
     log_capture logs;
     EXPECT_EQ(v_cfg_new_message(62, 0), nullptr); // a code with no row
     EXPECT_TRUE(logs.has("unknown message code: 62"));
+    EXPECT_EQ(logs.lines[0].priority, 4);
     EXPECT_EQ(message_with(29, {nullptr}), nullptr);
     EXPECT_TRUE(logs.has("adding config message: key, value, or hasharg null"));
     EXPECT_EQ(message_with(29, {"a", "b"}), nullptr); // row 29 names one argument
+    EXPECT_EQ(logs.lines.back().priority, 3);
 }
 
 namespace {
@@ -304,12 +312,14 @@ TEST(Template, BracesAndPlaceholders)
         {"a{b", "a{b"},
         {"{{{uuid}}", "{V"},
         {"x{{{{uuid}}y", "x{{Vy"},
+        {"end{", "end"},
         {"end{{", "end"},
         {"[{{uuid}}{{uuid}}]", "[VV]"},
         {"a{{missing}}b", "ab"},
         {"a{{uuid}b", nullptr},
         {"a{{uuid", nullptr},
         {"}}{{uuid}}}", "}}V}"},
+        {"", ""},
     };
     for (const fill_case &c : cases)
         EXPECT_EQ(fill(c.text, "V"), c.expected ? c.expected : "<null>") << c.text;

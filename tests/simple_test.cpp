@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdarg>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -48,6 +49,22 @@ std::string canonical(cfg *ctx, cfg_element *e, unsigned flags, const char *sep)
     std::string out = text != nullptr ? text : "(null)";
     free(text);
     return out;
+}
+
+std::string basename(const char *uuid, cfg_parent_link *link, unsigned flags)
+{
+    char out[64];
+    cfg_get_path_basename_from_link(nullptr, uuid, link, flags, out, sizeof out);
+    return out;
+}
+
+cfg_element *get_va(cfg *ctx, char **path, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    cfg_element *found = cfg_simple_get_by_path_va(ctx, path, format, args);
+    va_end(args);
+    return found;
 }
 
 } // namespace
@@ -105,6 +122,22 @@ TEST(Paths, CanonicalAndStatic)
     EXPECT_EQ(cfg_get_path_elements(ctx, t.cfgmap, &count, 1), nullptr);
 }
 
+TEST(Paths, BasenameForms)
+{
+    cfg_parent_link list{};
+    list.type = CFG_TYPE_LIST;
+    list.index = 3;
+    EXPECT_EQ(basename("U", nullptr, 0), "(U)");
+    EXPECT_EQ(basename("U", &list, 1), "3");
+    EXPECT_EQ(basename("rule-42", &list, 5), "42");
+    EXPECT_EQ(basename("rule", &list, 4), "(0)");
+    // Cut to the buffer; the length it needed comes back.
+    char small[4];
+    EXPECT_EQ(cfg_get_path_basename_from_link(nullptr, "longer", nullptr, 0, small, sizeof small),
+              8);
+    EXPECT_STREQ(small, "(lo");
+}
+
 TEST(SimpleAccess, ValuesAndDoubledNotFoundMessages)
 {
     sample_tree t;
@@ -131,6 +164,13 @@ TEST(SimpleAccess, ValuesAndDoubledNotFoundMessages)
     EXPECT_EQ(cfg_simple_get_by_path(ctx, "cfg.%s", long_key.c_str()), nullptr);
     ASSERT_EQ(cfg_message_count(ctx), 3);
     EXPECT_EQ(cfg_get_message_arg_value(cfg_get_message_object(ctx, 2), 0), "cfg." + long_key);
+
+    // The formatted path handed out is one buffer, reused by the next call.
+    char *path = nullptr, *again = nullptr;
+    get_va(ctx, &path, "cfg");
+    get_va(ctx, &again, "cfg.%s", "port");
+    EXPECT_EQ(again, path);
+    EXPECT_STREQ(path, "cfg.port");
 }
 
 class BlobFile : public ::testing::Test {
@@ -170,6 +210,8 @@ TEST_F(BlobFile, WritesOnceThenFindsItEqual)
     EXPECT_EQ(sync(file, 0600), 0);
 
     // Other content is rewritten; an equal file only gets the mode back.
+    std::ofstream(file) << "secret\nand more";
+    EXPECT_EQ(sync(file, 0600), 1);
     std::ofstream(file) << "sec";
     EXPECT_EQ(sync(file, 0600), 1);
     EXPECT_EQ(read_file(file), "secret\n");
