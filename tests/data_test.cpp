@@ -56,8 +56,10 @@ TEST(Elements, ValuesAndAccessors)
     const unsigned char bytes[] = {1, 0, 255, 0};
     void *copy = nullptr;
     size_t size = 0;
-    ASSERT_EQ(cfg_blob_value(cfg_new_blob(ctx, bytes, 3), &copy, &size), 1);
+    cfg_element *blob = cfg_new_blob(ctx, bytes, 3);
+    EXPECT_EQ(cfg_blob_value(blob, nullptr, &size), 1); // the size alone
     EXPECT_EQ(size, 3u);
+    ASSERT_EQ(cfg_blob_value(blob, &copy, &size), 1);
     EXPECT_EQ(memcmp(copy, bytes, 4), 0);
     free(copy);
 
@@ -93,6 +95,12 @@ TEST(Replacement, CarriesIdentityParentsFlagsAndSchema)
     EXPECT_EQ(index, 1u);
     EXPECT_STREQ(cfg_get_listelem(list, 1), "m1");
     EXPECT_EQ(cfg_set_string(ctx, fresh, nullptr), nullptr);
+
+    // Loading over a local element replaces it as the daemon's copy.
+    cfg_element *loaded = cfg_load_int(ctx, "m1", 7);
+    EXPECT_EQ(cfg_find_by_id(ctx, "m1"), loaded);
+    EXPECT_EQ(loaded->flags, 0u);
+    EXPECT_EQ(loaded->generation, 0);
 }
 
 TEST(Replacement, ContainerMembersAreDeleted)
@@ -204,19 +212,23 @@ TEST(Lists, FutureMembers)
     ASSERT_NE(cfg_append_future_listelem(ctx, list, child), nullptr);
     EXPECT_EQ(list->flags, unsigned(CFG_FLAG_HAS_FUTURE));
     EXPECT_TRUE(child->flags & CFG_FLAG_FUTURE_CHILD);
+    EXPECT_EQ(child->parents, nullptr);
     EXPECT_EQ(cfg_list_contains(list, "F"), 1);
     unsigned size = 9, index = 9;
     EXPECT_EQ(cfg_list_size(list, &size), 1);
     EXPECT_EQ(size, 0u); // future members are not counted
     EXPECT_EQ(cfg_get_future_list_index(ctx, child, "L", &index), 1);
     EXPECT_EQ(index, 0u);
+    EXPECT_EQ(cfg_get_future_list_index(ctx, child, "other", &index), 0);
     EXPECT_EQ(cfg_get_parent_elem(ctx, child), list);
 
     // Dropping the link leaves the child's and the list's flags alone.
     EXPECT_EQ(cfg_list_delete_future_at(ctx, list, 0), 1);
+    EXPECT_EQ(cfg_list_delete_future_at(ctx, list, 0), 0);
     EXPECT_EQ(list->value.list.future_members, nullptr);
     EXPECT_TRUE(list->flags & CFG_FLAG_HAS_FUTURE);
     EXPECT_TRUE(child->flags & CFG_FLAG_FUTURE_CHILD);
+    EXPECT_NE(child->future_parent, nullptr);
 }
 
 TEST(Maps, MembershipKeysAndSetters)
@@ -303,25 +315,17 @@ TEST(Deletion, CascadesThroughReferencesAndFutureMembers)
 
 namespace {
 
-struct member_state {
-    unsigned flags;
-    unsigned link_index;
-    unsigned child_flags;
-    bool operator==(const member_state &) const = default;
-};
-
-// A list of ints and maps (each map holding one string), then deleted.
-std::vector<member_state> delete_mixed_list(cfg *ctx, const std::string &name, bool whole)
+// A list of ints and maps (each map holding one string) is deleted whole or
+// member by member; each member's flags, link index and child's flags.
+std::vector<std::vector<unsigned>> delete_mixed_list(cfg *ctx, const std::string &name, bool whole)
 {
     cfg_element *list = cfg_load_list(ctx, name.c_str());
-    std::vector<std::string> ids;
     for (int i = 0; i < 6; i++) {
         std::string id = name + std::to_string(i);
         cfg_element *m = i % 2 ? cfg_load_map(ctx, id.c_str()) : cfg_load_int(ctx, id.c_str(), i);
         if (i % 2)
             cfg_add_mapelem(ctx, m, "k", cfg_load_string(ctx, (id + "c").c_str(), "v"));
         cfg_add_listelem(ctx, list, m);
-        ids.push_back(id);
     }
     if (whole)
         cfg_delete_element(ctx, list);
@@ -329,12 +333,12 @@ std::vector<member_state> delete_mixed_list(cfg *ctx, const std::string &name, b
         cfg_delete_members(ctx, list); // the list itself stays: one member at a time
     EXPECT_EQ(list->value.list.members, nullptr);
     EXPECT_TRUE(list->flags & CFG_FLAG_CHANGED);
-    std::vector<member_state> states;
-    for (size_t i = 0; i < ids.size(); i++) {
-        cfg_element *m = cfg_find_by_id(ctx, ids[i].c_str());
-        cfg_element *child = cfg_find_by_id(ctx, (ids[i] + "c").c_str());
-        states.push_back({m->flags, link_at(m->parents, 0)->index,
-                          child != nullptr ? child->flags : 0u});
+    std::vector<std::vector<unsigned>> states;
+    for (int i = 0; i < 6; i++) {
+        std::string id = name + std::to_string(i);
+        cfg_element *m = cfg_find_by_id(ctx, id.c_str());
+        cfg_element *child = cfg_find_by_id(ctx, (id + "c").c_str());
+        states.push_back({m->flags, link_at(m->parents, 0)->index, child ? child->flags : 0u});
     }
     return states;
 }
@@ -346,13 +350,12 @@ std::vector<member_state> delete_mixed_list(cfg *ctx, const std::string &name, b
 TEST(Deletion, WholeListEndsAsMemberByMember)
 {
     context_handle h;
-    std::vector<member_state> whole = delete_mixed_list(h.get(), "a", true);
-    std::vector<member_state> stepwise = delete_mixed_list(h.get(), "b", false);
-    EXPECT_EQ(whole, stepwise);
-    EXPECT_EQ(whole[0].flags, unsigned(CFG_FLAG_DELETED));
-    EXPECT_EQ(whole[2].flags, unsigned(CFG_FLAG_DELETED | CFG_FLAG_CHANGED));
-    EXPECT_EQ(whole[5].link_index, 0u);
-    EXPECT_TRUE(whole[5].child_flags & CFG_FLAG_DELETED);
+    auto whole = delete_mixed_list(h.get(), "a", true);
+    EXPECT_EQ(whole, delete_mixed_list(h.get(), "b", false));
+    EXPECT_EQ(whole[0][0], unsigned(CFG_FLAG_DELETED));
+    EXPECT_EQ(whole[2][0], unsigned(CFG_FLAG_DELETED | CFG_FLAG_CHANGED));
+    EXPECT_EQ(whole[5][1], 0u);
+    EXPECT_TRUE(whole[5][2] & CFG_FLAG_DELETED);
 }
 
 TEST(Deletion, ReferenceCycleEnds)

@@ -35,12 +35,14 @@ TEST(ElementJson, ValueEncodings)
     cfg *ctx = h.get();
     const unsigned char bytes[] = {0x00, 0x0a, 0x7f, 0x80, 0xff};
     EXPECT_EQ(encoded_value(cfg_new_bool(ctx, 5)), "\"true\"");
+    EXPECT_EQ(encoded_value(cfg_new_bool(ctx, 0)), "\"false\"");
     EXPECT_EQ(encoded_value(cfg_new_int(ctx, -3)), "-3");
     EXPECT_EQ(encoded_value(cfg_new_float(ctx, 0.5)), "\"0.500000\"");
     // 20 bytes hold 19 characters: longer renderings are cut.
     EXPECT_EQ(encoded_value(cfg_new_float(ctx, 123456789012345.0)), "\"123456789012345.000\"");
     // Bytes from 0x80 become signed pairs below '0'.
     EXPECT_EQ(encoded_value(cfg_new_blob(ctx, bytes, sizeof bytes)), "\"000a7f(00/\"");
+    EXPECT_EQ(encoded_value(cfg_new_blob(ctx, "", 0)), "\"\"");
 
     cfg_element *list = cfg_load_list(ctx, "L");
     cfg_load_listid(list, "a");

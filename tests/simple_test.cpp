@@ -30,15 +30,12 @@ struct sample_tree {
         cfg_map_set_int(ctx, cfgmap, "port", 22);
         rules = cfg_load_list(ctx, "rules-8");
         cfg_add_mapelem(ctx, cfgmap, "rules", rules);
-        rule0 = add_rule(cfg_load_map(ctx, "rule-42"), "allow");
-        rule1 = add_rule(cfg_new_map(ctx), "deny");
-    }
-
-    cfg_element *add_rule(cfg_element *rule, const char *action)
-    {
-        cfg_add_listelem(h.get(), rules, rule);
-        cfg_map_set_string(h.get(), rule, "action", action);
-        return rule;
+        rule0 = cfg_load_map(ctx, "rule-42");
+        rule1 = cfg_new_map(ctx);
+        cfg_add_listelem(ctx, rules, rule0);
+        cfg_add_listelem(ctx, rules, rule1);
+        cfg_map_set_string(ctx, rule0, "action", "allow");
+        cfg_map_set_string(ctx, rule1, "action", "deny");
     }
     cfg *ctx() const { return h.get(); }
 };
