@@ -41,93 +41,36 @@ TEST(Elements, ValuesAndAccessors)
 {
     context_handle h;
     cfg *ctx = h.get();
-    int b = -1, i = 0;
-    double f = 0;
-    char *text = nullptr;
+    int b = -1;
     cfg_element *flag = cfg_new_bool(ctx, 7);
     EXPECT_EQ(cfg_bool_value(flag, &b), 1);
     EXPECT_EQ(b, 7);
-    EXPECT_EQ(cfg_int_value(cfg_new_int(ctx, -4), &i), 1);
-    EXPECT_EQ(i, -4);
-    EXPECT_EQ(cfg_float_value(cfg_new_float(ctx, 2.25), &f), 1);
-    EXPECT_EQ(f, 2.25);
-    cfg_element *s = cfg_new_string(ctx, "hello");
-    ASSERT_EQ(cfg_string_value(s, &text), 1);
-    EXPECT_STREQ(text, "hello");
-    free(text);
+    EXPECT_EQ(flag->flags, unsigned(CFG_FLAG_NEW));
+    EXPECT_EQ(cfg_find_by_id(ctx, flag->uuid), flag);
     // Wrong type: 0 and the output untouched.
-    text = reinterpret_cast<char *>(0x1);
+    char *text = reinterpret_cast<char *>(0x1);
     EXPECT_EQ(cfg_string_value(flag, &text), 0);
     EXPECT_EQ(text, reinterpret_cast<char *>(0x1));
-    EXPECT_EQ(cfg_int_value(nullptr, &i), 0);
 
-    EXPECT_EQ(flag->flags, unsigned(CFG_FLAG_NEW));
-    EXPECT_EQ(flag->generation, 0);
-    EXPECT_EQ(strlen(flag->uuid), 36u);
-    EXPECT_EQ(cfg_find_by_id(ctx, flag->uuid), flag);
-
-    unsigned type = 0;
-    EXPECT_EQ(cfg_elem_type(s, &type), 1);
-    EXPECT_EQ(type, unsigned(CFG_TYPE_STRING));
-    EXPECT_EQ(cfg_elem_type(s, nullptr), 0);
-    char *uuid = nullptr;
-    EXPECT_EQ(cfg_elem_uuid(s, &uuid), 1);
-    EXPECT_STREQ(uuid, s->uuid);
-    free(uuid);
-}
-
-TEST(Elements, StringLimitsAndNulls)
-{
-    context_handle h;
-    std::string limit(0x1000000, 'x');
-    cfg_element *big = cfg_init_string(h.get(), limit.c_str());
-    ASSERT_NE(big, nullptr);
-    cfg_free_element(h.get(), big);
-    limit += 'x';
-    EXPECT_EQ(cfg_init_string(h.get(), limit.c_str()), nullptr);
-    EXPECT_EQ(cfg_new_string(h.get(), nullptr), nullptr);
-    EXPECT_EQ(h.get()->elements, nullptr);
-}
-
-TEST(Elements, BlobValueCopiesWithTerminator)
-{
-    context_handle h;
-    const unsigned char bytes[] = {1, 0, 255};
-    cfg_element *blob = cfg_new_blob(h.get(), bytes, sizeof bytes);
-    size_t size = 0;
-    EXPECT_EQ(cfg_blob_value(blob, nullptr, &size), 1);
-    EXPECT_EQ(size, 3u);
+    // A blob's copy carries a terminator past its size.
+    const unsigned char bytes[] = {1, 0, 255, 0};
     void *copy = nullptr;
+    size_t size = 0;
+    cfg_element *blob = cfg_new_blob(ctx, bytes, 3);
+    EXPECT_EQ(cfg_blob_value(blob, nullptr, &size), 1); // the size alone
+    EXPECT_EQ(size, 3u);
     ASSERT_EQ(cfg_blob_value(blob, &copy, &size), 1);
-    EXPECT_EQ(memcmp(copy, bytes, 3), 0);
-    EXPECT_EQ(static_cast<unsigned char *>(copy)[3], 0);
+    EXPECT_EQ(memcmp(copy, bytes, 4), 0);
     free(copy);
-    EXPECT_EQ(cfg_blob_value(cfg_new_string(h.get(), "x"), &copy, &size), 0);
-}
 
-TEST(Elements, DuplicateIdIsMadeButNotIndexed)
-{
-    context_handle h;
-    cfg_element *first = cfg_new_int_with_id(h.get(), 5, "x");
-    cfg_element *second = cfg_new_int_with_id(h.get(), 6, "x");
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(cfg_find_by_id(h.get(), "x"), first);
-    EXPECT_EQ(cfg_add_elem(h.get(), second), 0);
-    // Releasing the unindexed twin leaves the indexed one in place.
-    cfg_free_element(h.get(), second);
-    EXPECT_EQ(cfg_find_by_id(h.get(), "x"), first);
-}
-
-TEST(Elements, LoadReplacesLocalElement)
-{
-    context_handle h;
-    cfg_element *local = cfg_new_int_with_id(h.get(), 1, "x");
-    local->generation = 9;
-    cfg_element *loaded = cfg_load_int(h.get(), "x", 7);
-    EXPECT_EQ(cfg_find_by_id(h.get(), "x"), loaded);
-    EXPECT_EQ(loaded->flags, 0u);
-    EXPECT_EQ(loaded->generation, 0);
-    EXPECT_EQ(loaded->value.int_value, 7);
+    // Strings are limited to 16 MiB; a twin id is made but not indexed.
+    std::string limit(0x1000001, 'x');
+    EXPECT_EQ(cfg_init_string(ctx, limit.c_str()), nullptr);
+    cfg_element *twin = cfg_new_int_with_id(ctx, 6, flag->uuid);
+    ASSERT_NE(twin, nullptr);
+    EXPECT_EQ(cfg_add_elem(ctx, twin), 0);
+    cfg_free_element(ctx, twin);
+    EXPECT_EQ(cfg_find_by_id(ctx, flag->uuid), flag);
 }
 
 TEST(Replacement, CarriesIdentityParentsFlagsAndSchema)
@@ -152,7 +95,12 @@ TEST(Replacement, CarriesIdentityParentsFlagsAndSchema)
     EXPECT_EQ(index, 1u);
     EXPECT_STREQ(cfg_get_listelem(list, 1), "m1");
     EXPECT_EQ(cfg_set_string(ctx, fresh, nullptr), nullptr);
-    EXPECT_EQ(cfg_set_int(ctx, nullptr, 1), nullptr);
+
+    // Loading over a local element replaces it as the daemon's copy.
+    cfg_element *loaded = cfg_load_int(ctx, "m1", 7);
+    EXPECT_EQ(cfg_find_by_id(ctx, "m1"), loaded);
+    EXPECT_EQ(loaded->flags, 0u);
+    EXPECT_EQ(loaded->generation, 0);
 }
 
 TEST(Replacement, ContainerMembersAreDeleted)
@@ -185,9 +133,6 @@ TEST(References, LinkMoveAndDuplicateOnReset)
     cfg *ctx = h.get();
     cfg_element *a = cfg_new_int_with_id(ctx, 1, "A");
     cfg_element *b = cfg_new_int_with_id(ctx, 2, "B");
-    EXPECT_EQ(cfg_new_reference(ctx, "missing"), nullptr);
-    EXPECT_EQ(HASH_COUNT(ctx->elements), 2u);
-
     cfg_element *ref = cfg_new_reference_with_id(ctx, "A", "R");
     ASSERT_NE(ref, nullptr);
     ASSERT_EQ(cfg_link_list_length(a->parents), 1);
@@ -198,10 +143,6 @@ TEST(References, LinkMoveAndDuplicateOnReset)
     ASSERT_NE(ref, nullptr);
     EXPECT_EQ(cfg_link_list_length(a->parents), 0);
     EXPECT_EQ(member_uuids(b->parents), (std::vector<std::string>{"R", "R"}));
-    char *target = nullptr;
-    EXPECT_EQ(cfg_reference_value(ref, &target), 1);
-    EXPECT_STREQ(target, "B");
-    free(target);
 
     // A missing target leaves the old record unindexed and with the caller.
     cfg_element *old = ref;
@@ -237,11 +178,10 @@ TEST(Lists, DeletingAMemberRenumbersTheRest)
     EXPECT_TRUE(list->flags & CFG_FLAG_CHANGED);
     EXPECT_STREQ(cfg_get_listelem(list, 1), "m2");
     EXPECT_EQ(cfg_get_listelem(list, 2), nullptr);
-    EXPECT_EQ(cfg_get_listelem(list, -1), nullptr);
 }
 
-// The position index kept beside each list agrees with the public links
-// after deletions and after nodes appended behind its back.
+// The position index kept beside each list agrees with the links after
+// deletions and after a link appended behind its back.
 TEST(Lists, PositionsStayTrueToTheLinks)
 {
     context_handle h;
@@ -249,19 +189,17 @@ TEST(Lists, PositionsStayTrueToTheLinks)
     cfg_element *list = make_list(ctx, "L", 40);
     for (int i : {0, 17, 39, 5})
         cfg_delete_element(ctx, cfg_find_by_id(ctx, ("m" + std::to_string(i)).c_str()));
-    cfg_parent_link *extra = static_cast<cfg_parent_link *>(calloc(1, sizeof(cfg_parent_link)));
+    auto *extra = static_cast<cfg_parent_link *>(calloc(1, sizeof(cfg_parent_link)));
     strcpy(extra->uuid, "outside");
-    extra->type = CFG_TYPE_LIST;
     cfg_add_link(&list->value.list.members, extra);
     std::vector<std::string> links = member_uuids(list->value.list.members);
-    unsigned size = 0;
-    cfg_list_size(list, &size);
-    ASSERT_EQ(size, links.size());
-    for (unsigned i = 0; i < size; i++)
+    ASSERT_EQ(links.size(), 37u);
+    for (unsigned i = 0; i < links.size(); i++) {
         EXPECT_EQ(links[i], cfg_get_listelem(list, static_cast<int>(i))) << i;
-    for (unsigned i = 0; i + 1 < size; i++) {
-        cfg_element *member = cfg_find_by_id(ctx, links[i].c_str());
-        EXPECT_EQ(link_at(member->parents, 0)->index, i);
+        if (i + 1 < links.size()) { // members' own links are renumbered too
+            cfg_element *member = cfg_find_by_id(ctx, links[i].c_str());
+            EXPECT_EQ(link_at(member->parents, 0)->index, i);
+        }
     }
 }
 
@@ -276,17 +214,15 @@ TEST(Lists, FutureMembers)
     EXPECT_TRUE(child->flags & CFG_FLAG_FUTURE_CHILD);
     EXPECT_EQ(child->parents, nullptr);
     EXPECT_EQ(cfg_list_contains(list, "F"), 1);
-    EXPECT_EQ(cfg_list_contains(list, "G"), 0);
     unsigned size = 9, index = 9;
     EXPECT_EQ(cfg_list_size(list, &size), 1);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(cfg_list_future_size(list, nullptr), 1);
+    EXPECT_EQ(size, 0u); // future members are not counted
     EXPECT_EQ(cfg_get_future_list_index(ctx, child, "L", &index), 1);
     EXPECT_EQ(index, 0u);
     EXPECT_EQ(cfg_get_future_list_index(ctx, child, "other", &index), 0);
     EXPECT_EQ(cfg_get_parent_elem(ctx, child), list);
 
-    // Dropping the link leaves the child and the list's flag alone.
+    // Dropping the link leaves the child's and the list's flags alone.
     EXPECT_EQ(cfg_list_delete_future_at(ctx, list, 0), 1);
     EXPECT_EQ(cfg_list_delete_future_at(ctx, list, 0), 0);
     EXPECT_EQ(list->value.list.future_members, nullptr);
@@ -300,66 +236,45 @@ TEST(Maps, MembershipKeysAndSetters)
     context_handle h;
     cfg *ctx = h.get();
     cfg_element *map = cfg_load_map(ctx, "M");
-    char **keys = reinterpret_cast<char **>(0x1);
-    unsigned count = 9;
-    EXPECT_EQ(cfg_map_keys(map, &keys, &count), 1);
-    EXPECT_EQ(keys, nullptr);
-    EXPECT_EQ(count, 0u);
-
     cfg_element *first = cfg_load_int(ctx, "v1", 1);
     cfg_add_mapelem(ctx, map, "k", first);
     EXPECT_EQ(map->flags, 0u); // an unchanged child leaves the map alone
-    cfg_element *second = cfg_new_int_with_id(ctx, 2, "v2");
-    cfg_add_mapelem(ctx, map, "k", second);
+    cfg_add_mapelem(ctx, map, "k", cfg_new_int_with_id(ctx, 2, "v2"));
     EXPECT_TRUE(first->flags & CFG_FLAG_DELETED);
-    EXPECT_STREQ(cfg_get_mapelem(map, "k"), "v2");
     EXPECT_EQ(member_uuids(map->value.map.members), std::vector<std::string>{"v2"});
     EXPECT_TRUE(map->flags & CFG_FLAG_CHANGED);
-    char *key = nullptr;
-    EXPECT_EQ(cfg_get_map_key(ctx, second, &key), 1);
-    EXPECT_STREQ(key, "k");
-    free(key);
 
-    cfg_element *replaced = cfg_map_set_string(ctx, map, "k", "text");
-    EXPECT_STREQ(replaced->uuid, "v2");
+    // The setters replace under the same uuid; keys keep their first order.
+    EXPECT_STREQ(cfg_map_set_string(ctx, map, "k", "text")->uuid, "v2");
     cfg_map_set_bool(ctx, map, "b", 1);
-    cfg_map_set_float(ctx, map, "f", 0.5);
-    cfg_map_set_blob(ctx, map, "blob", "xy", 2);
     EXPECT_EQ(cfg_map_set_reference(ctx, map, "r", "nowhere"), nullptr);
+    char **keys = nullptr;
+    unsigned count = 0;
     ASSERT_EQ(cfg_map_keys(map, &keys, &count), 1);
-    ASSERT_EQ(count, 4u);
-    std::vector<std::string> names(keys, keys + count);
-    EXPECT_EQ(names, (std::vector<std::string>{"k", "b", "f", "blob"}));
+    EXPECT_EQ(std::vector<std::string>(keys, keys + count), (std::vector<std::string>{"k", "b"}));
     for (unsigned i = 0; i < count; i++)
         free(keys[i]);
     free(keys);
 
     char *text = nullptr;
-    int flag = 0;
-    void *data = reinterpret_cast<void *>(0x1);
-    size_t size = 9;
     EXPECT_EQ(cfg_map_get_string(ctx, map, "k", &text), 1);
     EXPECT_STREQ(text, "text");
     free(text);
-    EXPECT_EQ(cfg_map_get_bool(ctx, map, "b", &flag), 1);
-    EXPECT_EQ(flag, 1);
-    EXPECT_EQ(cfg_map_get_blob(ctx, map, "none", &data, &size), 0);
+    void *data = reinterpret_cast<void *>(0x1);
+    size_t size = 9;
+    EXPECT_EQ(cfg_map_get_blob(ctx, map, "none", &data, &size), 0); // outputs cleared
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(size, 0u);
-    EXPECT_EQ(cfg_map_get_reference(ctx, map, nullptr, &text), 0);
-    EXPECT_EQ(text, nullptr);
-
     EXPECT_EQ(cfg_map_delete_key(ctx, map, "b"), 1);
     EXPECT_EQ(cfg_get_mapelem(map, "b"), nullptr);
 }
 
-TEST(Maps, AddToNonMapAborts)
+TEST(MapsDeathTest, AddToNonMapAborts)
 {
     EXPECT_DEATH(
         {
             context_handle h;
-            cfg_element *list = cfg_new_list(h.get());
-            cfg_add_mapelem(h.get(), list, "k", cfg_new_int(h.get(), 1));
+            cfg_add_mapelem(h.get(), cfg_new_list(h.get()), "k", cfg_new_int(h.get(), 1));
         },
         "src/data: cfg_add_mapelem: Assertion `map_elem->type == 8' failed.");
 }
@@ -400,25 +315,17 @@ TEST(Deletion, CascadesThroughReferencesAndFutureMembers)
 
 namespace {
 
-struct member_state {
-    unsigned flags;
-    unsigned link_index;
-    unsigned child_flags;
-    bool operator==(const member_state &) const = default;
-};
-
-// A list of ints and maps (each map holding one string), then deleted.
-std::vector<member_state> delete_mixed_list(cfg *ctx, const std::string &name, bool whole)
+// A list of ints and maps (each map holding one string) is deleted whole or
+// member by member; each member's flags, link index and child's flags.
+std::vector<std::vector<unsigned>> delete_mixed_list(cfg *ctx, const std::string &name, bool whole)
 {
     cfg_element *list = cfg_load_list(ctx, name.c_str());
-    std::vector<std::string> ids;
     for (int i = 0; i < 6; i++) {
         std::string id = name + std::to_string(i);
         cfg_element *m = i % 2 ? cfg_load_map(ctx, id.c_str()) : cfg_load_int(ctx, id.c_str(), i);
         if (i % 2)
             cfg_add_mapelem(ctx, m, "k", cfg_load_string(ctx, (id + "c").c_str(), "v"));
         cfg_add_listelem(ctx, list, m);
-        ids.push_back(id);
     }
     if (whole)
         cfg_delete_element(ctx, list);
@@ -426,12 +333,12 @@ std::vector<member_state> delete_mixed_list(cfg *ctx, const std::string &name, b
         cfg_delete_members(ctx, list); // the list itself stays: one member at a time
     EXPECT_EQ(list->value.list.members, nullptr);
     EXPECT_TRUE(list->flags & CFG_FLAG_CHANGED);
-    std::vector<member_state> states;
-    for (size_t i = 0; i < ids.size(); i++) {
-        cfg_element *m = cfg_find_by_id(ctx, ids[i].c_str());
-        cfg_element *child = cfg_find_by_id(ctx, (ids[i] + "c").c_str());
-        states.push_back({m->flags, link_at(m->parents, 0)->index,
-                          child != nullptr ? child->flags : 0u});
+    std::vector<std::vector<unsigned>> states;
+    for (int i = 0; i < 6; i++) {
+        std::string id = name + std::to_string(i);
+        cfg_element *m = cfg_find_by_id(ctx, id.c_str());
+        cfg_element *child = cfg_find_by_id(ctx, (id + "c").c_str());
+        states.push_back({m->flags, link_at(m->parents, 0)->index, child ? child->flags : 0u});
     }
     return states;
 }
@@ -443,13 +350,12 @@ std::vector<member_state> delete_mixed_list(cfg *ctx, const std::string &name, b
 TEST(Deletion, WholeListEndsAsMemberByMember)
 {
     context_handle h;
-    std::vector<member_state> whole = delete_mixed_list(h.get(), "a", true);
-    std::vector<member_state> stepwise = delete_mixed_list(h.get(), "b", false);
-    EXPECT_EQ(whole, stepwise);
-    EXPECT_EQ(whole[0].flags, unsigned(CFG_FLAG_DELETED));
-    EXPECT_EQ(whole[2].flags, unsigned(CFG_FLAG_DELETED | CFG_FLAG_CHANGED));
-    EXPECT_EQ(whole[5].link_index, 0u);
-    EXPECT_TRUE(whole[5].child_flags & CFG_FLAG_DELETED);
+    auto whole = delete_mixed_list(h.get(), "a", true);
+    EXPECT_EQ(whole, delete_mixed_list(h.get(), "b", false));
+    EXPECT_EQ(whole[0][0], unsigned(CFG_FLAG_DELETED));
+    EXPECT_EQ(whole[2][0], unsigned(CFG_FLAG_DELETED | CFG_FLAG_CHANGED));
+    EXPECT_EQ(whole[5][1], 0u);
+    EXPECT_TRUE(whole[5][2] & CFG_FLAG_DELETED);
 }
 
 TEST(Deletion, ReferenceCycleEnds)
@@ -463,16 +369,4 @@ TEST(Deletion, ReferenceCycleEnds)
     cfg_delete_element(ctx, a);
     EXPECT_TRUE(a->flags & CFG_FLAG_DELETED);
     EXPECT_TRUE(b->flags & CFG_FLAG_DELETED);
-}
-
-TEST(LinkLists, GenericOperations)
-{
-    cfg_link *head = nullptr;
-    for (int i = 0; i < 3; i++)
-        cfg_add_link(&head, calloc(1, sizeof(cfg_parent_link)));
-    EXPECT_EQ(cfg_link_list_length(head), 3);
-    void *data = nullptr;
-    EXPECT_EQ(cfg_link_list_get(head, 2, &data), 1);
-    EXPECT_EQ(cfg_link_list_get(head, 3, &data), 0);
-    cfg_link_list_free(head);
 }
