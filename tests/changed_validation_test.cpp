@@ -1,15 +1,8 @@
 // Changed-data validation: after a full validation has filled the trigger
 // tables, edits to the appliance validate only what they can affect.
 #include "network_appliance.h"
-#include "string_value.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-using zrtest::network_appliance;
-using texts = std::vector<std::string>;
+using namespace zrtest;
 
 namespace {
 
@@ -32,7 +25,7 @@ struct validated_appliance : network_appliance {
     {
         const std::string head = "Change in node [" + changed + "] triggered validation of node [";
         texts out;
-        for (const zrtest::log_line &l : log.lines)
+        for (const log_line &l : log.lines)
             if (l.message.rfind(head, 0) == 0)
                 out.push_back(l.message.substr(head.size(), l.message.size() - head.size() - 1));
         return out;
@@ -163,7 +156,7 @@ TEST(ChangedData, NewItemValidatedThroughItsListWithDefaults)
     cfg_map_set_string(c, conn, "address", "10.1.0.1");
     EXPECT_EQ(cfg_validate_changed_data(c), 1) << testing::PrintToString(a.messages());
     // The list's item type filled in mode, then the static branch netmask.
-    EXPECT_EQ(zrtest::string_of(a.member(conn, "mode")), "static");
+    EXPECT_EQ(string_of(a.member(conn, "mode")), "static");
     EXPECT_NE(a.member(conn, "netmask"), nullptr);
     EXPECT_STREQ(conn->schema, "n-connection");
 
@@ -187,8 +180,8 @@ TEST(ChangedData, NothingFlaggedValidatesNothingFirstLeftoverIsReported)
 TEST(ChangedData, FlaggedElementsAreTakenInIndexOrder)
 {
     // Enough elements that the index is walked in many stretches at once.
-    zrtest::log_capture log;
-    zrtest::context_handle h;
+    log_capture log;
+    context_handle h;
     cfg *c = h.get();
     cfg_element *root = cfg_load_map(c, "root-1");
     cfg_element *list = cfg_load_list(c, "values-1");
@@ -212,7 +205,7 @@ TEST(ChangedData, FlaggedElementsAreTakenInIndexOrder)
     expected.insert(expected.end(), moved.rbegin(), moved.rend());
     cfg_validate_changed_data(c); // nothing is bound, so it fails; the order is logged
     texts seen;
-    for (const zrtest::log_line &l : log.lines)
+    for (const log_line &l : log.lines)
         if (l.func == "cfg_validate_changed_data" && l.message.rfind("Validating ", 0) == 0)
             seen.push_back(l.message);
     EXPECT_EQ(seen, expected);

@@ -1,18 +1,11 @@
 // Changeset application: the order of the lists, the generation rule on
 // changes from the daemon, local replay, and when the counts are written.
 #include "context.h"
-#include "json_text.h"
 #include "log_capture.h"
-#include "string_value.h"
-
-#include <gtest/gtest.h>
 
 #include <string>
 
-using zrtest::context_handle;
-using zrtest::json_handle;
-using zrtest::log_capture;
-using zrtest::string_of;
+using namespace zrtest;
 
 namespace {
 
@@ -34,7 +27,7 @@ struct applied {
 applied replay(cfg *c, const std::string &changeset, int from_daemon = 1)
 {
     applied out{};
-    json_handle value = zrtest::parse_json(changeset.c_str());
+    json_handle value = parse_json(changeset.c_str());
     out.result = cfg_apply_changeset(c, value.get(), from_daemon, &out.config_count,
                                      &out.schema_count);
     return out;

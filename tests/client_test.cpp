@@ -5,33 +5,15 @@
 #include "log_capture.h"
 #include "mini_daemon.h"
 #include "scripted_daemon.h"
-#include "string_value.h"
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <string>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
-using zrtest::client_context;
-using zrtest::context_handle;
-using zrtest::json_handle;
-using zrtest::log_capture;
-using zrtest::mini_daemon;
-using zrtest::scripted_daemon;
-using zrtest::step;
-using zrtest::string_of;
+using namespace zrtest;
 
 namespace {
-
-std::string dump(json_t *value)
-{
-    char *text = value != nullptr ? json_dumps(value, 0) : nullptr;
-    std::string out = text != nullptr ? text : "(none)";
-    free(text);
-    return out;
-}
 
 std::string element_text(const char *id, const char *value, int generation)
 {
@@ -224,7 +206,7 @@ TEST(ClientRequests, ListSearchLockAndPath)
     ASSERT_NE(results, nullptr);
     EXPECT_STREQ(results->uuid, "RESULTS");
     json_handle search = daemon.request(1);
-    EXPECT_EQ(dump(json_object_get(search.get(), "data")).find(R"({"conditions": )"), 0u);
+    EXPECT_EQ(dump(json_object_get(search.get(), "data"), 0).find(R"({"conditions": )"), 0u);
     EXPECT_STREQ(json_string_value(json_path_get(search.get(), "data\atable_name")), "hosts");
     cfg_reset(c);
     EXPECT_EQ(cfg_search(c, "hosts", nullptr), nullptr);
@@ -236,7 +218,7 @@ TEST(ClientRequests, ListSearchLockAndPath)
     EXPECT_EQ(cfg_lock(c, 3), 0);
     EXPECT_EQ(cfg_message_count(c), 2);
     EXPECT_EQ(cfg_lock(c, 1), 1);
-    EXPECT_EQ(dump(json_path_get(daemon.request(4).get(), "data")), R"({"operation": "write"})");
+    EXPECT_EQ(dump(json_path_get(daemon.request(4).get(), "data"), 0), R"({"operation": "write"})");
 
     cfg_element *held = cfg_new_string_with_id(c, "local", "m1");
     EXPECT_EQ(cfg_fetch_by_path(c, "a/b"), held);
@@ -324,7 +306,7 @@ TEST(ClientCommit, PushFreesLocalCopyAndMapsRenamedIds)
     EXPECT_EQ(c->elements, nullptr);
     json_handle push = daemon.daemon.request(5); // after the refused one
     EXPECT_STREQ(json_string_value(json_object_get(push.get(), "method")), "push");
-    EXPECT_EQ(dump(json_path_get(push.get(), "data\adeleted")), R"(["gone"])");
+    EXPECT_EQ(dump(json_path_get(push.get(), "data\adeleted"), 0), R"(["gone"])");
     EXPECT_EQ(json_array_size(json_path_get(push.get(), "data\achanged")), 1u);
 
     cfg_element *made = cfg_get_by_id(c, "tmp1");
@@ -351,7 +333,7 @@ TEST(ClientCommit, UpdateObjectListsFlaggedWork)
     list->flags = 0;
     cfg_append_future_listid(list, "f");
     json_handle update(cfg_assemble_update(c));
-    EXPECT_EQ(dump(update.get()),
+    EXPECT_EQ(dump(update.get(), 0),
               R"({"deleted": [], "added": [{"generation": 0, "parents": [], "type": 4, "id": "a", )"
               R"("schema": "", "value": "added"}], "changed": [], )"
               R"("appended": [{"parent_id": "l", "child_id": "f"}], "schema_deleted": [], )"

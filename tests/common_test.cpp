@@ -1,14 +1,12 @@
 // The configuration context: lifecycle, lookups, uuids and flag queries.
 #include "context.h"
 
-#include <gtest/gtest.h>
-
 #include <cctype>
 #include <cstring>
 #include <set>
 #include <string>
 
-using zrtest::context_handle;
+using namespace zrtest;
 
 namespace {
 

@@ -2,14 +2,12 @@
 // appliance tree, with the dependencies it records.
 #include "appliance.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <functional>
 #include <iterator>
 #include <string>
 
-using zrtest::appliance;
+using namespace zrtest;
 
 namespace {
 
@@ -58,7 +56,7 @@ TEST(Evaluators, AbsentElementsSatisfyOnlyNotEqual)
 
 TEST(Evaluators, ExistsHoldsForAnyTypeOtherOperatorsNeedTheirType)
 {
-    zrtest::context_handle h;
+    context_handle h;
     cfg_element *text = cfg_new_string(h.get(), "5");
     EXPECT_EQ(evaluate_int_condition(text, EXISTS, 0), 1);
     EXPECT_EQ(evaluate_float_condition(text, EXISTS, 0), 1);
@@ -70,7 +68,7 @@ TEST(Evaluators, ExistsHoldsForAnyTypeOtherOperatorsNeedTheirType)
 
 TEST(Evaluators, OperatorsCompareByType)
 {
-    zrtest::context_handle h;
+    context_handle h;
     cfg_element *number = cfg_new_int(h.get(), -3);
     cfg_element *real = cfg_new_float(h.get(), 2.5);
     cfg_element *text = cfg_new_string(h.get(), "10");

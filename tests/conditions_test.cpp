@@ -1,14 +1,8 @@
 // Condition trees: refusals of the constructors, SQL text and JSON forms.
+#include "context.h"
 #include "log_capture.h"
 
-#include "zrconfig.h"
-
-#include <gtest/gtest.h>
-
 #include <functional>
-#include <memory>
-#include <string>
-#include <utility>
 
 namespace {
 
@@ -17,15 +11,8 @@ struct condition_deleter {
 };
 using condition_ptr = std::unique_ptr<cfg_condition, condition_deleter>;
 
-std::string owned_text(char *text)
-{
-    std::string out = text != nullptr ? text : "(none)";
-    free(text);
-    return out;
-}
-
-std::string sql(cfg_condition *c) { return owned_text(condition_to_sql(c)); }
-std::string json_text(cfg_condition *c) { return owned_text(condition_to_json_dump(c)); }
+std::string sql(cfg_condition *c) { return zrtest::taken(condition_to_sql(c)); }
+std::string json_text(cfg_condition *c) { return zrtest::taken(condition_to_json_dump(c)); }
 
 cfg_condition *node(cfg_condition *parent, std::initializer_list<cfg_condition *> children)
 {

@@ -1,13 +1,11 @@
 // Elements, replacement, list and map membership, references and deletion.
 #include "context.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <string>
 #include <vector>
 
-using zrtest::context_handle;
+using namespace zrtest;
 
 namespace {
 

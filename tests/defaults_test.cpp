@@ -2,18 +2,16 @@
 // appliance tree in normal and deterministic mode.
 #include "appliance.h"
 
-#include <gtest/gtest.h>
-
 #include <map>
 #include <string>
 
-using zrtest::appliance;
+using namespace zrtest;
 
 namespace {
 
 std::string derived(int type, const char *parent_uuid, const char *key)
 {
-    zrtest::context_handle h;
+    context_handle h;
     cfg_element *parent = cfg_init_map(h.get());
     strcpy(parent->uuid, parent_uuid);
     char out[CFG_UUID_SIZE];
@@ -30,13 +28,6 @@ std::map<std::string, unsigned int> index_of(cfg *ctx)
          e = static_cast<cfg_index_entry *>(e->hh.next))
         out[e->element->uuid] = e->element->type;
     return out;
-}
-
-int int_of(cfg_element *element)
-{
-    int value = -1;
-    cfg_int_value(element, &value);
-    return value;
 }
 
 } // namespace

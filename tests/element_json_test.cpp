@@ -1,25 +1,12 @@
 // The JSON form of elements, its value encodings, and json_path_get.
 #include "context.h"
-#include "json_text.h"
-
-#include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 
-using zrtest::context_handle;
-using zrtest::json_handle;
-using zrtest::parse_json;
+using namespace zrtest;
 
 namespace {
-
-std::string dump(json_t *value)
-{
-    char *text = json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY);
-    std::string out = text != nullptr ? text : "(null)";
-    free(text);
-    return out;
-}
 
 std::string encoded_value(cfg_element *element)
 {

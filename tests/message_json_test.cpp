@@ -1,17 +1,11 @@
 // Messages to and from JSON, as the daemon sends and receives them.
 #include "context.h"
-#include "json_text.h"
 #include "log_capture.h"
-
-#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-using zrtest::context_handle;
-using zrtest::json_handle;
-using zrtest::log_capture;
-using zrtest::parse_json;
+using namespace zrtest;
 
 TEST(MessageJson, EncodesStackInArgumentOrder)
 {

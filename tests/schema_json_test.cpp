@@ -2,28 +2,15 @@
 // reading rules that ignore values of the wrong JSON type, and the
 // deliberate asymmetries between writer and reader.
 #include "context.h"
-#include "json_text.h"
-
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
 
-using zrtest::context_handle;
-using zrtest::json_handle;
-using zrtest::parse_json;
-using zrtest::sorted_dump;
+using namespace zrtest;
 
 namespace {
-
-std::string take(char *text)
-{
-    std::string out = text != nullptr ? text : "(null)";
-    free(text);
-    return out;
-}
 
 cfg_schema_element *load(cfg *ctx, const char *text)
 {
@@ -107,7 +94,7 @@ TEST(SchemaJson, ApplianceSchemaLoadsNavigatesAndWritesBack)
     cfg_schema_element *ifl = cfg_get_schema_by_id(ctx, cfg_get_schema_mapelem(root, 0, "interfaces"));
     char *type_name = nullptr;
     ASSERT_TRUE(cfg_schema_list_values(ifl, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &type_name));
-    cfg_schema_element *iface = cfg_get_schema_node(ctx, cfg_get_type(ctx, take(type_name).c_str()));
+    cfg_schema_element *iface = cfg_get_schema_node(ctx, cfg_get_type(ctx, taken(type_name).c_str()));
     ASSERT_NE(iface, nullptr);
     cfg_schema_element *mtu = cfg_get_schema_node(ctx, cfg_get_schema_mapelem(iface, 0, "mtu"));
     int def = 0;

@@ -2,41 +2,27 @@
 // purging of deprecated members.
 #include "context.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
-using zrtest::context_handle;
+using namespace zrtest;
 
 namespace {
 
-std::vector<std::string> take_strings(char **texts, int count)
+texts take_strings(char **list, int count)
 {
-    std::vector<std::string> out;
-    for (int i = 0; i < count; i++) {
-        out.emplace_back(texts[i]);
-        free(texts[i]);
-    }
-    free(texts);
+    texts out;
+    for (int i = 0; i < count; i++)
+        out.push_back(taken(list[i]));
+    free(list);
     return out;
 }
 
-std::vector<std::string> keys_of(cfg_schema_element *elem, int which)
+texts keys_of(cfg_schema_element *elem, int which)
 {
     char **keys = nullptr;
     int count = -1;
     EXPECT_TRUE(cfg_schema_map_keys(elem, which, &keys, &count));
     return take_strings(keys, count);
-}
-
-std::string take(char *text)
-{
-    std::string out = text != nullptr ? text : "(null)";
-    free(text);
-    return out;
 }
 
 cfg_schema_value no_value()
@@ -76,8 +62,8 @@ TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     EXPECT_EQ(max, 32);
     EXPECT_EQ(min, 2);
     EXPECT_NE(def, s->u.string.default_value); // a copy
-    EXPECT_EQ(take(def), "eth0");
-    EXPECT_EQ(take(regex), "^eth[0-9]+$");
+    EXPECT_EQ(taken(def), "eth0");
+    EXPECT_EQ(taken(regex), "^eth[0-9]+$");
 
     cfg_schema_element *plain = cfg_load_schema_string(h.get(), "str-1", 0, 0, 0, 0, nullptr, nullptr);
     EXPECT_STREQ(plain->uuid, "str-1");
@@ -105,12 +91,12 @@ TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     ASSERT_TRUE(cfg_schema_list_values(l, &kind, nullptr, nullptr, nullptr, &max, &type, &name));
     EXPECT_EQ(kind, 2);
     EXPECT_EQ(max, 8);
-    EXPECT_EQ(take(name), "iface");
+    EXPECT_EQ(taken(name), "iface");
 
     cfg_schema_element *r = cfg_new_schema_reference(h.get(), "target-1");
     char *target = nullptr;
     EXPECT_TRUE(cfg_schema_reference_value(r, &target));
-    EXPECT_EQ(take(target), "target-1");
+    EXPECT_EQ(taken(target), "target-1");
     EXPECT_FALSE(cfg_schema_reference_value(cfg_init_schema_reference(h.get(), "r-2"), &target));
     EXPECT_EQ(target, nullptr);
 }
@@ -155,11 +141,11 @@ TEST(SchemaElements, IfValuesDependOnOperator)
     int op = 0, value_type = 0, priority = 0;
     cfg_schema_value out = no_value();
     ASSERT_TRUE(cfg_schema_if_values(eq, &path, &op, &value_type, &out, &priority));
-    EXPECT_EQ(take(path), ".mode");
+    EXPECT_EQ(taken(path), ".mode");
     EXPECT_EQ(op, 2);
     EXPECT_EQ(value_type, 3);
     EXPECT_EQ(priority, 9);
-    EXPECT_EQ(take(out.string_value), "static");
+    EXPECT_EQ(taken(out.string_value), "static");
     EXPECT_STREQ(eq->u.cond.value_id, "v-1");
 
     std::string long_id(100, 'x');
@@ -183,9 +169,9 @@ TEST(SchemaElements, AllowedValuesKeepOrderAndRepeats)
     ASSERT_EQ(cfg_schema_string_allowed_size(s), 2);
     char *value = nullptr;
     EXPECT_TRUE(cfg_schema_string_get_allowed_index(s, 0, &value));
-    EXPECT_EQ(take(value), "b");
+    EXPECT_EQ(taken(value), "b");
     EXPECT_TRUE(cfg_schema_string_get_allowed_index(s, 1, &value));
-    EXPECT_EQ(take(value), "a");
+    EXPECT_EQ(taken(value), "a");
     EXPECT_FALSE(cfg_schema_string_get_allowed_index(s, 2, &value));
     EXPECT_FALSE(cfg_schema_string_get_allowed_index(s, -1, &value));
 
@@ -250,7 +236,7 @@ TEST(SchemaTree, MemberAndConditionalLinks)
     EXPECT_TRUE(cfg_load_schema_mapid(m, 0, "name", "s-1"));
     EXPECT_TRUE(cfg_load_schema_mapid(m, 1, "mtu", "i-1"));
     EXPECT_FALSE(cfg_load_schema_mapid(m, 3, "x", "x-1"));
-    EXPECT_EQ(keys_of(m, 0), (std::vector<std::string>{"name"}));
+    EXPECT_EQ(keys_of(m, 0), (texts{"name"}));
     char **keys = reinterpret_cast<char **>(0x1);
     int count = -1;
     EXPECT_TRUE(cfg_schema_map_keys(m, 2, &keys, &count));
@@ -411,8 +397,8 @@ TEST(SchemaTree, SetterReplacesUnderTheSameUuid)
     EXPECT_EQ(cfg_schema_string_allowed_size(s), 0); // int entries do not carry over
     char *regex = nullptr, *def = nullptr;
     cfg_schema_string_values(s, nullptr, nullptr, nullptr, nullptr, &def, &regex);
-    EXPECT_EQ(take(regex), "^[0-9]+$");
-    EXPECT_EQ(take(def), "22");
+    EXPECT_EQ(taken(regex), "^[0-9]+$");
+    EXPECT_EQ(taken(def), "22");
     EXPECT_EQ(cfg_set_schema_bool(ctx, nullptr, 0, 0), nullptr);
 }
 
@@ -463,11 +449,11 @@ TEST(SchemaTypes, RegistryReplacesAndLists)
     EXPECT_STREQ(cfg_get_type(ctx, "interface"), "u-3");
     EXPECT_EQ(cfg_get_type(ctx, "group"), nullptr);
     cfg_types(ctx, &names, &count);
-    EXPECT_EQ(take_strings(names, count), (std::vector<std::string>{"user", "interface"}));
+    EXPECT_EQ(take_strings(names, count), (texts{"user", "interface"}));
     EXPECT_TRUE(cfg_delete_type(ctx, "user"));
     EXPECT_FALSE(cfg_delete_type(ctx, "user"));
     cfg_types(ctx, &names, &count);
-    EXPECT_EQ(take_strings(names, count), (std::vector<std::string>{"interface"}));
+    EXPECT_EQ(take_strings(names, count), (texts{"interface"}));
 }
 
 TEST(SchemaTypes, PurgeFollowsNamedListTypes)

@@ -2,15 +2,13 @@
 #include "context.h"
 #include "temp_dir.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdarg>
 #include <cstring>
 #include <fstream>
 #include <string>
 #include <sys/stat.h>
 
-using zrtest::context_handle;
+using namespace zrtest;
 
 namespace {
 
@@ -42,10 +40,7 @@ struct sample_tree {
 
 std::string canonical(cfg *ctx, cfg_element *e, unsigned flags, const char *sep)
 {
-    char *text = cfg_get_canonical_path(ctx, e, flags, sep);
-    std::string out = text != nullptr ? text : "(null)";
-    free(text);
-    return out;
+    return taken(cfg_get_canonical_path(ctx, e, flags, sep));
 }
 
 std::string basename(const char *uuid, cfg_parent_link *link, unsigned flags)
@@ -172,7 +167,7 @@ TEST(SimpleAccess, ValuesAndDoubledNotFoundMessages)
 
 class BlobFile : public ::testing::Test {
   protected:
-    zrtest::temp_dir dir;
+    temp_dir dir;
     sample_tree t;
 
     void SetUp() override

@@ -4,8 +4,6 @@
 #include "mini_daemon.h"
 #include "temp_dir.h"
 
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -13,9 +11,7 @@
 #include <utime.h>
 
 using namespace std::chrono_literals;
-using zrtest::context_handle;
-using zrtest::mini_daemon;
-using zrtest::temp_dir;
+using namespace zrtest;
 
 namespace {
 

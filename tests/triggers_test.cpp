@@ -2,12 +2,10 @@
 // validation context's bookkeeping.
 #include "appliance.h"
 
-#include <gtest/gtest.h>
-
 #include <initializer_list>
 #include <string>
 
-using zrtest::appliance;
+using namespace zrtest;
 
 namespace {
 

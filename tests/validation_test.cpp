@@ -1,18 +1,11 @@
 // Node validation: the appliance tree validated in full, every type rule with
 // its exact message, defaults, conditionals and custom validators.
 #include "network_appliance.h"
-#include "string_value.h"
-
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
-#include <string>
-#include <vector>
 
-using zrtest::network_appliance;
-using zrtest::string_of;
-using texts = std::vector<std::string>;
+using namespace zrtest;
 
 namespace {
 
@@ -20,13 +13,6 @@ struct vctx_handle {
     validation_context *v = static_cast<validation_context *>(calloc(1, sizeof *v));
     ~vctx_handle() { free_context(v); }
 };
-
-int int_of(cfg_element *element)
-{
-    int value = -1;
-    cfg_int_value(element, &value);
-    return value;
-}
 
 } // namespace
 
@@ -62,7 +48,7 @@ TEST(FullValidation, ApplianceGainsDefaultsAndSchemaBindings)
 
 TEST(FullValidation, EditsYieldExactlyOneMessage)
 {
-    const zrtest::test_material &m = zrtest::material();
+    const test_material &m = material();
     ASSERT_TRUE(m.complete);
     struct edit_case {
         const char *name;
@@ -140,8 +126,8 @@ namespace {
 
 // A context with a local lookup, log capture and a fresh validation context.
 struct rule_bench {
-    zrtest::log_capture log;
-    zrtest::context_handle h;
+    log_capture log;
+    context_handle h;
     vctx_handle vctx;
 
     cfg *ctx() const { return h.get(); }
@@ -150,10 +136,7 @@ struct rule_bench {
     {
         cfg_free_message_stack(ctx());
         EXPECT_EQ(cfg_validate_node(vctx.v, ctx(), element, schema), expected);
-        texts out;
-        for (int i = 0; i < cfg_message_count(ctx()); i++)
-            out.emplace_back(cfg_get_message_string(cfg_get_message_object(ctx(), i)));
-        return out;
+        return messages_of(ctx());
     }
     // Validates element against schema, expecting success exactly when no
     // message is expected.
@@ -188,7 +171,7 @@ TEST(TypeRules, IntBoundsAndAllowedValues)
         b.expect(cfg_new_int(b.ctx(), ic.value), s, ic.expected);
     }
     bool logged = false;
-    for (const zrtest::log_line &l : b.log.lines)
+    for (const log_line &l : b.log.lines)
         logged |= l.priority == 7 && l.file == "src/validation" && l.func == "cfg_validate_int" &&
                   l.message.find(" as int\n") != std::string::npos;
     EXPECT_TRUE(logged);

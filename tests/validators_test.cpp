@@ -4,57 +4,40 @@
 #include "log_capture.h"
 #include "test_material.h"
 
-#include <gtest/gtest.h>
-
 #include <crypt.h>
 #include <pwd.h>
-#include <string>
-#include <vector>
 
-using texts = std::vector<std::string>;
+using namespace zrtest;
 
 namespace {
 
 // A context with a root map, helpers to grow a tree, and a runner that goes
 // through the validator table.
-struct tree {
-    zrtest::context_handle h;
-    cfg *ctx = h.get();
-    cfg_element *root = cfg_load_map(ctx, "root-1");
+struct tree : tree_context {
+    cfg *c = ctx();
+    cfg_element *root = cfg_load_map(c, "root-1");
 
-    cfg_element *add(cfg_element *parent, const char *key, cfg_element *child)
-    {
-        key != nullptr ? cfg_add_mapelem(ctx, parent, key, child)
-                       : cfg_add_listelem(ctx, parent, child);
-        return child;
-    }
     cfg_element *map(cfg_element *parent, const char *key = nullptr)
     {
-        return add(parent, key, cfg_new_map(ctx));
+        return put(parent, key, cfg_new_map(c));
     }
     cfg_element *list(cfg_element *parent, const char *key)
     {
-        return add(parent, key, cfg_new_list(ctx));
+        return put(parent, key, cfg_new_list(c));
     }
-    cfg_element *text(const std::string &value) { return cfg_new_string(ctx, value.c_str()); }
+    cfg_element *text(const std::string &value) { return cfg_new_string(c, value.c_str()); }
     cfg_element *set(cfg_element *map, const char *key, const char *value)
     {
-        return cfg_map_set_string(ctx, map, key, value);
+        return cfg_map_set_string(c, map, key, value);
     }
     int run(const char *name, cfg_element *element, texts params = {})
     {
         std::vector<char *> argv;
         for (std::string &p : params)
             argv.push_back(p.data());
-        return get_validator(name)(ctx, element, argv.data(), static_cast<int>(argv.size()));
+        return get_validator(name)(c, element, argv.data(), static_cast<int>(argv.size()));
     }
-    texts messages() const
-    {
-        texts out;
-        for (int i = 0; i < cfg_message_count(ctx); i++)
-            out.emplace_back(cfg_get_message_string(cfg_get_message_object(ctx, i)));
-        return out;
-    }
+    texts messages() const { return messages_of(c); }
 };
 
 std::string des_hash(const char *clear, const char *salt)
@@ -86,7 +69,7 @@ TEST(ValidatorTable, RowsLookupAndSilentMismatches)
     tree t;
     for (const std::string &name : names)
         for (int count : {0, 1, 2, 3})
-            EXPECT_EQ(t.run(name.c_str(), cfg_new_bool(t.ctx, 1), texts(count, "x")), 0) << name;
+            EXPECT_EQ(t.run(name.c_str(), cfg_new_bool(t.c, 1), texts(count, "x")), 0) << name;
     cfg_element *net = t.map(t.root, "net");
     t.set(net, "ip", "10.0.0.1");
     t.set(net, "mask", "255.255.255.0");
@@ -124,7 +107,7 @@ TEST(ElementaryChecks, AddressesNamesAndRoles)
 
 TEST(KeysAndSecrets, SshKeys)
 {
-    const zrtest::test_material &m = zrtest::material();
+    const test_material &m = material();
     ASSERT_TRUE(m.complete);
     ASSERT_EQ(m.ssh_public.size(), 6u);
     for (const auto &[type, line] : m.ssh_public) {
@@ -140,8 +123,8 @@ TEST(KeysAndSecrets, SshKeys)
 
     tree t;
     const std::string &line = m.ssh_public.at("ssh-ed25519");
-    EXPECT_EQ(t.run("ssh_key", cfg_new_blob(t.ctx, line.data(), line.size())), 1);
-    EXPECT_EQ(t.run("ssh_key", cfg_new_blob(t.ctx, "ssh-rsa", 7)), 0);
+    EXPECT_EQ(t.run("ssh_key", cfg_new_blob(t.c, line.data(), line.size())), 1);
+    EXPECT_EQ(t.run("ssh_key", cfg_new_blob(t.c, "ssh-rsa", 7)), 0);
     EXPECT_EQ(t.run("ssh_key", t.text(line)), 0);
     EXPECT_EQ(t.messages(), texts{});
 }
@@ -167,7 +150,7 @@ TEST(KeysAndSecrets, PasswordsAgainstFixedSaltCrypt)
 
 TEST(KeysAndSecrets, CertificateKeyPairsAndCommonName)
 {
-    const zrtest::test_material &m = zrtest::material();
+    const test_material &m = material();
     ASSERT_TRUE(m.complete);
     const char *cert = m.certificate.c_str(), *key = m.key.c_str();
     const struct {
@@ -187,8 +170,8 @@ TEST(KeysAndSecrets, CertificateKeyPairsAndCommonName)
 
     tree t;
     cfg_element *tls = t.map(t.root, "tls");
-    cfg_map_set_blob(t.ctx, tls, "cert", m.certificate.data(), m.certificate.size());
-    cfg_map_set_blob(t.ctx, tls, "key", m.key.data(), m.key.size());
+    cfg_map_set_blob(t.c, tls, "cert", m.certificate.data(), m.certificate.size());
+    cfg_map_set_blob(t.c, tls, "key", m.key.data(), m.key.size());
     t.set(tls, "cn", "device.example");
     EXPECT_EQ(t.run("ssl_cert", tls, {"cert", "key", "cn"}), 1);
     t.set(tls, "cn", "other.example");
@@ -226,14 +209,14 @@ TEST(ListValidators, UniquenessReportsOneDuplicate)
 {
     tree t;
     cfg_element *names = t.list(t.root, "names");
-    t.add(names, nullptr, t.text("b"));
+    t.put(names, nullptr, t.text("b"));
     EXPECT_EQ(t.run("uniqueness", names, {"name"}), 1);
-    t.add(names, nullptr, t.text("a"));
-    cfg_append_future_listelem(t.ctx, names, t.text("b"));
+    t.put(names, nullptr, t.text("a"));
+    cfg_append_future_listelem(t.c, names, t.text("b"));
     EXPECT_EQ(t.run("uniqueness", names, {"name"}), 0);
     cfg_element *same = t.list(t.root, "same");
     for (int i = 0; i < 3; i++)
-        t.add(same, nullptr, t.text("a"));
+        t.put(same, nullptr, t.text("a"));
     EXPECT_EQ(t.run("uniqueness", same, {"name"}), 0);
 
     // Map items give the text at the path; items without one are left out.
@@ -266,9 +249,9 @@ TEST(ListValidators, TagsAndTemplates)
         return t.set(t.map(tag, "meta"), "id", name);
     };
     auto references = [&](std::initializer_list<cfg_element *> targets) {
-        cfg_element *list = cfg_new_list(t.ctx);
+        cfg_element *list = cfg_new_list(t.c);
         for (cfg_element *target : targets)
-            t.add(list, nullptr, cfg_new_reference(t.ctx, target->uuid));
+            t.put(list, nullptr, cfg_new_reference(t.c, target->uuid));
         return list;
     };
     cfg_element *red = tag("red"), *blue = tag("blue"), *red_again = tag("red");
@@ -308,7 +291,7 @@ TEST(MapValidators, DhcpConnectionsPerInterface)
         if (mode != nullptr)
             t.set(conn, "mode", mode);
         if (iface != nullptr)
-            cfg_map_set_reference(t.ctx, conn, "physif", iface->uuid);
+            cfg_map_set_reference(t.c, conn, "physif", iface->uuid);
         return conn;
     };
     cfg_element *first = connection("dhcp", eth0), *fixed = connection("static", eth0);
@@ -332,9 +315,9 @@ TEST(MapValidators, RolesAndPasswordPresence)
     t.set(admin, "rolename", "SummitAdmin");
     t.set(viewer, "rolename", "Viewer");
     auto group = [&](const char *mode, const char *holder, const char *key, cfg_element *role) {
-        cfg_element *g = cfg_new_map(t.ctx);
+        cfg_element *g = cfg_new_map(t.c);
         t.set(g, "mode", mode);
-        cfg_map_set_reference(t.ctx, t.map(g, holder), key, role->uuid);
+        cfg_map_set_reference(t.c, t.map(g, holder), key, role->uuid);
         return t.run("mode_roles", g);
     };
     EXPECT_EQ(group("global", "global_roles", "ref", admin), 1);
@@ -358,9 +341,9 @@ TEST(MapValidators, RolesAndPasswordPresence)
                  {0, nullptr, missing}, {-1, "x", ""}, {-1, nullptr, missing}};
     for (const auto &c : cases) {
         tree u;
-        cfg_element *user = cfg_new_map(u.ctx);
+        cfg_element *user = cfg_new_map(u.c);
         if (c.no_password >= 0)
-            cfg_map_set_bool(u.ctx, user, "no_password", c.no_password);
+            cfg_map_set_bool(u.c, user, "no_password", c.no_password);
         if (c.hash != nullptr)
             u.set(user, "hashed_password", c.hash);
         EXPECT_EQ(u.run("no_password", user), c.message.empty() ? 1 : 0);
@@ -379,7 +362,7 @@ TEST(StringValidators, DelimiterZoneAccountAndCondition)
     for (const char *refused : {"#", "::", "", " ", "`", "'", "=", "\"", "\t", "\x7f"})
         EXPECT_EQ(run("ssh_url_delimiter", refused), 0) << refused;
 
-    zrtest::log_capture log;
+    log_capture log;
     for (const char *zone : {"Europe/Berlin", "Europe", "UTC"})
         EXPECT_EQ(run("timezone", zone), 1) << zone;
     EXPECT_EQ(run("timezone", "Mars/Olympus"), 0);

@@ -4,8 +4,6 @@
 #include "log_capture.h"
 #include "scripted_daemon.h"
 
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <string>
 #include <sys/socket.h>
@@ -14,28 +12,11 @@
 using namespace std::chrono_literals;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
-using zrtest::client_context;
-using zrtest::context_handle;
-using zrtest::json_handle;
-using zrtest::scripted_daemon;
-using zrtest::step;
+using namespace zrtest;
 
 namespace {
 
 const scripted_daemon::socketpair_mode over_pair{};
-
-json_handle parse(const std::string &text)
-{
-    return json_handle(json_loads(text.c_str(), 0, nullptr));
-}
-
-std::string dump(json_t *value)
-{
-    char *text = value != nullptr ? json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY) : nullptr;
-    std::string out = text != nullptr ? text : "(none)";
-    free(text);
-    return out;
-}
 
 // Receives on fd and returns what standard error said meanwhile.
 std::string receive_failure(int fd, int timeout_ms = 10000)
@@ -91,7 +72,7 @@ TEST(WireFrame, ReceiveFailuresPrintTheirDiagnostic)
 {
     struct failure_case {
         const char *what;
-        zrtest::script steps;
+        script steps;
         const char *said;
     };
     const failure_case cases[] = {
@@ -107,7 +88,7 @@ TEST(WireFrame, ReceiveFailuresPrintTheirDiagnostic)
         {"close inside the payload",
          {step::truncated(10, R"({"a")"), step::close()},
          "cfg_receive read data unexpected peer close\n"},
-        {"zero length", {step::zero_length()}, "cfg_receive response len <= 0\n"},
+        {"zero length", {step::truncated(0)}, "cfg_receive response len <= 0\n"},
         {"length that wraps the buffer size",
          {step::truncated(0xFFFFFFFFu, "{}"), step::close()},
          "cfg_receive response buffer allocate failed: Cannot allocate memory\n"},
@@ -126,7 +107,7 @@ TEST(WireFrame, InvalidJsonIsLoggedWithTheParserText)
     json_error_t expected;
     ASSERT_EQ(json_loads(payload.c_str(), 0, &expected), nullptr);
     scripted_daemon daemon(over_pair, {step::reply(payload), step::reply("[1, 2]")});
-    zrtest::log_capture logs;
+    log_capture logs;
 
     EXPECT_EQ(receive_failure(daemon.client_socket()), "");
     ASSERT_EQ(logs.lines.size(), 1u);
@@ -165,7 +146,7 @@ TEST(WireFrame, ReceiveSetsTheTimeoutOnEveryCall)
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     for (const timeout_case &c : cases) {
         SCOPED_TRACE(c.ms);
-        std::string bytes = zrtest::frame("{}");
+        std::string bytes = frame("{}");
         ASSERT_EQ(write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
         json_handle value(cfg_receive_timeout(ends[0], c.ms));
         EXPECT_NE(value, nullptr);
@@ -221,7 +202,7 @@ TEST(WireRequest, OtherKeepaliveValuesAndOddShapesAreAnswers)
 {
     const char *answers[] = {R"({"keepalive": false})", R"({"keepalive": 1})", "[true]",
                              R"({"messages": "none"})", R"({"messages": [7, {"code": 1}]})"};
-    zrtest::script steps;
+    script steps;
     for (const char *answer : answers)
         steps.push_back(step::answer(answer));
     scripted_daemon daemon(steps);
@@ -230,7 +211,7 @@ TEST(WireRequest, OtherKeepaliveValuesAndOddShapesAreAnswers)
         SCOPED_TRACE(answer);
         json_handle request(cfg_build_request(ctx.get(), "search", json_object()));
         json_handle response(cfg_send_request(ctx.get(), request.get()));
-        EXPECT_EQ(dump(response.get()), dump(parse(answer).get()));
+        EXPECT_EQ(dump(response.get()), dump(parse_json(answer).get()));
     }
     EXPECT_EQ(cfg_message_count(ctx.get()), 0);
 }

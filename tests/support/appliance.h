@@ -34,8 +34,7 @@
 
 namespace zrtest {
 
-struct appliance {
-    context_handle h;
+struct appliance : tree_context {
     cfg_schema_element *s_root = nullptr, *s_system = nullptr, *s_dns = nullptr,
                        *s_interface = nullptr, *s_services = nullptr;
     cfg_element *root = nullptr, *system = nullptr, *hostname = nullptr, *mtu = nullptr,
@@ -46,15 +45,6 @@ struct appliance {
     {
         build_schema();
         build_tree();
-    }
-
-    cfg *ctx() const { return h.get(); }
-
-    // The member of map under key, or null.
-    cfg_element *member(cfg_element *map, const char *key) const
-    {
-        const char *uuid = cfg_get_mapelem(map, key);
-        return uuid != nullptr ? cfg_find_by_id(ctx(), uuid) : nullptr;
     }
 
   private:
@@ -70,12 +60,14 @@ struct appliance {
     {
         return cfg_init_schema_int(ctx(), uuid, 0, 0, 0, 0, has_default, def);
     }
-    cfg_schema_element *condition(cfg_schema_element *map, const char *uuid, const char *path,
-                                  int op, int value_type, cfg_schema_value value)
+    // A conditional of map whose branch requires key (schema member).
+    void condition(cfg_schema_element *map, const char *uuid, const char *path, int op,
+                   int value_type, cfg_schema_value value, const char *key,
+                   cfg_schema_element *member)
     {
         cfg_schema_element *cond = cfg_init_schema_if(ctx(), uuid, path, op, value_type, value, 0);
         cfg_add_schema_map_conditionalelem(ctx(), map, cond);
-        return cond;
+        cfg_load_schema_mapid(cond, 0, key, member->uuid);
     }
 
     void build_schema()
@@ -103,51 +95,34 @@ struct appliance {
         add(s_system, 0, "dns", s_dns);
 
         add(s_dns, 0, "enabled", cfg_init_schema_bool(c, "s-dns-enabled", 1, 1));
-        cfg_schema_value v{};
-        v.int_value = 1400;
-        cfg_schema_element *jumbo = condition(s_dns, "s-if-jumbo", "^mtu", 4, 2, v);
-        cfg_load_schema_mapid(jumbo, 0, "edns", cfg_init_schema_bool(c, "s-edns", 1, 1)->uuid);
-        v.bool_value = 1;
-        cfg_schema_element *dns_on = condition(s_dns, "s-if-dns-on", ".enabled", 2, 1, v);
-        cfg_load_schema_mapid(dns_on, 0, "cache", int_schema("s-cache", true, 512)->uuid);
+        condition(s_dns, "s-if-jumbo", "^mtu", 4, 2, {.int_value = 1400}, "edns",
+                  cfg_init_schema_bool(c, "s-edns", 1, 1));
+        condition(s_dns, "s-if-dns-on", ".enabled", 2, 1, {.bool_value = 1}, "cache",
+                  int_schema("s-cache", true, 512));
 
         add(s_interface, 0, "name", string_schema("s-if-name", nullptr));
         add(s_interface, 0, "enabled", cfg_init_schema_bool(c, "s-if-enabled", 1, 0));
         add(s_interface, 1, "mode", string_schema("s-if-mode", "static"));
-        v.string_value = const_cast<char *>("dhcp");
-        cfg_schema_element *dhcp = condition(s_interface, "s-if-dhcp", ".mode", 2, 3, v);
-        cfg_load_schema_mapid(dhcp, 0, "lease", int_schema("s-lease", true, 3600)->uuid);
-        v.string_value = const_cast<char *>("appliance");
-        cfg_schema_element *host =
-            condition(s_interface, "s-if-host", "^^system.hostname", 3, 3, v);
-        cfg_load_schema_mapid(host, 0, "label", string_schema("s-label", "custom")->uuid);
+        condition(s_interface, "s-if-dhcp", ".mode", 2, 3,
+                  {.string_value = const_cast<char *>("dhcp")}, "lease",
+                  int_schema("s-lease", true, 3600));
+        condition(s_interface, "s-if-host", "^^system.hostname", 3, 3,
+                  {.string_value = const_cast<char *>("appliance")}, "label",
+                  string_schema("s-label", "custom"));
 
         cfg_schema_element *ssh = cfg_init_schema_map(c, "s-ssh");
         add(s_services, 0, "ssh", ssh);
         add(ssh, 0, "port", int_schema("s-port", true, 22));
     }
 
-    cfg_element *load_map(cfg_element *parent, const char *key, const char *uuid)
-    {
-        cfg_element *map = cfg_load_map(ctx(), uuid);
-        cfg_add_mapelem(ctx(), parent, key, map);
-        return map;
-    }
-    cfg_element *load_string(cfg_element *map, const char *key, const char *uuid, const char *text)
-    {
-        cfg_element *s = cfg_load_string(ctx(), uuid, text);
-        cfg_add_mapelem(ctx(), map, key, s);
-        return s;
-    }
     cfg_element *load_interface(const char *uuid, const char *name, bool pending)
     {
         cfg_element *map = cfg_load_map(ctx(), uuid);
         if (pending)
             cfg_append_future_listelem(ctx(), interfaces, map);
         else
-            cfg_add_listelem(ctx(), interfaces, map);
-        std::string key = std::string(uuid) + "-name-elem";
-        load_string(map, "name", key.c_str(), name);
+            put(interfaces, nullptr, map);
+        put(map, "name", cfg_load_string(ctx(), (std::string(uuid) + "-name-elem").c_str(), name));
         return map;
     }
 
@@ -156,15 +131,13 @@ struct appliance {
         cfg *c = ctx();
         root = cfg_load_map(c, "root-1");
         strcpy(root->schema, "s-root");
-        system = load_map(root, "system", "sys0-aaaa-bbbb-cccc-0001");
-        hostname = load_string(system, "hostname", "host-1", "box");
-        mtu = cfg_load_int(c, "mtu-1", 9000);
-        cfg_add_mapelem(c, system, "mtu", mtu);
-        dns = load_map(system, "dns", "dns-1");
-        interfaces = cfg_load_list(c, "ifs-1");
-        cfg_add_mapelem(c, root, "interfaces", interfaces);
+        system = put(root, "system", cfg_load_map(c, "sys0-aaaa-bbbb-cccc-0001"));
+        hostname = put(system, "hostname", cfg_load_string(c, "host-1", "box"));
+        mtu = put(system, "mtu", cfg_load_int(c, "mtu-1", 9000));
+        dns = put(system, "dns", cfg_load_map(c, "dns-1"));
+        interfaces = put(root, "interfaces", cfg_load_list(c, "ifs-1"));
         if1 = load_interface("if-1", "eth0", false);
-        load_string(if1, "mode", "mode-1", "dhcp");
+        put(if1, "mode", cfg_load_string(c, "mode-1", "dhcp"));
         if2 = load_interface("if-2", "eth1", false);
         if3 = load_interface("if-3", "eth2", true);
     }

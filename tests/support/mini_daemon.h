@@ -41,11 +41,6 @@ class mini_daemon {
         std::lock_guard<std::mutex> lock(mutex_);
         store_[json_string_value(json_object_get(element, "id"))] = json_handle(element);
     }
-    void erase(const std::string &id)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        store_.erase(id);
-    }
     // The answer to hello and get_schema; push results.
     void set_hello(const std::string &text) { set(hello_, text); }
     void set_schema(const std::string &text) { set(schema_, text); }

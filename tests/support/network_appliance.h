@@ -25,14 +25,8 @@
 #pragma once
 
 #include "context.h"
-#include "json_text.h"
 #include "log_capture.h"
 #include "test_material.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 namespace zrtest {
 
@@ -103,9 +97,8 @@ inline const char network_appliance_schema[] = R"([
  {"id": "n-cert-cn", "type": 4}
 ])";
 
-struct network_appliance {
+struct network_appliance : tree_context {
     log_capture log;
-    context_handle h;
     cfg_element *root = nullptr, *system = nullptr, *network = nullptr, *conns = nullptr,
                 *conn1 = nullptr, *conn2 = nullptr, *users = nullptr, *user1 = nullptr,
                 *user2 = nullptr, *certs = nullptr, *cert1 = nullptr;
@@ -116,24 +109,7 @@ struct network_appliance {
         build_tree();
     }
 
-    cfg *ctx() const { return h.get(); }
-
-    // The member of map under key, or null.
-    cfg_element *member(cfg_element *map, const char *key) const
-    {
-        const char *uuid = cfg_get_mapelem(map, key);
-        return uuid != nullptr ? cfg_find_by_id(ctx(), uuid) : nullptr;
-    }
-
-    // Every message on the stack, oldest first.
-    std::vector<std::string> messages() const
-    {
-        std::vector<std::string> texts;
-        for (int i = 0; i < cfg_message_count(ctx()); i++)
-            texts.emplace_back(cfg_get_message_string(cfg_get_message_object(ctx(), i)));
-        return texts;
-    }
-
+    texts messages() const { return messages_of(ctx()); }
     void clear_messages() const { cfg_free_message_stack(ctx()); }
 
     // Clears every element's flags, as a commit would.
@@ -144,18 +120,15 @@ struct network_appliance {
             e->element->flags = 0;
     }
 
+    // Loads a string or int member into map.
     cfg_element *load_string(cfg_element *map, const char *key, const char *uuid,
                              const char *text) const
     {
-        cfg_element *s = cfg_load_string(ctx(), uuid, text);
-        cfg_add_mapelem(ctx(), map, key, s);
-        return s;
+        return put(map, key, cfg_load_string(ctx(), uuid, text));
     }
     cfg_element *load_int(cfg_element *map, const char *key, const char *uuid, int value) const
     {
-        cfg_element *i = cfg_load_int(ctx(), uuid, value);
-        cfg_add_mapelem(ctx(), map, key, i);
-        return i;
+        return put(map, key, cfg_load_int(ctx(), uuid, value));
     }
 
   private:
@@ -163,7 +136,6 @@ struct network_appliance {
     {
         cfg *c = ctx();
         json_handle nodes = parse_json(network_appliance_schema);
-        ASSERT_NE(nodes, nullptr);
         size_t i;
         json_t *value;
         json_array_foreach(nodes.get(), i, value)
@@ -178,65 +150,48 @@ struct network_appliance {
         cfg_add_type(c, "certificate", "n-cert");
     }
 
-    cfg_element *load_map(cfg_element *parent, const char *key, const char *uuid)
+    cfg_element *map(cfg_element *parent, const char *key, const char *uuid)
     {
-        cfg_element *map = cfg_load_map(ctx(), uuid);
-        cfg_add_mapelem(ctx(), parent, key, map);
-        return map;
-    }
-    cfg_element *load_list(cfg_element *parent, const char *key, const char *uuid)
-    {
-        cfg_element *list = cfg_load_list(ctx(), uuid);
-        cfg_add_mapelem(ctx(), parent, key, list);
-        return list;
-    }
-    cfg_element *load_item(cfg_element *list, const char *uuid)
-    {
-        cfg_element *map = cfg_load_map(ctx(), uuid);
-        cfg_add_listelem(ctx(), list, map);
-        return map;
-    }
-    void load_blob(cfg_element *map, const char *key, const char *uuid, const std::string &text)
-    {
-        cfg_add_mapelem(ctx(), map, key, cfg_load_blob(ctx(), uuid, text.data(), text.size()));
+        return put(parent, key, cfg_load_map(ctx(), uuid));
     }
 
     void build_tree()
     {
+        cfg *c = ctx();
         const test_material &m = material();
-        root = cfg_load_map(ctx(), "root-1");
-        system = load_map(root, "system", "sys-1");
-        network = load_map(root, "network", "net-1");
-        conns = load_list(network, "conns", "conns-1");
-        users = load_list(root, "users", "users-1");
-        certs = load_list(root, "certificates", "certs-1");
+        root = cfg_load_map(c, "root-1");
+        system = map(root, "system", "sys-1");
+        network = map(root, "network", "net-1");
+        conns = put(network, "conns", cfg_load_list(c, "conns-1"));
+        users = put(root, "users", cfg_load_list(c, "users-1"));
+        certs = put(root, "certificates", cfg_load_list(c, "certs-1"));
 
-        cert1 = load_item(certs, "cert-1");
+        cert1 = map(certs, nullptr, "cert-1");
         load_string(cert1, "name", "cert-name-1", "web");
-        load_blob(cert1, "certificate", "cert-pem-1", m.certificate);
-        load_blob(cert1, "key", "cert-key-1", m.key);
+        put(cert1, "certificate",
+            cfg_load_blob(c, "cert-pem-1", m.certificate.data(), m.certificate.size()));
+        put(cert1, "key", cfg_load_blob(c, "cert-key-1", m.key.data(), m.key.size()));
         load_string(cert1, "common_name", "cert-cn-1", "device.example");
 
         load_string(system, "hostname", "host-1", "gateway");
         load_string(system, "motd", "motd-1", "Authorised use only");
-        cfg_add_mapelem(ctx(), system, "web_certificate",
-                        cfg_load_reference(ctx(), "webcert-1", "cert-1"));
+        put(system, "web_certificate", cfg_load_reference(c, "webcert-1", "cert-1"));
 
-        conn1 = load_item(conns, "conn-1");
+        conn1 = map(conns, nullptr, "conn-1");
         load_string(conn1, "name", "conn-name-1", "wan");
         load_string(conn1, "mode", "conn-mode-1", "dhcp");
-        conn2 = load_item(conns, "conn-2");
+        conn2 = map(conns, nullptr, "conn-2");
         load_string(conn2, "name", "conn-name-2", "lan");
         load_string(conn2, "mode", "conn-mode-2", "static");
         load_int(conn2, "mtu", "conn-mtu-2", 1500);
         load_string(conn2, "address", "conn-address-2", "192.168.1.1");
         load_int(conn2, "netmask", "conn-netmask-2", 24);
 
-        user1 = load_item(users, "user-1");
+        user1 = map(users, nullptr, "user-1");
         load_string(user1, "name", "user-name-1", "admin");
         load_string(user1, "role", "user-role-1", "admin");
         load_int(user1, "uid", "user-uid-1", 1000);
-        user2 = load_item(users, "user-2");
+        user2 = map(users, nullptr, "user-2");
         load_string(user2, "name", "user-name-2", "operator");
         load_string(user2, "role", "user-role-2", "operator");
         load_int(user2, "uid", "user-uid-2", 1001);

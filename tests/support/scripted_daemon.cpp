@@ -57,71 +57,6 @@ std::string frame(const std::string &payload)
     return frame_prefix(static_cast<uint32_t>(payload.size())) + payload;
 }
 
-step step::receive()
-{
-    step s;
-    s.reads_request = true;
-    return s;
-}
-
-step step::answer(const std::string &json_text)
-{
-    step s = reply(json_text);
-    s.reads_request = true;
-    return s;
-}
-
-step step::reply(const std::string &json_text)
-{
-    return raw(frame(json_text));
-}
-
-step step::keepalive()
-{
-    return reply(R"({"keepalive": true})");
-}
-
-step step::raw(const std::string &bytes)
-{
-    step s;
-    s.what = kind::send_bytes;
-    s.bytes = bytes;
-    return s;
-}
-
-step step::zero_length()
-{
-    return raw(frame_prefix(0));
-}
-
-step step::truncated(uint32_t length, const std::string &part)
-{
-    return raw(frame_prefix(length) + part);
-}
-
-step step::close()
-{
-    step s;
-    s.what = kind::close;
-    return s;
-}
-
-step step::wait(std::chrono::milliseconds duration)
-{
-    step s;
-    s.what = kind::wait;
-    s.duration = duration;
-    return s;
-}
-
-step step::serve(request_handler handler)
-{
-    step s;
-    s.what = kind::serve;
-    s.handler = std::move(handler);
-    return s;
-}
-
 scripted_daemon::scripted_daemon(script steps) : steps_(std::move(steps))
 {
     char templ[] = "/tmp/zrdaemon-XXXXXX";
@@ -162,13 +97,6 @@ scripted_daemon::~scripted_daemon()
         unlink(path_.c_str());
     if (!dir_.empty())
         rmdir(dir_.c_str());
-}
-
-int scripted_daemon::take_client_socket()
-{
-    int fd = client_fd_;
-    client_fd_ = -1;
-    return fd;
 }
 
 void scripted_daemon::start()

@@ -32,14 +32,14 @@
 
 namespace zrtest {
 
-struct json_decref_deleter {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using json_handle = std::unique_ptr<json_t, json_decref_deleter>;
-
 // Answers a request (borrowed; null when the frame held no JSON) with a new
 // response, or with null to close the connection.
 using request_handler = std::function<json_t *(json_t *request)>;
+
+// The 4-byte big-endian prefix of a frame of length bytes.
+std::string frame_prefix(uint32_t length);
+// A whole frame around payload.
+std::string frame(const std::string &payload);
 
 // One step of a script: it may first read a request, then it acts.
 struct step {
@@ -47,39 +47,38 @@ struct step {
 
     bool reads_request = false;
     kind what = kind::none;
-    std::string bytes;                     // send_bytes
+    std::string bytes{};                   // send_bytes
     std::chrono::milliseconds duration{0}; // wait
-    request_handler handler;               // serve
+    request_handler handler{};             // serve
 
     // Reads one request frame and records it.
-    static step receive();
-    // Reads one request, then replies with a frame holding json_text.
-    static step answer(const std::string &json_text);
-    // Sends a frame holding the text as it stands (valid JSON or not).
-    static step reply(const std::string &json_text);
-    // Sends {"keepalive": true}.
-    static step keepalive();
+    static step receive() { return {.reads_request = true}; }
     // Sends bytes as they stand, with no prefix.
-    static step raw(const std::string &bytes);
-    // Sends a frame whose prefix says 0.
-    static step zero_length();
+    static step raw(const std::string &bytes) { return {.what = kind::send_bytes, .bytes = bytes}; }
+    // Sends a frame holding the text as it stands (valid JSON or not).
+    static step reply(const std::string &json_text) { return raw(frame(json_text)); }
+    // Reads one request, then replies with a frame holding json_text.
+    static step answer(const std::string &json_text)
+    {
+        step s = reply(json_text);
+        s.reads_request = true;
+        return s;
+    }
+    static step keepalive() { return reply(R"({"keepalive": true})"); }
     // Sends a prefix announcing length bytes, then only the given part of the
     // payload (nothing by default); follow it with close() or wait().
-    static step truncated(uint32_t length, const std::string &part = "");
-    // Closes the connection.
-    static step close();
+    static step truncated(uint32_t length, const std::string &part = "")
+    {
+        return raw(frame_prefix(length) + part);
+    }
+    static step close() { return {.what = kind::close}; }
     // Waits (cut short when the daemon stops).
-    static step wait(std::chrono::milliseconds duration);
+    static step wait(std::chrono::milliseconds d) { return {.what = kind::wait, .duration = d}; }
     // Answers every request with handler until the client closes.
-    static step serve(request_handler handler);
+    static step serve(request_handler h) { return {.what = kind::serve, .handler = std::move(h)}; }
 };
 
 using script = std::vector<step>;
-
-// The 4-byte big-endian prefix of a frame of length bytes.
-std::string frame_prefix(uint32_t length);
-// A whole frame around payload.
-std::string frame(const std::string &payload);
 
 class scripted_daemon {
   public:
@@ -97,8 +96,6 @@ class scripted_daemon {
     const std::string &socket_path() const { return path_; }
     // Socketpair mode: the client's end, closed by the destructor.
     int client_socket() const { return client_fd_; }
-    // Socketpair mode: hands the client's end over; the caller closes it.
-    int take_client_socket();
 
     // Requests read so far.
     size_t request_count() const;

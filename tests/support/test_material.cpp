@@ -1,7 +1,7 @@
 #include "test_material.h"
+#include "temp_dir.h"
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -56,13 +56,8 @@ test_material generate_in(const fs::path &dir)
 const test_material &material()
 {
     static const test_material made = [] {
-        std::string dir = (fs::temp_directory_path() / "zrmaterial.XXXXXX").string();
-        if (mkdtemp(dir.data()) == nullptr)
-            return test_material{};
-        test_material m = generate_in(dir);
-        std::error_code ignored;
-        fs::remove_all(dir, ignored);
-        return m;
+        temp_dir dir;
+        return dir.path().empty() ? test_material{} : generate_in(dir.path());
     }();
     return made;
 }
