@@ -32,18 +32,6 @@ cfg_schema_validator *validator(cfg *ctx, std::initializer_list<const char *> pa
 
 } // namespace
 
-TEST(TriggerTables, EmptyTablesPrintTwoRules)
-{
-    appliance a;
-    int result = 0;
-    EXPECT_EQ(printed(a.ctx(), &result), rule + "\n" + rule + "\n");
-    EXPECT_EQ(result, 54);
-
-    cfg_create_validator_triggers(a.ctx(), a.if1, validator(a.ctx(), {}));
-    EXPECT_EQ(a.ctx()->pattern_triggers, nullptr);
-    EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
-}
-
 TEST(TriggerTables, ValidatorPathsFollowTheEscapedStaticPathOnce)
 {
     appliance a;
@@ -76,6 +64,8 @@ TEST(TriggerTables, LocallyMadeElementsDropTheirUuidPrefix)
 TEST(TriggerTables, FreeingEmptiesEveryTable)
 {
     appliance a;
+    cfg_create_validator_triggers(a.ctx(), a.if1, validator(a.ctx(), {})); // no paths: nothing
+    EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
     cfg_create_validator_triggers(a.ctx(), a.if1, validator(a.ctx(), {"\\.name"}));
     cfg_schema_value v{.int_value = 1};
     EXPECT_TRUE(
@@ -90,7 +80,9 @@ TEST(TriggerTables, FreeingEmptiesEveryTable)
     EXPECT_EQ(a.ctx()->path_triggers, nullptr);
     EXPECT_EQ(a.ctx()->pattern_triggers, nullptr);
     EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
-    EXPECT_EQ(printed(a.ctx()), rule + "\n" + rule + "\n");
+    int result = 0; // empty tables print the two rules alone
+    EXPECT_EQ(printed(a.ctx(), &result), rule + "\n" + rule + "\n");
+    EXPECT_EQ(result, 54);
 
     // The tables fill again and go with the context.
     cfg_create_validator_triggers(a.ctx(), a.if2, validator(a.ctx(), {"\\.name"}));
