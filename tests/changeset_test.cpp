@@ -3,8 +3,6 @@
 #include "context.h"
 #include "log_capture.h"
 
-#include <string>
-
 using namespace zrtest;
 
 namespace {

@@ -7,7 +7,6 @@
 #include "scripted_daemon.h"
 
 #include <cerrno>
-#include <string>
 #include <unistd.h>
 
 using namespace std::chrono_literals;

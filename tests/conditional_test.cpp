@@ -5,7 +5,6 @@
 #include <cmath>
 #include <functional>
 #include <iterator>
-#include <string>
 
 using namespace zrtest;
 

@@ -2,8 +2,6 @@
 #include "context.h"
 
 #include <cstring>
-#include <string>
-#include <vector>
 
 using namespace zrtest;
 

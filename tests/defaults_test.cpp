@@ -3,7 +3,6 @@
 #include "appliance.h"
 
 #include <map>
-#include <string>
 
 using namespace zrtest;
 

@@ -2,7 +2,6 @@
 #include "context.h"
 
 #include <cstring>
-#include <string>
 
 using namespace zrtest;
 

@@ -2,9 +2,6 @@
 #include "context.h"
 #include "log_capture.h"
 
-#include <string>
-#include <vector>
-
 using namespace zrtest;
 
 TEST(MessageJson, EncodesStackInArgumentOrder)

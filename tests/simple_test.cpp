@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <fstream>
-#include <string>
 #include <sys/stat.h>
 
 using namespace zrtest;

@@ -6,7 +6,6 @@
 
 #include <fstream>
 #include <sstream>
-#include <string>
 #include <sys/stat.h>
 #include <utime.h>
 

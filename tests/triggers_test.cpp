@@ -3,7 +3,6 @@
 #include "appliance.h"
 
 #include <initializer_list>
-#include <string>
 
 using namespace zrtest;
 

@@ -5,7 +5,6 @@
 #include "scripted_daemon.h"
 
 #include <csignal>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 

@@ -30,7 +30,6 @@
 #include "context.h"
 
 #include <cstring>
-#include <string>
 
 namespace zrtest {
 

@@ -9,7 +9,6 @@
 
 #include <map>
 #include <mutex>
-#include <string>
 
 namespace zrtest {
 

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <poll.h>
 #include <stdexcept>
@@ -198,8 +197,8 @@ bool scripted_daemon::serve(int connection, const request_handler &handler)
     }
 }
 
-// Reads one request frame and records it; a copy of the parsed request goes
-// to *parsed when asked for.
+// Reads one request frame and records it; the parsed request goes to
+// *parsed when asked for.
 bool scripted_daemon::read_request(int connection, json_handle *parsed)
 {
     char prefix[4];
@@ -213,11 +212,9 @@ bool scripted_daemon::read_request(int connection, json_handle *parsed)
     std::string text(length, '\0');
     if (!read_exactly(connection, text.data(), length))
         return false;
-    json_error_t error;
-    json_handle request(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, &error));
-    if (parsed != nullptr && request != nullptr)
-        parsed->reset(json_deep_copy(request.get()));
-    record(std::move(text), std::move(request));
+    if (parsed != nullptr)
+        parsed->reset(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
+    record(std::move(text));
     return true;
 }
 
@@ -246,11 +243,10 @@ bool scripted_daemon::write_all(int fd, const std::string &bytes)
     });
 }
 
-void scripted_daemon::record(std::string text, json_handle parsed)
+void scripted_daemon::record(std::string text)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     texts_.push_back(std::move(text));
-    parsed_.push_back(std::move(parsed));
     changed_.notify_all();
 }
 
@@ -275,10 +271,8 @@ std::string scripted_daemon::request_text(size_t i) const
 
 json_handle scripted_daemon::request(size_t i) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (i >= parsed_.size() || parsed_[i] == nullptr)
-        return nullptr;
-    return json_handle(json_deep_copy(parsed_[i].get()));
+    std::string text = request_text(i);
+    return json_handle(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
 }
 
 bool scripted_daemon::wait_for_requests(size_t count, std::chrono::milliseconds limit) const

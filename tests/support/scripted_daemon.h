@@ -24,11 +24,8 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace zrtest {
 
@@ -122,7 +119,7 @@ class scripted_daemon {
     bool wait_for(int fd, short events);
     bool read_exactly(int fd, char *buffer, size_t size);
     bool write_all(int fd, const std::string &bytes);
-    void record(std::string text, json_handle parsed);
+    void record(std::string text);
     void step_done();
 
     script steps_;
@@ -139,7 +136,6 @@ class scripted_daemon {
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<std::string> texts_;
-    std::vector<json_handle> parsed_;
     size_t steps_done_ = 0;
 };
 
