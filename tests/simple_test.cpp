@@ -178,11 +178,6 @@ class BlobFile : public ::testing::Test {
     {
         return cfg_simple_sync_blob_to_file(t.ctx(), path, file.c_str(), mode);
     }
-    static std::string read_file(const std::string &file)
-    {
-        std::ifstream in(file, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
     static unsigned mode_of(const std::string &file)
     {
         struct stat st;

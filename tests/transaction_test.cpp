@@ -5,7 +5,6 @@
 #include "temp_dir.h"
 
 #include <fstream>
-#include <sstream>
 #include <sys/stat.h>
 #include <utime.h>
 
@@ -67,11 +66,9 @@ TEST(Transaction, SavedWorkReopensWithItsFlags)
     EXPECT_EQ(info.st_mode & 0777, 0755u);
     ASSERT_EQ(stat(file_of(dir, id.c_str()).c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
-    std::ifstream file(file_of(dir, id.c_str()));
-    std::stringstream text;
-    text << file.rdbuf();
-    EXPECT_EQ(text.str().rfind(R"({"deleted": [], "added": [{)", 0), 0u);
-    EXPECT_NE(text.str().back(), '\n');
+    std::string text = read_file(file_of(dir, id.c_str()));
+    EXPECT_EQ(text.rfind(R"({"deleted": [], "added": [{)", 0), 0u);
+    EXPECT_NE(text.back(), '\n');
 
     context_handle next;
     use_dir(next.get(), dir);

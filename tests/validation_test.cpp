@@ -50,46 +50,35 @@ TEST(FullValidation, EditsYieldExactlyOneMessage)
 {
     const test_material &m = material();
     ASSERT_TRUE(m.complete);
+    using na = network_appliance;
     struct edit_case {
-        const char *name;
-        std::function<void(network_appliance &)> edit;
+        std::function<void(na &)> edit;
         texts expected;
     };
-    auto set_string = [](network_appliance &a, cfg_element *map, const char *key,
-                         const char *text) { cfg_set_string(a.ctx(), a.member(map, key), text); };
+    // An edit that sets the string member key of a fixture map to text.
+    auto set = [](cfg_element *na::*map, const char *key, const char *text) {
+        return [=](na &a) { cfg_set_string(a.ctx(), a.member(a.*map, key), text); };
+    };
     const std::vector<edit_case> cases = {
-        {"uid outside range",
-         [](network_appliance &a) { cfg_set_int(a.ctx(), a.member(a.user2, "uid"), 70000); },
+        {[](na &a) { cfg_set_int(a.ctx(), a.member(a.user2, "uid"), 70000); },
          {"Number is outside the allowed range of 1000-60000."}},
-        {"hostname format",
-         [&](network_appliance &a) { set_string(a, a.system, "hostname", "Gateway"); },
-         {"String did not conform to the expected format."}},
-        {"mode not allowed",
-         [&](network_appliance &a) { set_string(a, a.conn1, "mode", "pppoe"); },
-         {"'pppoe' is not in the list of allowed values"}},
-        {"static branch turns address required",
-         [&](network_appliance &a) { set_string(a, a.conn1, "mode", "static"); },
-         {"Required field 'address' is not present"}},
-        {"address validator",
-         [&](network_appliance &a) { set_string(a, a.conn2, "address", "300.1.1.1"); },
-         {"'300.1.1.1' is not a valid network address"}},
-        {"duplicate user names",
-         [&](network_appliance &a) { set_string(a, a.user2, "name", "admin"); },
-         {"Duplicate 'name' fields with value 'admin'"}},
-        {"certificate with a foreign key",
-         [&](network_appliance &a) {
-             cfg_set_blob(a.ctx(), a.member(a.cert1, "key"), m.other_key.data(),
-                          m.other_key.size());
+        {set(&na::system, "hostname", "Gateway"), {"String did not conform to the expected format."}},
+        {set(&na::conn1, "mode", "pppoe"), {"'pppoe' is not in the list of allowed values"}},
+        // The static branch turns the address required.
+        {set(&na::conn1, "mode", "static"), {"Required field 'address' is not present"}},
+        {set(&na::conn2, "address", "300.1.1.1"), {"'300.1.1.1' is not a valid network address"}},
+        {set(&na::user2, "name", "admin"), {"Duplicate 'name' fields with value 'admin'"}},
+        {[&](na &a) {
+             cfg_set_blob(a.ctx(), a.member(a.cert1, "key"), m.other_key.data(), m.other_key.size());
          },
          {"Certificate / Key combination failed validation"}},
-        {"proxy branch without a default",
-         [](network_appliance &a) { a.load_string(a.system, "proxy_mode", "proxy-1", "http"); },
+        // A branch whose member has no default.
+        {[](na &a) { a.load_string(a.system, "proxy_mode", "proxy-1", "http"); },
          {"Required field 'proxy_port' is not present"}},
-        {"deprecated member is left alone",
-         [](network_appliance &a) { a.load_int(a.system, "legacy_port", "legacy-1", 99); },
-         {}},
-        {"unknown members, one message each",
-         [](network_appliance &a) {
+        // A deprecated member is left alone.
+        {[](na &a) { a.load_int(a.system, "legacy_port", "legacy-1", 99); }, {}},
+        // Unknown members, one message each.
+        {[](na &a) {
              a.load_string(a.system, "colour", "colour-1", "blue");
              a.load_string(a.conn2, "vlan", "vlan-2", "7");
              cfg_load_int(a.ctx(), "orphan-1", 3);
@@ -98,11 +87,11 @@ TEST(FullValidation, EditsYieldExactlyOneMessage)
           "Element [vlan-2] with name 'vlan' does not match any schema element",
           "Element [orphan-1] with name '[unknown]' does not match any schema element"}},
     };
-    for (const edit_case &ec : cases) {
+    for (size_t i = 0; i < cases.size(); i++) {
         network_appliance a;
-        ec.edit(a);
-        EXPECT_EQ(cfg_validate_data(a.ctx()), ec.expected.empty() ? 1 : 0) << ec.name;
-        EXPECT_EQ(a.messages(), ec.expected) << ec.name;
+        cases[i].edit(a);
+        EXPECT_EQ(cfg_validate_data(a.ctx()), cases[i].expected.empty() ? 1 : 0) << i;
+        EXPECT_EQ(a.messages(), cases[i].expected) << i;
     }
 }
 

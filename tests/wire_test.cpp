@@ -74,22 +74,15 @@ TEST(WireFrame, ReceiveFailuresPrintTheirDiagnostic)
         script steps;
         const char *said;
     };
+    const char *len_closed = "cfg_receive read len unexpected peer close\n";
+    const char *data_closed = "cfg_receive read data unexpected peer close\n";
     const failure_case cases[] = {
-        {"close before the prefix",
-         {step::close()},
-         "cfg_receive read len unexpected peer close\n"},
-        {"close inside the prefix",
-         {step::raw(std::string("\0\0", 2)), step::close()},
-         "cfg_receive read len unexpected peer close\n"},
-        {"close after the prefix",
-         {step::truncated(10), step::close()},
-         "cfg_receive read data unexpected peer close\n"},
-        {"close inside the payload",
-         {step::truncated(10, R"({"a")"), step::close()},
-         "cfg_receive read data unexpected peer close\n"},
+        {"close before the prefix", {step::close()}, len_closed},
+        {"close inside the prefix", {step::raw(std::string("\0\0", 2)), step::close()}, len_closed},
+        {"close after the prefix", {step::truncated(10), step::close()}, data_closed},
+        {"close inside the payload", {step::truncated(10, R"({"a")"), step::close()}, data_closed},
         {"zero length", {step::truncated(0)}, "cfg_receive response len <= 0\n"},
-        {"length that wraps the buffer size",
-         {step::truncated(0xFFFFFFFFu, "{}"), step::close()},
+        {"length that wraps the buffer size", {step::truncated(0xFFFFFFFFu, "{}"), step::close()},
          "cfg_receive response buffer allocate failed: Cannot allocate memory\n"},
     };
     for (const failure_case &c : cases) {

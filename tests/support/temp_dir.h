@@ -1,11 +1,21 @@
-// A temporary directory, removed with everything in it when the object goes.
+// A temporary directory, removed with everything in it when the object goes,
+// and a whole-file reader.
 #pragma once
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 namespace zrtest {
+
+// The file's bytes; "" when it cannot be read.
+inline std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 class temp_dir {
   public:

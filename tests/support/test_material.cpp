@@ -2,8 +2,6 @@
 #include "temp_dir.h"
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 namespace zrtest {
 
@@ -21,12 +19,9 @@ const char generate[] =
     " && ssh-keygen -q -s ssh-ecdsa:256 -I test -n user ssh-ed25519:256.pub";
 
 // The file's text; public key lines lose their newline.
-std::string read_file(const fs::path &file)
+std::string read_text(const fs::path &file)
 {
-    std::ifstream in(file);
-    std::ostringstream text;
-    text << in.rdbuf();
-    std::string out = text.str();
+    std::string out = read_file(file);
     if (file.extension() == ".pub" && !out.empty() && out.back() == '\n')
         out.pop_back();
     return out;
@@ -37,14 +32,14 @@ test_material generate_in(const fs::path &dir)
     test_material m;
     std::string command = "cd '" + dir.string() + "' && (" + generate + ") >/dev/null 2>&1";
     m.complete = std::system(command.c_str()) == 0;
-    m.certificate = read_file(dir / "cert.pem");
-    m.key = read_file(dir / "key.pem");
-    m.other_key = read_file(dir / "other.pem");
-    m.rsa_key = read_file(dir / "rsa.pem");
-    m.openssh_key = read_file(dir / "ssh-ed25519:256");
-    m.ssh_cert = read_file(dir / "ssh-ed25519:256-cert.pub");
+    m.certificate = read_text(dir / "cert.pem");
+    m.key = read_text(dir / "key.pem");
+    m.other_key = read_text(dir / "other.pem");
+    m.rsa_key = read_text(dir / "rsa.pem");
+    m.openssh_key = read_text(dir / "ssh-ed25519:256");
+    m.ssh_cert = read_text(dir / "ssh-ed25519:256-cert.pub");
     for (const fs::directory_entry &entry : fs::directory_iterator(dir)) {
-        std::string line = read_file(entry.path());
+        std::string line = read_text(entry.path());
         if (entry.path().extension() == ".pub" && line.find("-cert-") == std::string::npos)
             m.ssh_public[line.substr(0, line.find(' '))] = line;
     }
