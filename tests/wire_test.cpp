@@ -15,8 +15,6 @@ using namespace zrtest;
 
 namespace {
 
-const scripted_daemon::socketpair_mode over_pair{};
-
 // Receives on fd and returns what standard error said meanwhile.
 std::string receive_failure(int fd, int timeout_ms = 10000)
 {
@@ -87,8 +85,8 @@ TEST(WireFrame, ReceiveFailuresPrintTheirDiagnostic)
     };
     for (const failure_case &c : cases) {
         SCOPED_TRACE(c.what);
-        scripted_daemon daemon(over_pair, c.steps);
-        EXPECT_EQ(receive_failure(daemon.client_socket()), c.said);
+        scripted_daemon daemon(c.steps);
+        EXPECT_EQ(receive_failure(client_context(daemon).socket), c.said);
     }
     EXPECT_EQ(receive_failure(-1), "cfg_receive sockopt failed: Bad file descriptor\n");
 }
@@ -98,28 +96,30 @@ TEST(WireFrame, InvalidJsonIsLoggedWithTheParserText)
     const std::string payload = "{\"result\": true,\n \"data\": ]";
     json_error_t expected;
     ASSERT_EQ(json_loads(payload.c_str(), 0, &expected), nullptr);
-    scripted_daemon daemon(over_pair, {step::reply(payload), step::reply("[1, 2]")});
+    scripted_daemon daemon({step::reply(payload), step::reply("[1, 2]")});
+    client_context ctx(daemon);
     log_capture logs;
 
-    EXPECT_EQ(receive_failure(daemon.client_socket()), "");
+    EXPECT_EQ(receive_failure(ctx.socket), "");
     ASSERT_EQ(logs.lines.size(), 1u);
     EXPECT_EQ(logs.lines[0].priority, 3);
     EXPECT_EQ(logs.lines[0].message, "JSON Parsing error: " + std::string(expected.text) +
                                          ", line: 2.");
     // The frame was read whole: the next one follows.
-    json_handle next(cfg_receive(daemon.client_socket()));
+    json_handle next(cfg_receive(ctx.socket));
     EXPECT_EQ(dump(next.get()), "[1,2]");
 }
 
 TEST(WireFrame, TimeoutsFailTheReadOfPrefixOrPayload)
 {
-    scripted_daemon silent(over_pair, {step::wait(5s)});
-    EXPECT_EQ(receive_failure(silent.client_socket(), 200),
+    scripted_daemon silent({step::wait(5s)});
+    EXPECT_EQ(receive_failure(client_context(silent).socket, 200),
               "cfg_receive read len failed: Resource temporarily unavailable\n");
 
-    scripted_daemon stalled(over_pair, {step::truncated(10, "{"), step::wait(5s)});
+    scripted_daemon stalled({step::truncated(10, "{"), step::wait(5s)});
+    client_context ctx(stalled);
     ASSERT_TRUE(stalled.wait_for_steps(1, 5s));
-    EXPECT_EQ(receive_failure(stalled.client_socket(), 200),
+    EXPECT_EQ(receive_failure(ctx.socket, 200),
               "cfg_receive read data failed: Resource temporarily unavailable\n");
 }
 

@@ -71,24 +71,14 @@ scripted_daemon::scripted_daemon(script steps) : steps_(std::move(steps))
         bind(listen_fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
         listen(listen_fd_, 8) != 0)
         throw std::runtime_error("cannot listen on " + path_);
-    start();
-}
-
-scripted_daemon::scripted_daemon(socketpair_mode, script steps) : steps_(std::move(steps))
-{
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0)
-        throw std::runtime_error("socketpair failed");
-    daemon_fd_ = ends[0];
-    client_fd_ = ends[1];
-    start();
+    if (pipe(wake_) != 0)
+        throw std::runtime_error("pipe failed");
+    thread_ = std::thread([this] { run(); });
 }
 
 scripted_daemon::~scripted_daemon()
 {
     stop();
-    close_fd(daemon_fd_);
-    close_fd(client_fd_);
     close_fd(listen_fd_);
     close_fd(wake_[0]);
     close_fd(wake_[1]);
@@ -96,13 +86,6 @@ scripted_daemon::~scripted_daemon()
         unlink(path_.c_str());
     if (!dir_.empty())
         rmdir(dir_.c_str());
-}
-
-void scripted_daemon::start()
-{
-    if (pipe(wake_) != 0)
-        throw std::runtime_error("pipe failed");
-    thread_ = std::thread([this] { run(); });
 }
 
 void scripted_daemon::stop()
@@ -116,19 +99,9 @@ void scripted_daemon::stop()
     thread_.join();
 }
 
-void scripted_daemon::run()
-{
-    if (daemon_fd_ >= 0) {
-        play(daemon_fd_);
-        close_fd(daemon_fd_);
-        return;
-    }
-    run_unix_socket();
-}
-
 // Accepts connections one after the other until stopped; each one plays the
 // steps that are left (none left: closed at once).
-void scripted_daemon::run_unix_socket()
+void scripted_daemon::run()
 {
     while (!stopping_) {
         if (!wait_for(listen_fd_, POLLIN))

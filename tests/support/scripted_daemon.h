@@ -1,6 +1,5 @@
 // A daemon for tests: it plays a script against the client over a Unix
-// socket in a temporary directory, or over one end of a socketpair, and
-// records every request it reads.
+// socket in a temporary directory and records every request it reads.
 //
 //   zrtest::scripted_daemon daemon({step::answer(R"({"result": true})")});
 //   zrtest::client_context ctx(daemon); // or connect to daemon.socket_path()
@@ -9,8 +8,8 @@
 //
 // Steps run in order on a background thread. A step that reads waits for a
 // request frame before it acts; the others act at once. When the client
-// closes, the connection ends; in Unix socket mode the steps not yet played
-// (a reading step included) go to the next connection. When the script runs
+// closes, the connection ends; the steps not yet played (a reading step
+// included) go to the next connection. When the script runs
 // out, the daemon closes the connection. Every wait of the daemon is bounded,
 // and the destructor stops the thread and joins it.
 #pragma once
@@ -81,18 +80,12 @@ class scripted_daemon {
   public:
     // Listens on a Unix socket in a new temporary directory.
     explicit scripted_daemon(script steps);
-    // Plays the script on one end of a socketpair; the other end is
-    // client_socket(). Pass socketpair_mode{} to choose this mode.
-    struct socketpair_mode {};
-    scripted_daemon(socketpair_mode, script steps);
     ~scripted_daemon();
     scripted_daemon(const scripted_daemon &) = delete;
     scripted_daemon &operator=(const scripted_daemon &) = delete;
 
-    // Unix socket mode: where to connect.
+    // Where to connect.
     const std::string &socket_path() const { return path_; }
-    // Socketpair mode: the client's end, closed by the destructor.
-    int client_socket() const { return client_fd_; }
 
     // Requests read so far.
     size_t request_count() const;
@@ -109,9 +102,7 @@ class scripted_daemon {
     void stop();
 
   private:
-    void start();
     void run();
-    void run_unix_socket();
     void play(int connection);
     bool act(int connection, const step &s);
     bool serve(int connection, const request_handler &handler);
@@ -127,8 +118,6 @@ class scripted_daemon {
     std::string dir_;
     std::string path_;
     int listen_fd_ = -1;
-    int daemon_fd_ = -1; // socketpair mode
-    int client_fd_ = -1;
     int wake_[2] = {-1, -1};
     std::atomic<bool> stopping_{false};
     std::thread thread_;
