@@ -133,20 +133,13 @@ const catalogue_case catalogue_cases[] = {
 };
 #undef ADD
 
-std::string joined_names(cfg_message *msg)
-{
-    std::string out;
-    cfg_message_def *def = cfg_get_message_def(msg->code);
-    for (int i = 0; i < cfg_get_message_arg_count(msg); i++)
-        out += (i ? " " : "") + std::string(def->arg_names[i]);
-    return out;
-}
-
-std::string joined_values(cfg_message *msg)
+// The names (from the row) or the values of a message's arguments, joined by spaces.
+std::string joined(cfg_message *msg, bool names)
 {
     std::string out;
     for (int i = 0; i < cfg_get_message_arg_count(msg); i++)
-        out += (i ? " " : "") + std::string(cfg_get_message_arg_value(msg, i));
+        out += (i ? " " : "") + std::string(names ? cfg_get_message_def(msg->code)->arg_names[i]
+                                                  : cfg_get_message_arg_value(msg, i));
     return out;
 }
 
@@ -173,8 +166,8 @@ TEST(Catalogue, EveryRowThroughItsAdder)
         EXPECT_EQ(cfg_get_message_code(msg), row.code);
         EXPECT_EQ(cfg_get_message_type(msg), row.type);
         EXPECT_EQ(cfg_get_message_level(msg), row.level);
-        EXPECT_EQ(joined_names(msg), row.arg_names);
-        EXPECT_EQ(joined_values(msg), row.arg_values);
+        EXPECT_EQ(joined(msg, true), row.arg_names);
+        EXPECT_EQ(joined(msg, false), row.arg_values);
         EXPECT_STREQ(cfg_get_message_string(msg), row.filled);
         cfg_message_def *def = cfg_get_message_def(row.code);
         EXPECT_EQ(def->code, row.code);
