@@ -411,6 +411,7 @@ void record_renames(cfg_client *client, json_t *uuids)
         snprintf(entry->new_, sizeof entry->new_, "%s", new_id);
         HASH_ADD_KEYPTR(hh, client->uuid_map, entry->old, strlen(entry->old), entry);
     }
+    zr::index_changed();
 }
 
 // Frees the deleted elements and clears the change flags of the others.
@@ -715,5 +716,6 @@ extern "C" int client_cfg_free_context_data(cfg *ctx)
         free(entry);
     }
     client->uuid_map = nullptr;
+    zr::index_changed();
     return 1;
 }

@@ -57,6 +57,7 @@ void release_element(cfg *context, cfg_element *element)
 // Empties the uuid index, releasing every element in index order.
 void release_elements(cfg *context)
 {
+    zr::index_changed();
     cfg_index_entry *entry, *tmp;
     HASH_ITER(hh, context->elements, entry, tmp)
     {

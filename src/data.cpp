@@ -3,6 +3,7 @@
 #define ZR_SOURCE "src/data"
 #include "internal.h"
 
+#include <atomic>
 #include <cstring>
 #include <new>
 #include <string>
@@ -15,19 +16,71 @@ namespace {
 
 constexpr size_t max_string_length = 0x1000000;
 
+// Removals from link lists made through the public link functions, counted
+// process-wide: a position index built before the count moved is rebuilt,
+// since the nodes it holds may be gone.
+std::atomic<uint64_t> link_removals{0};
+
+// Elements leaving a uuid index (or lookups changing meaning), counted
+// process-wide: a resolved member stamped with an older count is looked up
+// again.
+std::atomic<uint64_t> index_removals{1};
+
+uint64_t current(const std::atomic<uint64_t> &counter)
+{
+    return counter.load(std::memory_order_relaxed);
+}
+
+// The last node of one link list, so that appending costs O(1). It describes
+// the list whose first node is `head`; a list changed behind its back is
+// caught up on the next use.
+struct link_tail {
+    cfg_link *head = nullptr;
+    cfg_link *tail = nullptr;
+    uint64_t removals = 0;
+
+    cfg_link *last(cfg_link *actual)
+    {
+        if (actual != head || removals != current(link_removals) || tail == nullptr) {
+            head = actual;
+            tail = actual;
+            removals = current(link_removals);
+        }
+        while (tail != nullptr && tail->next != nullptr)
+            tail = tail->next;
+        return tail;
+    }
+    void appended(cfg_link *actual, cfg_link *node)
+    {
+        head = actual;
+        tail = node;
+    }
+    void reset() { *this = link_tail(); }
+};
+
+// A member's element as the context's lookup hook found it, valid while no
+// element has left an index since `stamp`.
+struct resolved_member {
+    cfg_element *element = nullptr;
+    uint64_t stamp = 0;
+};
+
 // The nodes of one link list in order, so that appending and reaching a
-// position cost O(1). It describes the list whose first node is `head`; a
-// list changed behind its back (new head, nodes appended) is caught up on
-// the next use, and removals made here reset it.
+// position cost O(1), and the elements the nodes resolved to (filled on
+// demand, for one context and one uuid index). Removals made here reset it.
 struct link_index {
     cfg_link *head = nullptr;
+    uint64_t removals = 0;
     std::vector<cfg_link *> nodes;
+    cfg *context = nullptr;
+    const cfg_index_entry *index = nullptr;
+    std::vector<resolved_member> resolved;
 
     void sync(cfg_link *actual)
     {
-        if (actual != head) {
+        if (actual != head || removals != current(link_removals)) {
+            reset();
             head = actual;
-            nodes.clear();
             for (cfg_link *n = actual; n != nullptr; n = n->next)
                 nodes.push_back(n);
             return;
@@ -36,26 +89,65 @@ struct link_index {
             for (cfg_link *n = nodes.back()->next; n != nullptr; n = n->next)
                 nodes.push_back(n);
     }
+    cfg_link *last(cfg_link *actual)
+    {
+        sync(actual);
+        return nodes.empty() ? nullptr : nodes.back();
+    }
+    void appended(cfg_link *actual, cfg_link *node)
+    {
+        head = actual;
+        nodes.push_back(node);
+    }
     void reset()
     {
         head = nullptr;
+        removals = current(link_removals);
         nodes.clear();
+        resolved.clear();
     }
+    // The slot of position for lookups in context's current index.
+    resolved_member &slot(cfg *in, size_t position)
+    {
+        if (in != context || in->elements != index) {
+            context = in;
+            index = in->elements;
+            resolved.clear();
+        }
+        if (resolved.size() <= position)
+            resolved.resize(nodes.size());
+        return resolved[position];
+    }
+};
+
+// What a list or map keeps beside its record.
+struct container_index {
+    link_index members; // list or map members (the same field of the union)
+    link_index future_members;
 };
 
 // Every element record is allocated inside one of these; the public record
 // comes first, so a cfg_element pointer is also a pointer to its box.
 struct element_box {
     cfg_element element;
-    link_index parents;
-    link_index members; // list or map members (the same field of the union)
-    link_index future_members;
+    link_tail parents;
+    container_index *container = nullptr; // made on first use
+
+    ~element_box() { delete container; }
 };
 static_assert(std::is_standard_layout_v<element_box>);
 
 element_box *box_of(cfg_element *element)
 {
     return reinterpret_cast<element_box *>(element);
+}
+
+container_index &container_of(cfg_element *element)
+{
+    element_box *box = box_of(element);
+    if (box->container == nullptr)
+        box->container = new container_index();
+    return *box->container;
 }
 
 // A zeroed record of type; calloc'd so that a C caller's free() of a record
@@ -129,19 +221,18 @@ bool is_container(const cfg_element *element)
 }
 
 // Appends data at the tail of the list at head, kept in step with index.
-cfg_link *append_indexed(cfg_link **head, link_index &index, void *data)
+template <typename Index> cfg_link *append_indexed(cfg_link **head, Index &index, void *data)
 {
     cfg_link *node = zalloc<cfg_link>();
     if (node == nullptr)
         return nullptr;
     node->data = data;
-    index.sync(*head);
-    if (index.nodes.empty())
+    cfg_link *last = index.last(*head);
+    if (last == nullptr)
         *head = node;
     else
-        index.nodes.back()->next = node;
-    index.head = *head;
-    index.nodes.push_back(node);
+        last->next = node;
+    index.appended(*head, node);
     return node;
 }
 
@@ -162,7 +253,8 @@ cfg_link **members_of(cfg_element *container)
     return &container->value.list.members;
 }
 
-cfg_link *append_link(cfg_link **head, link_index &index, const char *uuid,
+template <typename Index>
+cfg_link *append_link(cfg_link **head, Index &index, const char *uuid,
                       unsigned int kind, unsigned int position, const char *name)
 {
     cfg_parent_link *link = new_link_record(uuid, kind);
@@ -187,39 +279,41 @@ cfg_link *append_parent(cfg_element *element, const char *uuid, unsigned int kin
 cfg_link *append_member(cfg_element *container, const char *uuid, unsigned int kind,
                         unsigned int position, const char *name)
 {
-    return append_link(members_of(container), box_of(container)->members, uuid, kind,
+    return append_link(members_of(container), container_of(container).members, uuid, kind,
                        position, name);
 }
 
 cfg_link *append_future_member(cfg_element *list, const char *uuid, unsigned int position)
 {
-    return append_link(&list->value.list.future_members, box_of(list)->future_members, uuid,
+    return append_link(&list->value.list.future_members, container_of(list).future_members, uuid,
                        CFG_TYPE_LIST, position, nullptr);
 }
 
 unsigned int member_count(cfg_element *container)
 {
     return static_cast<unsigned int>(
-        indexed_length(*members_of(container), box_of(container)->members));
+        indexed_length(*members_of(container), container_of(container).members));
 }
 
 unsigned int future_count(cfg_element *list)
 {
     return static_cast<unsigned int>(
-        indexed_length(list->value.list.future_members, box_of(list)->future_members));
+        indexed_length(list->value.list.future_members, container_of(list).future_members));
 }
+
+int delete_links_naming(cfg *context, cfg_link **head, const char *uuid);
 
 // Removes the member links naming uuid (renumbering those after them).
 void remove_member_links(cfg *context, cfg_element *container, const char *uuid)
 {
-    cfg_link_list_delete_by_uuid(context, members_of(container), uuid);
-    box_of(container)->members.reset();
+    delete_links_naming(context, members_of(container), uuid);
+    container_of(container).members.reset();
 }
 
 void remove_future_links(cfg *context, cfg_element *list, const char *uuid)
 {
-    cfg_link_list_delete_by_uuid(context, &list->value.list.future_members, uuid);
-    box_of(list)->future_members.reset();
+    delete_links_naming(context, &list->value.list.future_members, uuid);
+    container_of(list).future_members.reset();
 }
 
 // Removes every parent link naming uuid; parent lists are never renumbered.
@@ -694,6 +788,7 @@ extern "C" int cfg_link_list_length(cfg_link *head)
 
 extern "C" void cfg_link_list_free(cfg_link *head)
 {
+    link_removals.fetch_add(1, std::memory_order_relaxed);
     while (head != nullptr) {
         cfg_link *next = head->next;
         free(head->data);
@@ -725,9 +820,9 @@ void renumber_member(cfg *context, cfg_parent_link *link)
         member->future_parent->index = link->index;
 }
 
-} // namespace
-
-extern "C" int cfg_link_list_delete_by_uuid(cfg *context, cfg_link **head, const char *uuid)
+// Removes the links naming uuid from the list at head, renumbering the list
+// links after the first removal.
+int delete_links_naming(cfg *context, cfg_link **head, const char *uuid)
 {
     if (head == nullptr || uuid == nullptr)
         return 0;
@@ -747,6 +842,17 @@ extern "C" int cfg_link_list_delete_by_uuid(cfg *context, cfg_link **head, const
             renumber_member(context, link);
         at = &node->next;
     }
+    return removed;
+}
+
+} // namespace
+
+// Position indexes cannot see removals made through here, so they are told.
+extern "C" int cfg_link_list_delete_by_uuid(cfg *context, cfg_link **head, const char *uuid)
+{
+    int removed = delete_links_naming(context, head, uuid);
+    if (removed > 0)
+        link_removals.fetch_add(1, std::memory_order_relaxed);
     return removed;
 }
 
@@ -776,6 +882,7 @@ extern "C" void cfg_delete_elem(cfg *context, cfg_element *element)
         return;
     HASH_DEL(context->elements, entry);
     free(entry);
+    zr::index_changed();
 }
 
 // ---- Lists ----
@@ -842,7 +949,7 @@ extern "C" char *cfg_get_listelem(cfg_element *list, int index)
     if (index < 0 || !is_type(list, CFG_TYPE_LIST))
         return nullptr;
     cfg_link *node =
-        indexed_node(list->value.list.members, box_of(list)->members, static_cast<size_t>(index));
+        indexed_node(list->value.list.members, container_of(list).members, static_cast<size_t>(index));
     return node != nullptr ? record_of(node)->uuid : nullptr;
 }
 
@@ -851,8 +958,48 @@ extern "C" char *cfg_get_future_listelem(cfg_element *list, unsigned int index)
     if (!is_type(list, CFG_TYPE_LIST))
         return nullptr;
     cfg_link *node =
-        indexed_node(list->value.list.future_members, box_of(list)->future_members, index);
+        indexed_node(list->value.list.future_members, container_of(list).future_members, index);
     return node != nullptr ? record_of(node)->uuid : nullptr;
+}
+
+namespace {
+
+// True when the context looks elements up with one of the library's own
+// hooks, which answer a held uuid with the indexed element and nothing else.
+bool looks_up_locally(const cfg *context)
+{
+    return context->get_by_id == cfg_find_by_id || context->get_by_id == client_cfg_get_by_id;
+}
+
+} // namespace
+
+void zr::index_changed()
+{
+    index_removals.fetch_add(1, std::memory_order_relaxed);
+}
+
+// The hook's answer is kept beside the list, so walking a list by position
+// costs no lookup until an element leaves an index. An answer is kept only
+// when nothing left an index while the hook ran (the list itself among them).
+cfg_element *zr::list_member(cfg *context, cfg_element *list, size_t position)
+{
+    if (context == nullptr || !is_type(list, CFG_TYPE_LIST))
+        return nullptr;
+    link_index &members = container_of(list).members;
+    cfg_link *node = indexed_node(list->value.list.members, members, position);
+    if (node == nullptr)
+        return nullptr;
+    if (!looks_up_locally(context))
+        return cfg_get_by_id(context, record_of(node)->uuid);
+    uint64_t stamp = current(index_removals);
+    const resolved_member &held = members.slot(context, position);
+    if (held.element != nullptr && held.stamp == stamp)
+        return held.element;
+    cfg_element *element = cfg_get_by_id(context, record_of(node)->uuid);
+    if (element != nullptr && current(index_removals) == stamp &&
+        indexed_node(list->value.list.members, members, position) == node)
+        members.slot(context, position) = {element, stamp};
+    return element;
 }
 
 namespace {
@@ -1307,7 +1454,7 @@ void delete_sole_members(cfg *context, cfg_element *list,
         list->flags |= CFG_FLAG_CHANGED;
         delete_below(context, member);
     }
-    box_of(list)->members.reset();
+    container_of(list).members.reset();
 }
 
 } // namespace

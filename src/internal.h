@@ -53,4 +53,16 @@ template <typename T> T *zalloc()
 
 } // namespace zr
 
+namespace zr {
+
+// Tells the data tree that an element left a uuid index, an index was
+// swapped, or a lookup hook's answers changed.
+void index_changed();
+
+// The member at position of list as the context's get_by_id hook finds it;
+// null past the end.
+cfg_element *list_member(cfg *context, cfg_element *list, size_t position);
+
+} // namespace zr
+
 #endif // ZRCONFIG_INTERNAL_H

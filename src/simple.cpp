@@ -50,10 +50,7 @@ step_result step_by_position(cfg *context, cfg_element *list, const char *rest)
         position = 0;
     if (position > INT32_MAX)
         return {nullptr, nullptr};
-    const char *uuid = cfg_get_listelem(list, static_cast<int>(position));
-    if (uuid == nullptr)
-        return {nullptr, nullptr};
-    return {cfg_get_by_id(context, uuid), close + 1};
+    return {zr::list_member(context, list, static_cast<size_t>(position)), close + 1};
 }
 
 // "key..." on a map: dots before the key are skipped; a "." after it is
@@ -236,8 +233,7 @@ extern "C" cfg_element *cfg_simple_get_listelem(cfg *context, cfg_element *list,
 {
     if (list == nullptr || index > INT32_MAX)
         return nullptr;
-    const char *uuid = cfg_get_listelem(list, static_cast<int>(index));
-    return uuid != nullptr ? cfg_get_by_id(context, uuid) : nullptr;
+    return zr::list_member(context, list, index);
 }
 
 extern "C" cfg_element *cfg_simple_get_mapelem(cfg *context, cfg_element *map,

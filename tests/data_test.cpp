@@ -199,6 +199,48 @@ TEST(Lists, PositionsStayTrueToTheLinks)
     }
 }
 
+cfg_element *at(cfg *ctx, cfg_element *list, int i)
+{
+    return cfg_simple_get_listelem(ctx, list, static_cast<unsigned>(i));
+}
+
+int hook_calls = 0;
+cfg_element *counting_lookup(cfg *ctx, const char *uuid)
+{
+    hook_calls++;
+    return cfg_find_by_id(ctx, uuid);
+}
+
+// Members reached by position are remembered beside the list; replacement,
+// deletion, release, links removed from outside and a foreign hook must all
+// be seen.
+TEST(Lists, MembersByPositionFollowChanges)
+{
+    context_handle h;
+    cfg *ctx = h.get();
+    cfg_element *list = make_list(ctx, "L", 12);
+    for (int i = 0; i < 12; i++)
+        ASSERT_EQ(at(ctx, list, i), cfg_find_by_id(ctx, ("m" + std::to_string(i)).c_str()));
+    cfg_element *old = at(ctx, list, 3);
+    cfg_element *fresh = cfg_set_int(ctx, old, 99);
+    EXPECT_EQ(at(ctx, list, 3), fresh);
+    cfg_delete_element(ctx, at(ctx, list, 0));
+    EXPECT_EQ(at(ctx, list, 0), cfg_find_by_id(ctx, "m1"));
+    cfg_free_element(ctx, cfg_find_by_id(ctx, "m5"));
+    EXPECT_EQ(at(ctx, list, 4), nullptr); // m5's link stays, its element is gone
+    cfg_link_list_delete_by_uuid(ctx, &list->value.list.members, "m5");
+    EXPECT_EQ(at(ctx, list, 4), cfg_find_by_id(ctx, "m6"));
+    EXPECT_EQ(cfg_get_child_by_path(ctx, list, "[10]"), nullptr);
+    EXPECT_EQ(cfg_get_child_by_path(ctx, list, "[9]"), cfg_find_by_id(ctx, "m11"));
+
+    ctx->get_by_id = counting_lookup;
+    hook_calls = 0;
+    for (int round = 0; round < 2; round++)
+        for (int i = 0; i < 9; i++)
+            at(ctx, list, i);
+    EXPECT_EQ(hook_calls, 18);
+}
+
 TEST(Lists, FutureMembers)
 {
     context_handle h;

@@ -1,5 +1,5 @@
-// Contexts for tests (a fresh context with its own schema and a lookup hook
-// that answers from the local index only), a tree builder, and readers that
+// Contexts for tests (a fresh context with its own schema that looks
+// elements up in its local index only), a tree builder, and readers that
 // turn the library's values into std::string for comparisons.
 #pragma once
 
@@ -16,11 +16,6 @@ namespace zrtest {
 
 using texts = std::vector<std::string>;
 
-inline cfg_element *local_get_by_id(cfg *context, const char *uuid)
-{
-    return cfg_find_by_id(context, uuid);
-}
-
 // Owns a context and the schema it was created with.
 struct context_handle {
     cfg *ctx = cfg_create_new_config(nullptr);
@@ -29,7 +24,7 @@ struct context_handle {
     explicit context_handle(bool with_local_lookup = true)
     {
         if (with_local_lookup)
-            ctx->get_by_id = local_get_by_id;
+            ctx->get_by_id = cfg_find_by_id;
     }
     ~context_handle()
     {
