@@ -39,9 +39,10 @@ bool result_is_true(json_t *response)
     return json_is_true(json_object_get(response, "result"));
 }
 
-// The id the daemon gave to id on a push, or id itself when it was not
-// renamed. The returned text lives as long as id or the map entry.
-const char *mapped_id(cfg *ctx, const char *id)
+} // namespace
+
+// The returned text lives as long as id or the map entry.
+const char *zr::mapped_id(cfg *ctx, const char *id)
 {
     cfg_client *client = client_of(ctx);
     if (client == nullptr || client->uuid_map == nullptr || id == nullptr)
@@ -50,6 +51,10 @@ const char *mapped_id(cfg *ctx, const char *id)
     HASH_FIND(hh, client->uuid_map, id, strlen(id), entry);
     return entry != nullptr ? entry->new_ : id;
 }
+
+namespace {
+
+using zr::mapped_id;
 
 // Loads every element object of an answer's "data" array into the context;
 // an item that fails to load does not stop the others.

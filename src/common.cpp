@@ -63,7 +63,7 @@ void release_elements(cfg *context)
     {
         HASH_DEL(context->elements, entry);
         release_element(context, entry->element);
-        free(entry);
+        zr::free_index_entry(entry);
     }
 }
 

@@ -864,9 +864,7 @@ extern "C" int cfg_add_elem(cfg *context, cfg_element *element)
         return 0;
     if (cfg_find_by_id(context, element->uuid) != nullptr)
         return 0;
-    cfg_index_entry *entry = zalloc<cfg_index_entry>();
-    if (entry == nullptr)
-        exit(-1);
+    cfg_index_entry *entry = zr::new_index_entry();
     entry->element = element;
     HASH_ADD_KEYPTR(hh, context->elements, element->uuid, strlen(element->uuid), entry);
     return 1;
@@ -881,14 +879,76 @@ extern "C" void cfg_delete_elem(cfg *context, cfg_element *element)
     if (entry == nullptr)
         return;
     HASH_DEL(context->elements, entry);
-    free(entry);
+    zr::free_index_entry(entry);
     zr::index_changed();
 }
 
 // ---- Lists ----
 
-extern "C" cfg_link *cfg_append_listelem(cfg *, cfg_element *list, cfg_element *child,
-                                         int future)
+namespace {
+
+// True when the context looks elements up with one of the library's own
+// hooks, which answer a held uuid with the indexed element and nothing else.
+bool looks_up_locally(const cfg *context)
+{
+    return context->get_by_id == cfg_find_by_id || context->get_by_id == client_cfg_get_by_id;
+}
+
+// True when the context's hook would answer element's uuid with element
+// itself, from the local index.
+bool answers_with(cfg *context, cfg_element *element)
+{
+    if (context->get_by_id == cfg_find_by_id)
+        return cfg_find_by_id(context, element->uuid) == element;
+    if (context->get_by_id == client_cfg_get_by_id)
+        return cfg_find_by_id(context, zr::mapped_id(context, element->uuid)) == element;
+    return false;
+}
+
+// Remembers the member just appended at position, as list_member would
+// find it.
+void remember_member(cfg *context, cfg_element *list, size_t position, cfg_element *member)
+{
+    if (context == nullptr || !answers_with(context, member))
+        return;
+    link_index &members = container_of(list).members;
+    if (indexed_node(list->value.list.members, members, position) != nullptr)
+        members.slot(context, position) = {member, current(index_removals)};
+}
+
+} // namespace
+
+void zr::index_changed()
+{
+    index_removals.fetch_add(1, std::memory_order_relaxed);
+}
+
+// The hook's answer is kept beside the list, so walking a list by position
+// costs no lookup until an element leaves an index. An answer is kept only
+// when nothing left an index while the hook ran (the list itself among them).
+cfg_element *zr::list_member(cfg *context, cfg_element *list, size_t position)
+{
+    if (context == nullptr || !is_type(list, CFG_TYPE_LIST))
+        return nullptr;
+    link_index &members = container_of(list).members;
+    cfg_link *node = indexed_node(list->value.list.members, members, position);
+    if (node == nullptr)
+        return nullptr;
+    if (!looks_up_locally(context))
+        return cfg_get_by_id(context, record_of(node)->uuid);
+    uint64_t stamp = current(index_removals);
+    const resolved_member &held = members.slot(context, position);
+    if (held.element != nullptr && held.stamp == stamp)
+        return held.element;
+    cfg_element *element = cfg_get_by_id(context, record_of(node)->uuid);
+    if (element != nullptr && current(index_removals) == stamp &&
+        indexed_node(list->value.list.members, members, position) == node)
+        members.slot(context, position) = {element, stamp};
+    return element;
+}
+
+extern "C" cfg_link *cfg_append_listelem(cfg *context, cfg_element *list,
+                                         cfg_element *child, int future)
 {
     if (!is_type(list, CFG_TYPE_LIST) || child == nullptr)
         return nullptr;
@@ -905,7 +965,10 @@ extern "C" cfg_link *cfg_append_listelem(cfg *, cfg_element *list, cfg_element *
     unsigned int position = member_count(list);
     if (append_parent(child, list->uuid, CFG_TYPE_LIST, position, nullptr) == nullptr)
         return nullptr;
-    return append_member(list, child->uuid, CFG_TYPE_LIST, position, nullptr);
+    cfg_link *node = append_member(list, child->uuid, CFG_TYPE_LIST, position, nullptr);
+    if (node != nullptr)
+        remember_member(context, list, position, child);
+    return node;
 }
 
 extern "C" cfg_link *cfg_add_listelem(cfg *context, cfg_element *list, cfg_element *child)
@@ -960,46 +1023,6 @@ extern "C" char *cfg_get_future_listelem(cfg_element *list, unsigned int index)
     cfg_link *node =
         indexed_node(list->value.list.future_members, container_of(list).future_members, index);
     return node != nullptr ? record_of(node)->uuid : nullptr;
-}
-
-namespace {
-
-// True when the context looks elements up with one of the library's own
-// hooks, which answer a held uuid with the indexed element and nothing else.
-bool looks_up_locally(const cfg *context)
-{
-    return context->get_by_id == cfg_find_by_id || context->get_by_id == client_cfg_get_by_id;
-}
-
-} // namespace
-
-void zr::index_changed()
-{
-    index_removals.fetch_add(1, std::memory_order_relaxed);
-}
-
-// The hook's answer is kept beside the list, so walking a list by position
-// costs no lookup until an element leaves an index. An answer is kept only
-// when nothing left an index while the hook ran (the list itself among them).
-cfg_element *zr::list_member(cfg *context, cfg_element *list, size_t position)
-{
-    if (context == nullptr || !is_type(list, CFG_TYPE_LIST))
-        return nullptr;
-    link_index &members = container_of(list).members;
-    cfg_link *node = indexed_node(list->value.list.members, members, position);
-    if (node == nullptr)
-        return nullptr;
-    if (!looks_up_locally(context))
-        return cfg_get_by_id(context, record_of(node)->uuid);
-    uint64_t stamp = current(index_removals);
-    const resolved_member &held = members.slot(context, position);
-    if (held.element != nullptr && held.stamp == stamp)
-        return held.element;
-    cfg_element *element = cfg_get_by_id(context, record_of(node)->uuid);
-    if (element != nullptr && current(index_removals) == stamp &&
-        indexed_node(list->value.list.members, members, position) == node)
-        members.slot(context, position) = {element, stamp};
-    return element;
 }
 
 namespace {
@@ -1420,7 +1443,7 @@ std::vector<cfg_element *> sole_members(cfg *context, cfg_element *list)
     unsigned int position = 0;
     for (cfg_link *n = list->value.list.members; n != nullptr; n = n->next, position++) {
         cfg_parent_link *link = record_of(n);
-        cfg_element *member = cfg_get_by_id(context, link->uuid);
+        cfg_element *member = zr::list_member(context, list, position);
         if (link->type != CFG_TYPE_LIST || link->index != position ||
             !held_alone(member, list, link->uuid, position)) {
             members.clear();

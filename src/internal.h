@@ -59,6 +59,15 @@ namespace zr {
 // swapped, or a lookup hook's answers changed.
 void index_changed();
 
+// An entry for a uuid index, zeroed; running out of memory ends the
+// process. Entries are released with free_index_entry.
+cfg_index_entry *new_index_entry();
+void free_index_entry(cfg_index_entry *entry);
+
+// The id the daemon gave to id on a push, or id itself when it was not
+// renamed (or the context has no connection).
+const char *mapped_id(cfg *ctx, const char *id);
+
 // The member at position of list as the context's get_by_id hook finds it;
 // null past the end.
 cfg_element *list_member(cfg *context, cfg_element *list, size_t position);

@@ -76,6 +76,41 @@ TEST(Lookups, MissingHooksReportWhereTheyFailedRootGoesThroughTheHook)
 
 // {xxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxx}: braces in place of the first and last
 // hex digit, hyphens at 9, 14, 19 and 24, version 1.
+// Index entries outlive slab boundaries, removals and re-additions across
+// two contexts, and an entry a caller made itself is released with free().
+TEST(Lookups, IndexEntriesSpanSlabsAndForeignEntriesAreFreed)
+{
+    context_handle a, b;
+    std::vector<std::string> ids;
+    for (int i = 0; i < 3000; i++) {
+        ids.push_back("e" + std::to_string(i));
+        cfg_load_int(i % 2 ? a.get() : b.get(), ids.back().c_str(), i);
+    }
+    for (int i = 0; i < 3000; i += 3)
+        cfg_free_element(i % 2 ? a.get() : b.get(),
+                         cfg_find_by_id(i % 2 ? a.get() : b.get(), ids[i].c_str()));
+    for (int i = 0; i < 3000; i += 6)
+        cfg_load_int(b.get(), ids[i].c_str(), -i);
+    for (int i = 0; i < 3000; i++) {
+        cfg *ctx = i % 2 ? a.get() : b.get();
+        cfg_element *found = cfg_find_by_id(ctx, ids[i].c_str());
+        EXPECT_EQ(found != nullptr, i % 3 != 0 || i % 6 == 0) << i;
+        int value = 0;
+        if (found != nullptr && cfg_int_value(found, &value)) {
+            EXPECT_EQ(value, i % 6 == 0 ? -i : i) << i;
+        }
+    }
+
+    cfg_element *own = cfg_init_int(a.get(), 7);
+    strcpy(own->uuid, "own");
+    auto *entry = static_cast<cfg_index_entry *>(calloc(1, sizeof(cfg_index_entry)));
+    entry->element = own;
+    HASH_ADD_KEYPTR(hh, a.get()->elements, own->uuid, strlen(own->uuid), entry);
+    EXPECT_EQ(cfg_find_by_id(a.get(), "own"), own);
+    cfg_free_element(a.get(), own);
+    EXPECT_EQ(cfg_find_by_id(a.get(), "own"), nullptr);
+}
+
 TEST(Uuid, FormWithBracesInPlaceOfFirstAndLastDigitAndBoundedCopy)
 {
     std::set<std::string> seen;
