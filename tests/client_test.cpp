@@ -364,3 +364,27 @@ TEST(ClientCommit, MalformedRenamesAreSkipped)
     EXPECT_EQ(client_cfg_free_context_data(ctx.get()), 1);
     EXPECT_EQ(ctx.client()->uuid_map, nullptr);
 }
+
+// Commit drops the local copy. A list fetched afterwards that still names a
+// renamed member reaches it under its new id, fetched once and then
+// remembered at its position.
+TEST(ClientCommit, RenamedMembersAreFollowedByPosition)
+{
+    scripted_daemon daemon(
+        {step::answer(R"({"result": true, "data": {"uuids": [{"old": "b", "new": "c"}]}})"),
+         step::answer(R"({"result": true, "data": [{"id": "l", "type": 7, "value": ["b"]}]})"),
+         step::answer(R"({"result": true, "data": [{"id": "c", "type": 3, "value": 5}]})")});
+    hooked_context ctx(daemon);
+    cfg_element *list = cfg_new_list_with_id(ctx.get(), "l");
+    cfg_element *b = cfg_new_int_with_id(ctx.get(), 1, "b");
+    cfg_add_listelem(ctx.get(), list, b);
+    EXPECT_EQ(cfg_get_child_by_path(ctx.get(), list, "[0]"), b);
+    EXPECT_EQ(cfg_commit(ctx.get()), 1);
+    list = cfg_get_by_id(ctx.get(), "l");
+    ASSERT_NE(list, nullptr);
+    cfg_element *c = cfg_get_child_by_path(ctx.get(), list, "[0]");
+    ASSERT_NE(c, nullptr);
+    EXPECT_STREQ(c->uuid, "c");
+    EXPECT_EQ(cfg_get_child_by_path(ctx.get(), list, "[0]"), c);
+    EXPECT_EQ(daemon.request_count(), 3u);
+}

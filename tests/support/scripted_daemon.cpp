@@ -277,6 +277,7 @@ client_context::client_context(const scripted_daemon &daemon)
     auto *client = static_cast<cfg_client *>(calloc(1, sizeof(cfg_client)));
     client->socket = socket;
     handle.get()->client_data = client;
+    handle.get()->free_client_data = client_cfg_free_context_data;
 }
 
 client_context::~client_context()
