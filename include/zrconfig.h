@@ -81,7 +81,9 @@ typedef struct cfg_parent_link {
     char *name;         /* map kind: the member's key (owned) */
 } cfg_parent_link;
 
-/* One configuration element. */
+/* One configuration element. Records are made and released by the library,
+ * which keeps private data beside each (list positions among them): change
+ * parents and members through the library's functions, not by hand. */
 struct cfg_element {
     char uuid[CFG_UUID_SIZE];
     char schema[CFG_UUID_SIZE];
@@ -108,7 +110,8 @@ struct cfg_element {
     } value;
 };
 
-/* An entry of the context's uuid index; the key is the element's own uuid. */
+/* An entry of the context's uuid index; the key is the element's own uuid.
+ * Entries leave the index through cfg_delete_elem or cfg_free_element. */
 typedef struct cfg_index_entry {
     cfg_element *element;
     UT_hash_handle hh;
@@ -459,7 +462,9 @@ ZRCONFIG_API cfg_element *cfg_get_by_id(cfg *context, const char *uuid);
 /* Looks several elements up through the get_by_ids hook; the one further
  * argument is the number of ids (int). */
 ZRCONFIG_API cfg_element **cfg_get_by_ids(cfg *context, char **uuids, ...);
-/* Looks an element up in the local index only. */
+/* Looks an element up in the local index only. It is also the get_by_id
+ * hook of a context without a daemon: with it (or the client's hook), lists
+ * remember the elements their members resolved to. */
 ZRCONFIG_API cfg_element *cfg_find_by_id(cfg *context, const char *uuid);
 /* The root element "root-1". */
 ZRCONFIG_API cfg_element *cfg_root(cfg *context);

@@ -150,8 +150,7 @@ container_index &container_of(cfg_element *element)
     return *box->container;
 }
 
-// A zeroed record of type; calloc'd so that a C caller's free() of a record
-// that was never indexed or linked releases everything.
+// A zero-filled record of type; the box's private parts start empty.
 cfg_element *alloc_element(unsigned int type)
 {
     void *memory = calloc(1, sizeof(element_box));
@@ -1011,8 +1010,8 @@ extern "C" char *cfg_get_listelem(cfg_element *list, int index)
 {
     if (index < 0 || !is_type(list, CFG_TYPE_LIST))
         return nullptr;
-    cfg_link *node =
-        indexed_node(list->value.list.members, container_of(list).members, static_cast<size_t>(index));
+    cfg_link *node = indexed_node(list->value.list.members, container_of(list).members,
+                                  static_cast<size_t>(index));
     return node != nullptr ? record_of(node)->uuid : nullptr;
 }
 
