@@ -31,19 +31,13 @@ TEST(Conditions, ConstructorsRefuseOperatorsThatDoNotSuitTheType)
         bool accepted;
     };
     const build_case cases[] = {
-        {"int =", [] { return cfg_new_int_condition("f", 1, 3); }, true},
         {"int LIKE", [] { return cfg_new_int_condition("f", 8, 3); }, false},
         {"int unknown code", [] { return cfg_new_int_condition("f", 12, 3); }, true},
-        {"float >=", [] { return cfg_new_float_condition("f", 6, 0.5); }, true},
-        {"float LIKE", [] { return cfg_new_float_condition("f", 7, 0.5); }, false},
         {"string any code", [] { return cfg_new_string_condition("f", 12, "v"); }, true},
         {"string null value", [] { return cfg_new_string_condition("f", 1, nullptr); }, false},
         {"reference <>", [] { return cfg_new_reference_condition("f", 2, "{u}"); }, true},
         {"reference <", [] { return cfg_new_reference_condition("f", 3, "{u}"); }, false},
-        {"reference null", [] { return cfg_new_reference_condition("f", 1, nullptr); }, false},
-        {"bool =", [] { return cfg_new_bool_condition("enabled", 1, 1); }, true},
         {"bool <", [] { return cfg_new_bool_condition("enabled", 3, 1); }, false},
-        {"untyped IS NULL", [] { return cfg_new_untyped_condition("x", 11); }, true},
         {"untyped =", [] { return cfg_new_untyped_condition("x", 1); }, false},
         {"null field name", [] { return cfg_new_int_condition(nullptr, 1, 3); }, false},
     };
@@ -149,22 +143,14 @@ TEST(ConditionJson, ReadingRefusesWhatTheConstructorsOrTypesRefuse)
 {
     const std::pair<const char *, const char *> cases[] = {
         {R"({"type":2})", "((null))"},
-        {R"({"type":1,"items":[]})", "((null))"},
         {R"({"type":3,"fieldname":"x","oper":10,"datatype":10,"value":[5]})", "(x IS NOT NULL)"},
         {R"({"type":3,"fieldname":"x","oper":11,"datatype":10})", "(none)"},
         {R"({"type":3,"fieldname":"x","oper":1,"datatype":3,"value":1})", "(none)"},
-        {R"({"type":3,"fieldname":"x","oper":1,"datatype":2,"value":1.0})", "(none)"},
         {R"({"type":3,"fieldname":"x","oper":1,"datatype":2,"value":4294967297})", "(none)"},
-        {R"({"type":3,"fieldname":"x","oper":1,"datatype":1,"value":1})", "(none)"},
-        {R"({"type":3,"fieldname":"x","oper":1,"datatype":4,"value":5})", "(none)"},
         {R"({"type":3,"fieldname":"x","oper":3,"datatype":9,"value":"{u}"})", "(none)"},
-        {R"({"type":3,"fieldname":"x","oper":1,"datatype":10,"value":null})", "(none)"},
         {R"({"type":3,"fieldname":"x","oper":1,"datatype":5,"value":1})", "(none)"},
-        {R"({"type":3,"oper":1,"datatype":2,"value":1})", "(none)"},
         {R"({"type":3,"fieldname":"x","oper":"1","datatype":2,"value":1})", "(none)"},
         {R"({"type":4,"items":[]})", "(none)"},
-        {R"({"type":"1","items":[]})", "(none)"},
-        {R"({"items":[]})", "(none)"},
         {R"({"type":1,"items":{}})", "(none)"},
         {R"({"type":1,"items":[{"type":3,"fieldname":"a","oper":1,"datatype":2,"value":1},)"
          R"({"type":9}]})",
