@@ -82,10 +82,6 @@ TEST(TriggerTables, FreeingEmptiesEveryTable)
     int result = 0; // empty tables print the two rules alone
     EXPECT_EQ(printed(a.ctx(), &result), rule + "\n" + rule + "\n");
     EXPECT_EQ(result, 54);
-
-    // The tables fill again and go with the context.
-    cfg_create_validator_triggers(a.ctx(), a.if2, validator(a.ctx(), {"\\.name"}));
-    EXPECT_NE(a.ctx()->pattern_triggers, nullptr);
 }
 
 TEST(ValidationContext, SeenElementsAreEnteredOnce)
