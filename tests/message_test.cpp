@@ -3,7 +3,6 @@
 #include "log_capture.h"
 
 #include <cstring>
-#include <sstream>
 
 using namespace zrtest;
 
@@ -229,41 +228,19 @@ TEST(Template, FilledOnceThenCachedOrStandIn)
     def->text = saved;
 }
 
-TEST(Dump, ExactFormat)
+// The dump shows a filled text only when one is cached, and never fills one.
+TEST(Dump, CachedTextOnlyAndNeverFills)
 {
     context_handle ctx;
-    cfg_message_add_string_invalid_value(ctx.get(), "u1", "eth0");
-    cfg_message_add_database(ctx.get());
-    cfg_get_message_string(ctx.get()->messages[1]);
     cfg *c = ctx.get();
-
+    cfg_message_add_string_invalid_value(c, "u1", "eth0");
+    cfg_message_add_database(c);
+    cfg_get_message_string(c->messages[1]);
     testing::internal::CaptureStderr();
     dump_message_stack(c);
     std::string out = testing::internal::GetCapturedStderr();
-
-    auto p = [](const void *ptr) {
-        char buf[32];
-        snprintf(buf, sizeof buf, "%p", ptr);
-        return std::string(buf);
-    };
-    std::string rule = "\n" + std::string(34, '~') + "\n\n";
-    std::ostringstream want;
-    want << rule << "dumping message stack:\n"
-         << "    cfg=" << p(c) << "\n"
-         << "    cfg->messages=" << p(c->messages) << "\n"
-         << "    cfg->messages_count=2\n"
-         << "      messages[0] = " << p(c->messages[0]) << "\n"
-         << "      messages[0]->code = 13\n"
-         << "      messages[0]->cached_message* = " << p(nullptr) << "\n"
-         << "        messages[0]->args[0].key = uuid\n"
-         << "        messages[0]->args[0].value = u1\n"
-         << "        messages[0]->args[1].key = value\n"
-         << "        messages[0]->args[1].value = eth0\n"
-         << "      messages[1] = " << p(c->messages[1]) << "\n"
-         << "      messages[1]->code = 30\n"
-         << "      messages[1]->cached_message* = " << p(c->messages[1]->cached_message) << "\n"
-         << "      messages[1]->cached_message = Database error\n"
-         << rule;
-    EXPECT_EQ(out, want.str());
-    EXPECT_EQ(c->messages[0]->cached_message, nullptr); // the dump never fills
+    EXPECT_NE(out.find("        messages[0]->args[1].value = eth0\n"), std::string::npos) << out;
+    EXPECT_EQ(out.find("messages[0]->cached_message = "), std::string::npos) << out;
+    EXPECT_NE(out.find("      messages[1]->cached_message = Database error\n"), std::string::npos);
+    EXPECT_EQ(c->messages[0]->cached_message, nullptr);
 }
