@@ -1,4 +1,4 @@
-// The configuration context: lifecycle, lookups, uuids and flag queries.
+// The configuration context: lifecycle, lookups and uuids.
 #include "context.h"
 
 #include <cctype>
@@ -136,13 +136,4 @@ TEST(Uuid, FormWithBracesInPlaceOfFirstAndLastDigitAndBoundedCopy)
     uuidcpy(dst, long_id.c_str());
     EXPECT_EQ(dst[CFG_UUID_SIZE], '!');
     EXPECT_EQ(uuidcmp(long_id.c_str(), (long_id + "b").c_str()), 0);
-}
-
-TEST(Flags, QueriesReturnTheBitValue)
-{
-    cfg_element e{};
-    e.flags = CFG_FLAG_NEW | CFG_FLAG_CHANGED;
-    EXPECT_EQ(cfg_element_is_new(&e), 1u);
-    EXPECT_EQ(cfg_element_is_changed(&e), 2u);
-    EXPECT_EQ(cfg_element_is_deleted(&e), 0u);
 }
