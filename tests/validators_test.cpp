@@ -67,9 +67,7 @@ TEST(ValidatorTable, RowsLookupAndSilentMismatches)
     EXPECT_EQ(t.run("networkvalidity", net, {"ip"}), 0);
     EXPECT_EQ(t.run("networkvalidity", net, {"ip", "gateway"}), 0);
     EXPECT_EQ(t.run("networkaddress", t.text("10.0.0.1")), 0);
-    EXPECT_EQ(t.run("uniqueness", t.list(t.root, "l"), {"a", "b"}), 0);
     EXPECT_EQ(t.run("ssl_cert", net, {"a", "b", "c", "d"}), 0);
-    EXPECT_EQ(t.run("timezone", t.text("UTC"), {"x"}), 0);
     EXPECT_EQ(t.messages(), texts{});
     EXPECT_EQ(t.run("networkvalidity", net, {"ip", "mask"}), 1);
 }
