@@ -316,6 +316,14 @@ TEST(SchemaTree, SetterOnAMapMarksItsMembersDeleted)
     for (const char *id : {"system", "name", "tz", "note", "cond", "addr"})
         EXPECT_TRUE(deleted(cfg_get_schema_node(h.get(), id))) << id;
     EXPECT_FALSE(deleted(t.legacy));
+
+    // The if and reference setters replace under the same uuid as well.
+    cfg_schema_element *cond =
+        cfg_set_schema_if(h.get(), t.cond, "speed", 5, 4, {.float_value = 2.5}, "v-9", 3);
+    EXPECT_EQ(cfg_get_schema_node(h.get(), "cond"), cond);
+    EXPECT_STREQ(cond->u.cond.value_id, "v-9");
+    EXPECT_EQ(cfg_set_schema_reference(h.get(), t.note, "root")->u.reference.target,
+              std::string("root"));
 }
 
 TEST(SchemaTree, FreeElementBaseReleasesOneLevel)
