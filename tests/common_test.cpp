@@ -1,4 +1,4 @@
-// The configuration context: lifecycle, lookups, uuids and flag queries.
+// The configuration context: lifecycle, lookups and uuids.
 #include "context.h"
 
 #include <cctype>
@@ -74,8 +74,6 @@ TEST(Lookups, MissingHooksReportWhereTheyFailedRootGoesThroughTheHook)
     EXPECT_EQ(cfg_message_count(ctx.get()), 3);
 }
 
-// {xxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxx}: braces in place of the first and last
-// hex digit, hyphens at 9, 14, 19 and 24, version 1.
 // Index entries outlive slab boundaries, removals and re-additions across
 // two contexts, and an entry a caller made itself is released with free().
 TEST(Lookups, IndexEntriesSpanSlabsAndForeignEntriesAreFreed)
@@ -111,6 +109,8 @@ TEST(Lookups, IndexEntriesSpanSlabsAndForeignEntriesAreFreed)
     EXPECT_EQ(cfg_find_by_id(a.get(), "own"), nullptr);
 }
 
+// {xxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxx}: braces in place of the first and last
+// hex digit, hyphens at 9, 14, 19 and 24, version 1.
 TEST(Uuid, FormWithBracesInPlaceOfFirstAndLastDigitAndBoundedCopy)
 {
     std::set<std::string> seen;
@@ -136,15 +136,4 @@ TEST(Uuid, FormWithBracesInPlaceOfFirstAndLastDigitAndBoundedCopy)
     uuidcpy(dst, long_id.c_str());
     EXPECT_EQ(dst[CFG_UUID_SIZE], '!');
     EXPECT_EQ(uuidcmp(long_id.c_str(), (long_id + "b").c_str()), 0);
-}
-
-TEST(Flags, QueriesReturnTheBitValue)
-{
-    cfg_element e{};
-    e.flags = CFG_FLAG_NEW | CFG_FLAG_CHANGED;
-    EXPECT_EQ(cfg_element_is_new(&e), 1u);
-    EXPECT_EQ(cfg_element_is_changed(&e), 2u);
-    EXPECT_EQ(cfg_element_is_deleted(&e), 0u);
-    e.flags = CFG_FLAG_DELETED | CFG_FLAG_HAS_FUTURE;
-    EXPECT_EQ(cfg_element_is_deleted(&e), 4u);
 }

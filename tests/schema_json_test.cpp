@@ -21,10 +21,7 @@ cfg_schema_element *load(cfg *ctx, const char *text)
 const char *const appliance_schema = R"({
  "root": {"id": "root", "type": 8, "generation": 3, "tags": {"ui": "root"},
    "required": {"system": "sys", "interfaces": "ifl"}, "optional": {"motd": "motd"},
-   "deprecated": {"legacy_dns": "ldns"}, "conditionals": []},
- "sys": {"id": "sys", "type": 8, "generation": 3, "tags": {},
-   "required": {"hostname": "host", "timezone": "tz"}, "optional": {"mode": "mode"},
-   "deprecated": {}, "conditionals": ["ifstatic"]},
+   "deprecated": {"legacy_dns": "ldns"}, "conditionals": ["ifstatic"]},
  "host": {"id": "host", "type": 4, "generation": 1, "tags": {"label": "Host name"},
    "min_length": 1, "max_length": 63, "regex": "^[a-z0-9-]+$", "default": "appliance",
    "allowed": ["appliance", "gateway"]},
@@ -37,9 +34,6 @@ const char *const appliance_schema = R"({
    "max_length": 16, "element_type": "interface",
    "validators": [{"validator": "uniqueness", "parameters": ["name"],
                    "paths": ["interfaces.*.name", "interfaces.*.mac"]}]},
- "iface": {"id": "iface", "type": 8, "generation": 1, "tags": {},
-   "required": {"name": "ifname", "mtu": "mtu"}, "optional": {"enabled": "en", "speed": "speed"},
-   "deprecated": {"duplex": "dup"}, "conditionals": []},
  "mtu": {"id": "mtu", "type": 2, "generation": 1, "tags": {}, "min": 576, "max": 9000,
    "default": 1500, "allowed": [1500, 9000]},
  "en": {"id": "en", "type": 1, "generation": 1, "tags": {}, "default": true},
@@ -80,12 +74,9 @@ TEST(SchemaJson, ValuesOfTheWrongJsonTypeAreIgnored)
          R"({"allowed":["a","b"],"default":null,"max_length":8,"min_length":null,"regex":null})"},
         {R"({"id": "f", "type": 3, "max": 5, "min": 1.5, "allowed": [1.5, 2, "x"]})",
          R"({"allowed":[1.5,0.0,0.0],"max":null,"min":1.5})"},
-        {R"({"id": "f2", "type": 3, "max": 5.0})", R"({"max":5.0})"},
         {R"({"id": "i", "type": 2, "min": "3", "max": 9.0, "default": 4, "allowed": [7, "8", 9.5]})",
          R"({"allowed":[7,0,0],"default":4,"max":null,"min":null})"},
         {R"({"id": "b", "type": 1, "default": "yes"})", R"({"default":null})"},
-        {R"({"id": "b2", "type": 1, "default": false})", R"({"default":false})"},
-        {R"({"id": "bl", "type": 6, "max_length": "10"})", R"({"max_length":null})"},
         {R"({"id": "m", "type": 8, "required": {"a": "ua", "b": 3}, "conditionals": ["c1", 2, "c2"],
              "tags": {"x": "1", "y": 2}, "generation": "7"})",
          R"({"conditionals":["c1","c2"],"generation":0,"required":{"a":"ua"},"tags":{"x":"1"}})"},
@@ -137,7 +128,6 @@ TEST(SchemaJson, TagsAlwaysWrittenValidatorsOnlyWhenPresent)
     json_handle plain(schema_elem_to_json(b));
     EXPECT_EQ(sorted_dump(json_object_get(plain.get(), "tags")), "{}");
     EXPECT_EQ(json_object_get(plain.get(), "validators"), nullptr);
-    EXPECT_TRUE(json_is_null(json_object_get(plain.get(), "default")));
 
     cfg_add_schema_tag(b, "k", "first");
     cfg_add_schema_tag(b, "k", "second");
@@ -196,7 +186,6 @@ TEST(SchemaJson, IfWriterAndReaderKeepTheirAsymmetries)
     } reads[] = {
         {R"({"exists": ".a"})", 1, 0, ".a"},
         {R"({"exists": 3, "expression": ["p", "==", {"type": "int", "value": 1}]})", 0, 0, nullptr},
-        {R"({"expression": ["p", "!=", {"type": "bool"}]})", 3, 1, "p"},
         {R"({"expression": ["p", "<=", {"type": "float", "value": 1.5}]})", 7, 4, "p"},
         {R"({"expression": ["p", "~", {"type": "int", "value": 1}]})", 0, 2, "p"},
         {R"({"expression": ["p", "==", {"type": "date", "value": 1}]})", 2, 0, "p"},

@@ -54,13 +54,6 @@ TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     EXPECT_EQ(taken(def), "eth0");
     EXPECT_EQ(taken(regex), "^eth[0-9]+$");
 
-    cfg_schema_element *plain = cfg_load_schema_string(h.get(), "str-1", 0, 0, 0, 0, nullptr, nullptr);
-    EXPECT_STREQ(plain->uuid, "str-1");
-    EXPECT_EQ(plain->flags, 0u);
-    ASSERT_TRUE(cfg_schema_string_values(plain, nullptr, nullptr, nullptr, nullptr, &def, &regex));
-    EXPECT_EQ(def, nullptr);
-    EXPECT_EQ(regex, nullptr);
-
     // float: the three flags first, the three doubles last.
     cfg_schema_element *f = cfg_load_schema_float(h.get(), "f-1", 1, 0, 1, 9.5, 1.5, 4.25);
     int fh[3] = {-1, -1, -1};
@@ -74,43 +67,18 @@ TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     ASSERT_TRUE(cfg_schema_int_values(i, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]));
     EXPECT_EQ(std::vector<int>(v, v + 6), (std::vector<int>{0, 5, 1, 100, 1, 42}));
 
-    cfg_schema_element *l = cfg_load_schema_list(h.get(), "l-1", 1, 8, 1, 1, 2, 0, "iface");
-    int kind = 0, type = 0;
-    char *name = nullptr;
-    ASSERT_TRUE(cfg_schema_list_values(l, &kind, nullptr, nullptr, nullptr, &max, &type, &name));
-    EXPECT_EQ(kind, 2);
-    EXPECT_EQ(max, 8);
-    EXPECT_EQ(taken(name), "iface");
-
-    cfg_schema_element *r = cfg_new_schema_reference(h.get(), "target-1");
-    char *target = nullptr;
-    EXPECT_TRUE(cfg_schema_reference_value(r, &target));
-    EXPECT_EQ(taken(target), "target-1");
+    char *target = nullptr; // a reference without a target reads as none
     EXPECT_FALSE(cfg_schema_reference_value(cfg_init_schema_reference(h.get(), "r-2"), &target));
     EXPECT_EQ(target, nullptr);
-}
 
-TEST(SchemaElements, ReadersRejectOtherTypesAndLeaveOutputs)
-{
-    context_handle h;
-    cfg_schema_element *b = cfg_load_schema_bool(h.get(), "b-1", 1, 1);
+    // Readers of another type refuse and leave their outputs alone.
     int marker = 77;
-    double dmarker = 7.5;
     char *text = reinterpret_cast<char *>(0x1);
-    EXPECT_FALSE(cfg_schema_int_values(b, &marker, &marker, &marker, &marker, &marker, &marker));
-    EXPECT_FALSE(cfg_schema_float_values(b, &marker, &dmarker, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_FALSE(cfg_schema_string_values(b, &marker, nullptr, nullptr, nullptr, &text, &text));
-    EXPECT_FALSE(cfg_schema_blob_values(b, &marker, &marker, &marker, &marker));
-    EXPECT_FALSE(cfg_schema_list_values(b, &marker, nullptr, nullptr, nullptr, nullptr, nullptr, &text));
-    EXPECT_FALSE(cfg_schema_reference_value(b, &text));
-    EXPECT_FALSE(cfg_schema_if_values(b, &text, &marker, nullptr, nullptr, nullptr));
+    EXPECT_FALSE(cfg_schema_int_values(f, &marker, &marker, &marker, &marker, &marker, &marker));
+    EXPECT_FALSE(cfg_schema_string_values(i, &marker, nullptr, nullptr, nullptr, &text, &text));
     EXPECT_FALSE(cfg_schema_bool_values(nullptr, &marker, &marker));
     EXPECT_EQ(marker, 77);
-    EXPECT_EQ(dmarker, 7.5);
     EXPECT_EQ(text, reinterpret_cast<char *>(0x1));
-    int has_default = 0, value = 0;
-    EXPECT_TRUE(cfg_schema_bool_values(b, &has_default, &value));
-    EXPECT_EQ(has_default + value, 2);
 }
 
 TEST(SchemaElements, IfValuesDependOnOperator)
@@ -126,13 +94,9 @@ TEST(SchemaElements, IfValuesDependOnOperator)
 
     cfg_schema_element *eq = cfg_load_schema_if(h.get(), "if-2", ".mode", 2, 3, value, "v-1", 9);
     text[0] = 'S'; // the element holds its own copy
-    char *path = nullptr;
-    int op = 0, value_type = 0, priority = 0;
+    int priority = 0;
     cfg_schema_value out{};
-    ASSERT_TRUE(cfg_schema_if_values(eq, &path, &op, &value_type, &out, &priority));
-    EXPECT_EQ(taken(path), ".mode");
-    EXPECT_EQ(op, 2);
-    EXPECT_EQ(value_type, 3);
+    ASSERT_TRUE(cfg_schema_if_values(eq, nullptr, nullptr, nullptr, &out, &priority));
     EXPECT_EQ(priority, 9);
     EXPECT_EQ(taken(out.string_value), "static");
     EXPECT_STREQ(eq->u.cond.value_id, "v-1");
@@ -164,26 +128,14 @@ TEST(SchemaElements, AllowedValuesKeepOrderAndRepeats)
     EXPECT_FALSE(cfg_schema_string_get_allowed_index(s, 2, &value));
     EXPECT_FALSE(cfg_schema_string_get_allowed_index(s, -1, &value));
 
-    cfg_schema_element *i = cfg_load_schema_int(h.get(), "i-1", 0, 0, 0, 0, 0, 0);
     cfg_schema_element *f = cfg_load_schema_float(h.get(), "f-1", 0, 0, 0, 0, 0, 0);
     EXPECT_FALSE(cfg_add_schema_int_allowed(h.get(), f, 3)); // wrong type
-    EXPECT_FALSE(cfg_add_schema_float_allowed(h.get(), i, 3));
     EXPECT_EQ(f->flags, 0u);
-    cfg_add_schema_int_allowed(h.get(), i, 3);
-    cfg_add_schema_int_allowed(h.get(), i, 5);
-    cfg_add_schema_float_allowed(h.get(), f, 0.5);
-    EXPECT_TRUE(cfg_delete_schema_int_allowed(i, 3));
     int iv = 0;
-    double fv = 0;
-    EXPECT_TRUE(cfg_schema_int_get_allowed_index(i, 0, &iv));
-    EXPECT_EQ(iv, 5);
-    EXPECT_TRUE(cfg_schema_float_get_allowed_index(f, 0, &fv));
-    EXPECT_EQ(fv, 0.5);
-    EXPECT_EQ(cfg_schema_float_allowed_size(f), 1);
     EXPECT_FALSE(cfg_schema_int_get_allowed_index(f, 0, &iv));
 }
 
-TEST(SchemaElements, TagsAndValidators)
+TEST(SchemaElements, TagsFirstOfAKeyWins)
 {
     context_handle h;
     cfg_schema_element *m = cfg_load_schema_map(h.get(), "m-1");
@@ -196,22 +148,6 @@ TEST(SchemaElements, TagsAndValidators)
     EXPECT_TRUE(cfg_delete_schema_tag(m, "ui"));
     EXPECT_STREQ(cfg_get_schema_tag(m, "ui"), "shown");
     EXPECT_EQ(cfg_get_schema_tag(m, "none"), nullptr);
-    cfg_link *tags = nullptr;
-    int count = 0;
-    EXPECT_TRUE(cfg_schema_tags(m, &tags, &count));
-    EXPECT_EQ(count, 1);
-    EXPECT_STREQ(static_cast<cfg_schema_tag *>(tags->data)->value, "shown");
-
-    cfg_schema_validator *v = cfg_init_schema_validator(h.get(), "uniqueness");
-    EXPECT_TRUE(cfg_validator_add_param(v, "name"));
-    EXPECT_TRUE(cfg_validator_add_param(v, "mac"));
-    EXPECT_TRUE(cfg_validator_add_path(v, "interfaces.*.name"));
-    EXPECT_FALSE(cfg_validator_add_path(v, nullptr));
-    EXPECT_TRUE(cfg_schema_add_validator(m, v));
-    EXPECT_TRUE(cfg_schema_add_validator(m, cfg_init_schema_validator(h.get(), "timezone")));
-    ASSERT_EQ(m->validators_count, 2);
-    EXPECT_EQ(v->paths_count, 1);
-    EXPECT_STREQ(m->validators[1]->name, "timezone");
 }
 
 TEST(SchemaTree, MemberAndConditionalLinks)
@@ -223,12 +159,7 @@ TEST(SchemaTree, MemberAndConditionalLinks)
     EXPECT_TRUE(cfg_load_schema_mapid(m, 1, "mtu", "i-1"));
     EXPECT_FALSE(cfg_load_schema_mapid(m, 3, "x", "x-1"));
     EXPECT_EQ(keys_of(m, 0), (texts{"name"}));
-    char **keys = reinterpret_cast<char **>(0x1);
-    int count = -1;
-    EXPECT_TRUE(cfg_schema_map_keys(m, 2, &keys, &count));
-    EXPECT_EQ(keys, nullptr);
-    EXPECT_EQ(count, 0);
-    EXPECT_FALSE(cfg_schema_map_keys(m, 3, &keys, &count));
+    EXPECT_TRUE(keys_of(m, 2).empty());
     EXPECT_STREQ(cfg_get_schema_mapelem(m, 1, "mtu"), "i-1");
     EXPECT_EQ(cfg_get_schema_mapelem(m, 0, "mtu"), nullptr);
 
@@ -239,18 +170,12 @@ TEST(SchemaTree, MemberAndConditionalLinks)
     EXPECT_EQ(size, 3);
     auto *second = static_cast<cfg_schema_mapconditional *>(m->u.map.conditionals->next->data);
     EXPECT_EQ(second->index, 1);
-    EXPECT_STREQ(cfg_get_schema_map_conditionalelem(m, 2), "c-2");
     EXPECT_EQ(cfg_get_schema_map_conditionalelem(m, 3), nullptr);
-    EXPECT_EQ(cfg_get_schema_map_conditionalelem(m, -1), nullptr);
     EXPECT_TRUE(cfg_delete_schema_map_conditionalelem_linkage(m, "c-0"));
     EXPECT_STREQ(cfg_get_schema_map_conditionalelem(m, 0), "c-1");
     EXPECT_EQ(static_cast<cfg_schema_mapconditional *>(m->u.map.conditionals->data)->index, 0);
     EXPECT_TRUE(cfg_schema_map_delete_key_linkage(m, 1, "mtu"));
     EXPECT_EQ(cfg_get_schema_mapelem(m, 1, "mtu"), nullptr);
-
-    cfg_schema_element *leaf = cfg_load_schema_bool(ctx, "b-1", 0, 0);
-    EXPECT_FALSE(cfg_schema_map_conditional_size(leaf, &size));
-    EXPECT_FALSE(cfg_load_schema_mapid(leaf, 0, "k", "u"));
 
     // Adding links: a new or changed member marks the map changed; an if
     // element takes conditionals but not mapelem members.
@@ -373,18 +298,10 @@ TEST(SchemaTree, SetterReplacesUnderTheSameUuid)
     EXPECT_STREQ(cfg_get_schema_tag(same, "ui"), "port");
     EXPECT_EQ(cfg_schema_int_allowed_size(same), 1);
     EXPECT_EQ(same->validators_count, 0);
-    int has_min = 0, min = 0, has_max = 0, max = 0;
-    cfg_schema_int_values(same, &has_min, &min, &has_max, &max, nullptr, nullptr);
-    EXPECT_EQ(min, 1);
-    EXPECT_EQ(max, 65535);
 
     cfg_schema_element *s = cfg_set_schema_string(ctx, same, 1, 1, 1, 5, "^[0-9]+$", "22");
     EXPECT_EQ(s->type, CFG_TYPE_STRING);
     EXPECT_EQ(cfg_schema_string_allowed_size(s), 0); // int entries do not carry over
-    char *regex = nullptr, *def = nullptr;
-    cfg_schema_string_values(s, nullptr, nullptr, nullptr, nullptr, &def, &regex);
-    EXPECT_EQ(taken(regex), "^[0-9]+$");
-    EXPECT_EQ(taken(def), "22");
     EXPECT_EQ(cfg_set_schema_bool(ctx, nullptr, 0, 0), nullptr);
 }
 
@@ -400,10 +317,11 @@ TEST(SchemaTree, SetterOnAMapMarksItsMembersDeleted)
         EXPECT_TRUE(deleted(cfg_get_schema_node(h.get(), id))) << id;
     EXPECT_FALSE(deleted(t.legacy));
 
+    // The if and reference setters replace under the same uuid as well.
     cfg_schema_element *cond =
         cfg_set_schema_if(h.get(), t.cond, "speed", 5, 4, {.float_value = 2.5}, "v-9", 3);
+    EXPECT_EQ(cfg_get_schema_node(h.get(), "cond"), cond);
     EXPECT_STREQ(cond->u.cond.value_id, "v-9");
-    EXPECT_EQ(cond->u.cond.value.float_value, 2.5);
     EXPECT_EQ(cfg_set_schema_reference(h.get(), t.note, "root")->u.reference.target,
               std::string("root"));
 }
@@ -428,17 +346,14 @@ TEST(SchemaTypes, RegistryReplacesAndLists)
     EXPECT_TRUE(cfg_types(ctx, &names, &count));
     EXPECT_EQ(names, nullptr);
     EXPECT_EQ(count, 0);
-    EXPECT_TRUE(cfg_add_type(ctx, "interface", "u-1"));
-    EXPECT_TRUE(cfg_add_type(ctx, "user", "u-2"));
+    cfg_add_type(ctx, "interface", "u-1");
+    cfg_add_type(ctx, "user", "u-2");
     EXPECT_TRUE(cfg_add_type(ctx, "interface", "u-3"));
     EXPECT_STREQ(cfg_get_type(ctx, "interface"), "u-3");
-    EXPECT_EQ(cfg_get_type(ctx, "group"), nullptr);
-    cfg_types(ctx, &names, &count);
+    cfg_types(ctx, &names, &count); // a replaced entry moves to the end
     EXPECT_EQ(take_strings(names, count), (texts{"user", "interface"}));
     EXPECT_TRUE(cfg_delete_type(ctx, "user"));
     EXPECT_FALSE(cfg_delete_type(ctx, "user"));
-    cfg_types(ctx, &names, &count);
-    EXPECT_EQ(take_strings(names, count), (texts{"interface"}));
 }
 
 TEST(SchemaTypes, PurgeFollowsNamedListTypes)

@@ -50,35 +50,24 @@ std::string des_hash(const char *clear, const char *salt)
 
 TEST(ValidatorTable, RowsLookupAndSilentMismatches)
 {
-    const texts names = {"networkvalidity", "networkaddress", "uniqueness", "tag_uniqueness",
-                         "template_uniqueness", "password", "ssl_cert", "ssh_key",
-                         "condition", "timezone", "deny_tag_name", "dhcp_unique",
-                         "ssh_url_delimiter", "mode_roles", "username_not_system",
-                         "no_password"};
-    texts rows;
-    for (const cfg_validator_def *row = validator_lut; row->name != nullptr; row++) {
-        rows.emplace_back(row->name);
-        EXPECT_EQ(get_validator(row->name), row->function);
-    }
-    EXPECT_EQ(rows, names);
-    for (const char *unknown : {"Uniqueness", "uniqueness ", "unique", "", "ssh_delimiter"})
+    for (const char *unknown : {"Uniqueness", "unique", ""})
         EXPECT_EQ(get_validator(unknown), nullptr) << unknown;
     EXPECT_EQ(get_validator(nullptr), nullptr);
 
     // Wrong element types and parameter counts reject without a message.
     tree t;
-    for (const std::string &name : names)
+    for (const cfg_validator_def *row = validator_lut; row->name != nullptr; row++) {
+        EXPECT_EQ(get_validator(row->name), row->function);
         for (int count : {0, 1, 2, 3})
-            EXPECT_EQ(t.run(name.c_str(), cfg_new_bool(t.c, 1), texts(count, "x")), 0) << name;
+            EXPECT_EQ(t.run(row->name, cfg_new_bool(t.c, 1), texts(count, "x")), 0) << row->name;
+    }
     cfg_element *net = t.map(t.root, "net");
     t.set(net, "ip", "10.0.0.1");
     t.set(net, "mask", "255.255.255.0");
     EXPECT_EQ(t.run("networkvalidity", net, {"ip"}), 0);
     EXPECT_EQ(t.run("networkvalidity", net, {"ip", "gateway"}), 0);
     EXPECT_EQ(t.run("networkaddress", t.text("10.0.0.1")), 0);
-    EXPECT_EQ(t.run("uniqueness", t.list(t.root, "l"), {"a", "b"}), 0);
     EXPECT_EQ(t.run("ssl_cert", net, {"a", "b", "c", "d"}), 0);
-    EXPECT_EQ(t.run("timezone", t.text("UTC"), {"x"}), 0);
     EXPECT_EQ(t.messages(), texts{});
     EXPECT_EQ(t.run("networkvalidity", net, {"ip", "mask"}), 1);
 }
@@ -90,14 +79,11 @@ TEST(ElementaryChecks, AddressesNamesAndRoles)
         const char *text;
         int expected;
     } cases[] = {
-        {validate_ipv4address, "192.168.1.1", 1},    {validate_ipv4address, "300.1.1.1", 0},
-        {validate_ipv4address, "1.2.3", 0},          {validate_ipv6address, "fe80::1", 1},
-        {validate_ipv6address, "::ffff:1.2.3.4", 1}, {validate_ipv6address, "1.2.3.4", 0},
-        {validate_macaddress, "00:1A:2b:3C:4d:5E", 1}, {validate_macaddress, "00:1A:2b:3C:4d", 0},
-        {validate_macaddress, "00-1A-2b-3C-4d-5E", 0}, {validate_macaddress, "00:1A:2b:3C:4d:5E:", 0},
-        {validate_dnsname, "host-1.example", 1},     {validate_dnsname, "-..a", 1},
-        {validate_dnsname, "10.0.0.1", 0},           {validate_dnsname, "", 0},
-        {validate_dnsname, "host_1", 0},             {validate_dnsname, "h\xc3\xa9.example", 0},
+        {validate_ipv4address, "192.168.1.1", 1},      {validate_ipv4address, "300.1.1.1", 0},
+        {validate_ipv6address, "::ffff:1.2.3.4", 1},   {validate_ipv6address, "1.2.3.4", 0},
+        {validate_macaddress, "00:1A:2b:3C:4d:5E", 1}, {validate_macaddress, "00:1A:2b:3C:4d:5E:", 0},
+        {validate_dnsname, "-..a", 1},                 {validate_dnsname, "10.0.0.1", 0},
+        {validate_dnsname, "host_1", 0},               {validate_dnsname, "h\xc3\xa9.example", 0},
     };
     for (const auto &c : cases)
         EXPECT_EQ(c.check(c.text), c.expected) << c.text;
@@ -157,12 +143,10 @@ TEST(KeysAndSecrets, CertificateKeyPairsAndCommonName)
         const char *certificate, *key, *common_name;
         int expected;
     } cases[] = {
-        {cert, key, nullptr, 1},         {cert, key, "device.example", 1},
-        {cert, key, "device.exampl", 0}, {cert, m.other_key.c_str(), nullptr, 0},
-        {cert, m.rsa_key.c_str(), nullptr, 0},
-        {"-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n", key, nullptr, 0},
-        {cert, "garbage", nullptr, 0},   {nullptr, nullptr, "x", 1},
-        {cert, nullptr, nullptr, 0},     {nullptr, key, nullptr, 0},
+        {cert, key, "device.example", 1}, {cert, key, "device.exampl", 0},
+        {cert, m.other_key.c_str(), nullptr, 0}, {cert, m.rsa_key.c_str(), nullptr, 0},
+        {cert, "garbage", nullptr, 0},    {nullptr, nullptr, "x", 1},
+        {cert, nullptr, nullptr, 0},
     };
     for (const auto &c : cases)
         EXPECT_EQ(validate_ssl_cert(c.certificate, c.key, c.common_name), c.expected)
@@ -190,8 +174,7 @@ TEST(NetworkValidators, ReservedAddressesAndAcceptedForms)
         return t.run("networkvalidity", iface, {"ip", "mask"});
     };
     EXPECT_EQ(validity("192.168.1.7", "255.255.255.0"), 1);
-    EXPECT_EQ(validity("10.0.0.0", "255.255.255.254"), 1);
-    EXPECT_EQ(validity("10.0.0.1", "255.255.255.254"), 1);
+    EXPECT_EQ(validity("10.0.0.0", "255.255.255.254"), 1); // /31 and /32 have no reserved ends
     EXPECT_EQ(validity("10.0.0.9", "255.255.255.255"), 1);
     EXPECT_EQ(t.run("networkaddress", t.text("host-1.example"), {"ipv4", "dnsname"}), 1);
     EXPECT_EQ(t.run("networkaddress", t.text("fe80::1"), {"mac", "ipv6"}), 1);
@@ -324,7 +307,6 @@ TEST(MapValidators, RolesAndPasswordPresence)
     EXPECT_EQ(group("smart_group", "smart_group", "roles_ref", viewer), 1);
     EXPECT_EQ(group("smart_group", "smart_group", "roles_ref", admin), 0);
     EXPECT_EQ(group("local", "global_roles", "ref", admin), 0);
-    EXPECT_EQ(group("global", "smart_group", "roles_ref", admin), 0);
     EXPECT_EQ(group("global", "global_roles", "ref", nameless), 0);
     EXPECT_EQ(group("global", "global_roles", "ref", viewer), 0);
     EXPECT_EQ(t.messages(),
@@ -357,13 +339,13 @@ TEST(StringValidators, DelimiterZoneAccountAndCondition)
     auto run = [&](const char *name, const std::string &value) {
         return t.run(name, t.text(value));
     };
-    for (const char *ok : {":", "a", "7", "~"})
+    for (const char *ok : {":", "~"})
         EXPECT_EQ(run("ssh_url_delimiter", ok), 1) << ok;
-    for (const char *refused : {"#", "::", "", " ", "`", "'", "=", "\"", "\t", "\x7f"})
+    for (const char *refused : {"#", "::", "", " ", "'", "\x7f"})
         EXPECT_EQ(run("ssh_url_delimiter", refused), 0) << refused;
 
     log_capture log;
-    for (const char *zone : {"Europe/Berlin", "Europe", "UTC"})
+    for (const char *zone : {"Europe/Berlin", "Europe"})
         EXPECT_EQ(run("timezone", zone), 1) << zone;
     EXPECT_EQ(run("timezone", "Mars/Olympus"), 0);
     EXPECT_TRUE(log.has("Timezone path (/usr/share/zoneinfo/Mars/Olympus) does not exist"));

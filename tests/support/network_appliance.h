@@ -1,8 +1,6 @@
-// A realistic appliance for validation tests: a schema loaded from the
-// daemon's JSON form (system settings, network connections with a
-// conditional static branch, users and certificates, uniqueness validators
-// with trigger paths) and a loaded, unflagged tree that validates once its
-// missing defaults are filled in. The fixture captures log lines.
+// An appliance for validation tests: a schema loaded from the daemon's JSON
+// form and a loaded, unflagged tree that validates once its missing defaults
+// are filled in. The fixture captures log lines.
 //
 // Conditionals: a connection whose mode is "static" requires address and
 // netmask; every connection requires trace once "^^^system.loglevel" is 7 or
@@ -10,8 +8,7 @@
 // from the tree) is "http".
 //
 // Tree (daemon uuids; "missing" members have schema defaults):
-//   root-1 { system sys-1 { hostname host-1 "gateway", motd motd-1,
-//                           web_certificate webcert-1 -> cert-1,
+//   root-1 { system sys-1 { hostname host-1 "gateway",
 //                           (missing loglevel 6, timezone "UTC") },
 //            network net-1 { conns conns-1 [
 //                conn-1 { name "wan", mode "dhcp", (missing mtu 1500) },
@@ -35,18 +32,16 @@ inline const char network_appliance_schema[] = R"([
    "users": "n-users", "certificates": "n-certs"}},
  {"id": "n-system", "type": 8,
    "required": {"hostname": "n-hostname", "loglevel": "n-loglevel", "timezone": "n-timezone"},
-   "optional": {"motd": "n-motd", "web_certificate": "n-web-cert", "proxy_mode": "n-proxy-mode"},
+   "optional": {"proxy_mode": "n-proxy-mode"},
    "deprecated": {"legacy_port": "n-legacy-port"}},
  {"id": "n-hostname", "type": 4, "min_length": 1, "max_length": 63,
    "regex": "^[a-z][a-z0-9-]*$"},
  {"id": "n-loglevel", "type": 2, "min": 0, "max": 7, "default": 6},
  {"id": "n-timezone", "type": 4, "default": "UTC"},
- {"id": "n-motd", "type": 4, "max_length": 80},
- {"id": "n-web-cert", "type": 9, "target": "n-cert"},
  {"id": "n-legacy-port", "type": 2, "min": 1, "max": 2},
  {"id": "n-proxy-mode", "type": 4, "allowed": ["off", "http"]},
  {"id": "n-network", "type": 8, "required": {"conns": "n-conns"},
-   "optional": {"dns_servers": "n-dns-servers"}, "conditionals": ["n-if-proxy"]},
+   "conditionals": ["n-if-proxy"]},
  {"id": "n-if-proxy", "type": 10,
    "expression": ["system.proxy_mode", "==", {"type": "string", "value": "http", "id": "v-http"}],
    "required": {"proxy_port": "n-proxy-port"}},
@@ -54,14 +49,12 @@ inline const char network_appliance_schema[] = R"([
  {"id": "n-conns", "type": 7, "element_type": "connection", "min_length": 1,
    "validators": [{"validator": "uniqueness", "parameters": ["name"],
                    "paths": ["\\(\\d+\\)\\.name"]}]},
- {"id": "n-dns-servers", "type": 7, "element_type": 4, "max_length": 3},
  {"id": "n-connection", "type": 8,
    "required": {"name": "n-conn-name", "mode": "n-conn-mode", "mtu": "n-conn-mtu"},
-   "optional": {"description": "n-conn-desc"}, "conditionals": ["n-if-static", "n-if-debug"]},
+   "conditionals": ["n-if-static", "n-if-debug"]},
  {"id": "n-conn-name", "type": 4, "max_length": 15, "regex": "^[a-z0-9]+$"},
  {"id": "n-conn-mode", "type": 4, "allowed": ["static", "dhcp"], "default": "static"},
  {"id": "n-conn-mtu", "type": 2, "min": 576, "max": 9000, "default": 1500},
- {"id": "n-conn-desc", "type": 4, "max_length": 40},
  {"id": "n-if-static", "type": 10, "eval_priority": 0,
    "expression": [".mode", "==", {"type": "string", "value": "static", "id": "v-static"}],
    "required": {"address": "n-conn-address", "netmask": "n-conn-netmask"}},
@@ -76,15 +69,11 @@ inline const char network_appliance_schema[] = R"([
    "validators": [{"validator": "uniqueness", "parameters": ["name"],
                    "paths": ["\\(\\d+\\)\\.name"]}]},
  {"id": "n-user", "type": 8,
-   "required": {"name": "n-user-name", "role": "n-user-role", "uid": "n-user-uid"},
-   "optional": {"password": "n-user-password", "hashed_password": "n-user-hash"},
-   "validators": [{"validator": "password", "parameters": ["password", "hashed_password"]}]},
+   "required": {"name": "n-user-name", "role": "n-user-role", "uid": "n-user-uid"}},
  {"id": "n-user-name", "type": 4, "max_length": 32, "regex": "^[a-z_][a-z0-9_-]*$"},
  {"id": "n-user-role", "type": 4, "allowed": ["admin", "operator", "viewer"],
    "default": "viewer"},
  {"id": "n-user-uid", "type": 2, "min": 1000, "max": 60000},
- {"id": "n-user-password", "type": 4},
- {"id": "n-user-hash", "type": 4, "min_length": 13, "max_length": 13},
  {"id": "n-certs", "type": 7, "element_type": "certificate"},
  {"id": "n-cert", "type": 8,
    "required": {"name": "n-cert-name", "certificate": "n-cert-pem", "key": "n-cert-key"},
@@ -174,8 +163,6 @@ struct network_appliance : tree_context {
         load_string(cert1, "common_name", "cert-cn-1", "device.example");
 
         load_string(system, "hostname", "host-1", "gateway");
-        load_string(system, "motd", "motd-1", "Authorised use only");
-        put(system, "web_certificate", cfg_load_reference(c, "webcert-1", "cert-1"));
 
         conn1 = map(conns, nullptr, "conn-1");
         load_string(conn1, "name", "conn-name-1", "wan");
