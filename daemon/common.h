@@ -1,0 +1,85 @@
+// What every source of the daemon shares: its log macro, owning handles for
+// Jansson values and malloc'd text, and building message objects without a
+// context. The daemon uses only the library's public interface.
+#pragma once
+
+#include <zrconfig.h>
+#include <zrutil.h>
+
+#include <cstdlib>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <syslog.h>
+
+// Each source defines ZRD_SOURCE ("daemon/store", ...) before including this.
+#define ZRD_LOG(priority, ...) \
+    zrlog_log_prio_codepos(ZRD_SOURCE, __func__, __LINE__, (priority), __VA_ARGS__)
+
+namespace zrd {
+
+struct json_decref_deleter {
+    void operator()(json_t *value) const { json_decref(value); }
+};
+// Owns one reference to a Jansson value.
+using json_ptr = std::unique_ptr<json_t, json_decref_deleter>;
+
+struct free_deleter {
+    void operator()(void *p) const { free(p); }
+};
+// Owns text that came from malloc or strdup.
+using cstr_ptr = std::unique_ptr<char, free_deleter>;
+
+// Message codes the daemon answers with (the library's catalogue numbers).
+enum message_code : int {
+    msg_path_not_found = 28,
+    msg_uuid_not_found = 29,
+    msg_database = 30,
+    msg_conflict = 32,
+    msg_push_failed = 33,
+    msg_lock_failed = 37,
+    msg_invalid_request = 39,
+    msg_incomplete_data = 40,
+    msg_permission_denied = 46,
+    msg_invalid_action = 47,
+    msg_invalid_parameter = 48,
+    msg_invalid_query = 51,
+    msg_script_success = 74,
+    msg_script_failure = 75,
+    msg_script_timeout = 76,
+};
+
+// One message object {"code", "args"} with the catalogue's argument names
+// for values, in the catalogue's order; null when the code has no row.
+json_t *message_json(int code, std::initializer_list<std::string> values = {});
+
+// A failure answer carrying one message.
+json_t *failure(int code, std::initializer_list<std::string> values = {});
+
+// A success answer, with data when it is not null (the reference is taken).
+json_t *success(json_t *data);
+
+// Chooses the daemon's log sinks; restore_logging puts them back after the
+// library's context creation has reset them to its own.
+void set_logging(bool use_syslog, bool use_stderr);
+void restore_logging();
+
+// A new context whose lookups answer from its own index.
+cfg *new_context();
+// Frees a context made by new_context and its schema; clears the pointer.
+void free_context(cfg *&ctx);
+
+// The member links of a list or map (cfg_parent_link records), else null.
+inline cfg_link *members_of(cfg_element *e)
+{
+    if (e->type == CFG_TYPE_LIST)
+        return e->value.list.members;
+    if (e->type == CFG_TYPE_MAP)
+        return e->value.map.members;
+    return nullptr;
+}
+
+// Text of a JSON value in the wire's form, or "" when it cannot be written.
+std::string dump(json_t *value);
+
+} // namespace zrd

@@ -1,0 +1,84 @@
+// The daemon's socket side: the listening socket, one thread per client
+// session reading frames and answering them, the configuration locks, and
+// the subscriptions run after accepted pushes.
+#pragma once
+
+#include "model.h"
+#include "scripts.h"
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <set>
+#include <sys/socket.h>
+#include <thread>
+
+namespace zrd {
+
+struct options {
+    std::string socket_path, db_path, schema_file, data_file, group;
+    int script_timeout = 30;
+    size_t max_frame = 64u << 20;
+    bool foreground = false;
+};
+
+// Who holds the configuration lock: one writer, or any number of readers.
+class lock_table {
+  public:
+    // op: "write", "read" or "none"; false when another session's lock
+    // stands in the way.
+    bool take(unsigned long session, const std::string &op);
+    void release(unsigned long session);
+    // True when no other session holds a lock.
+    bool may_push(unsigned long session);
+
+  private:
+    std::mutex mutex_;
+    unsigned long writer_ = 0;
+    std::set<unsigned long> readers_;
+};
+
+struct session {
+    unsigned long id = 0;
+    int fd = -1;
+    struct ucred peer = {};
+    std::string client_name;
+    std::thread thread;
+    std::atomic<bool> done{false};
+};
+
+class server {
+  public:
+    server(const options &opts, model &m, store &s) : opts_(opts), model_(m), store_(s) {}
+    ~server();
+
+    // Creates the socket (mode 0660, group from the options), replacing a
+    // socket file that no daemon answers on. False with error set.
+    bool listen(std::string &error);
+    // Serves until stop_fd becomes readable (a signal arrived).
+    void run(int stop_fd);
+
+  private:
+    void serve(session &s);
+    json_t *dispatch(session &s, json_t *request, bool &end);
+    json_t *hello(session &s, json_t *data);
+    json_t *push(session &s, json_t *data);
+    json_t *subscribe(json_t *data);
+    bool permitted(const struct ucred &peer) const;
+    void reap(bool all);
+
+    const options &opts_;
+    model &model_;
+    store &store_;
+    lock_table locks_;
+    int listen_fd_ = -1;
+    gid_t group_ = 0;
+    bool has_group_ = false;
+    std::atomic<bool> stopping_{false};
+    std::mutex sessions_mutex_;
+    std::list<std::unique_ptr<session>> sessions_;
+    unsigned long next_session_ = 1;
+    std::vector<subscription> subscriptions_; // guarded by the model's mutex
+};
+
+} // namespace zrd
