@@ -1,0 +1,458 @@
+// zrconfigd end to end: the real daemon on a temporary socket and database,
+// driven by the real library (and, for bad frames, by raw sockets).
+#include "context.h"
+#include "daemon_process.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <fstream>
+#include <random>
+
+namespace zrtest {
+namespace {
+
+std::vector<int> codes_of(cfg *ctx)
+{
+    std::vector<int> out;
+    for (int i = 0; i < cfg_message_count(ctx); i++)
+        out.push_back(cfg_get_message_code(cfg_get_message_object(ctx, i)));
+    return out;
+}
+
+std::string string_at(cfg *ctx, const char *path)
+{
+    char *text = nullptr;
+    return cfg_simple_string_value_by_path(ctx, &text, "%s", path) ? taken(text) : "(none)";
+}
+
+// Sets the string at path, validates the change and commits it.
+int commit_string(cfg *ctx, const char *path, const char *value)
+{
+    cfg_element *e = cfg_get_by_path(ctx, path);
+    if (e == nullptr || cfg_set_string(ctx, e, value) == nullptr)
+        return -1;
+    if (!cfg_validate_changed_data(ctx))
+        return -2;
+    return cfg_commit(ctx);
+}
+
+// Appends a connection {name, mode "dhcp"} to network.conns.
+cfg_element *add_connection(cfg *ctx, const char *name)
+{
+    cfg_element *conns = cfg_get_by_path(ctx, "network.conns");
+    cfg_element *conn = cfg_new_map(ctx);
+    if (conns == nullptr || conn == nullptr)
+        return nullptr;
+    cfg_map_set_string(ctx, conn, "name", name);
+    cfg_map_set_string(ctx, conn, "mode", "dhcp");
+    cfg_add_listelem(ctx, conns, conn);
+    return conn;
+}
+
+// One raw frame out, one back (null when the daemon closed or sent junk).
+json_handle exchange(int fd, const std::string &payload, uint32_t length_override = UINT32_MAX)
+{
+    uint32_t length = htonl(length_override != UINT32_MAX ? length_override
+                                                          : static_cast<uint32_t>(payload.size()));
+    std::string frame(reinterpret_cast<char *>(&length), 4);
+    frame += payload;
+    if (write(fd, frame.data(), frame.size()) != static_cast<ssize_t>(frame.size()))
+        return nullptr;
+    return json_handle(cfg_receive_timeout(fd, 5000));
+}
+
+int first_code(json_t *answer)
+{
+    return static_cast<int>(json_integer_value(
+        json_object_get(json_array_get(json_object_get(answer, "messages"), 0), "code")));
+}
+
+TEST(Daemon, ServesReadsByPathAndId)
+{
+    daemon_process d;
+    ASSERT_TRUE(d.running());
+    client c(d);
+    ASSERT_NE(c.ctx, nullptr);
+    EXPECT_EQ(string_at(c, "system.hostname"), "fw1");
+    EXPECT_EQ(string_at(c, "network.conns[1].address"), "192.168.1.1");
+    EXPECT_EQ(cfg_get_by_id(c, "no-such-id"), nullptr);
+    EXPECT_EQ(codes_of(c), std::vector<int>{29});
+    cfg_element *fetched = cfg_fetch_by_path(c, "network.conns[0].name");
+    ASSERT_NE(fetched, nullptr);
+    EXPECT_EQ(string_of(fetched), "wan");
+}
+
+TEST(Daemon, CommitIsSeenByTheNextSessionWithDaemonIds)
+{
+    daemon_process d;
+    std::string new_id;
+    {
+        client c(d);
+        cfg_element *conn = add_connection(c, "lab");
+        ASSERT_NE(conn, nullptr);
+        new_id = conn->uuid;
+        cfg_set_string(c, cfg_get_by_path(c, "system.hostname"), "fw2");
+        ASSERT_EQ(cfg_validate_changed_data(c), 1) << testing::PrintToString(messages_of(c));
+        ASSERT_EQ(cfg_commit(c), 1) << testing::PrintToString(messages_of(c));
+        // The old id now leads to the daemon's copy, whose id ends in digits.
+        cfg_element *fetched = cfg_get_by_id(c, new_id.c_str());
+        ASSERT_NE(fetched, nullptr);
+        EXPECT_NE(fetched->uuid[0], '{');
+        EXPECT_TRUE(isdigit(static_cast<unsigned char>(fetched->uuid[strlen(fetched->uuid) - 1])));
+    }
+    client other(d);
+    EXPECT_EQ(string_at(other, "system.hostname"), "fw2");
+    EXPECT_EQ(string_at(other, "network.conns[4].name"), "lab");
+    int mtu = 0;
+    EXPECT_TRUE(cfg_simple_int_value_by_path(other, &mtu, "network.conns[4].mtu"));
+    EXPECT_EQ(mtu, 1500) << "the daemon's validation filled the default";
+}
+
+TEST(Daemon, InvalidPushChangesNothing)
+{
+    daemon_process d;
+    {
+        client c(d);
+        ASSERT_NE(add_connection(c, "bad name!"), nullptr);
+        cfg_set_string(c, cfg_get_by_path(c, "system.hostname"), "changed");
+        EXPECT_EQ(cfg_commit(c), 0) << "the daemon validates what the client did not";
+        EXPECT_EQ(codes_of(c), std::vector<int>{14});
+        client other(d);
+        EXPECT_EQ(string_at(other, "system.hostname"), "fw1");
+        EXPECT_EQ(cfg_get_by_path(other, "network.conns[4]"), nullptr);
+    }
+    d.stop();
+    ASSERT_TRUE(d.start());
+    client after_restart(d);
+    EXPECT_EQ(string_at(after_restart, "system.hostname"), "fw1");
+}
+
+TEST(Daemon, SchemaChangesAreStoredAndValidatedInFull)
+{
+    daemon_process d;
+    {
+        client c(d);
+        cfg_element *system = cfg_get_by_path(c, "system");
+        ASSERT_NE(system, nullptr);
+        cfg_schema_element *map = cfg_get_schema_node(c, system->schema);
+        cfg_schema_element *location = cfg_new_schema_string(c, 1, 32, 1, 1, nullptr, nullptr);
+        ASSERT_TRUE(cfg_add_schema_mapelem(c, map, 1, "location", location));
+        cfg_map_set_string(c, system, "location", "rack 4");
+        ASSERT_EQ(cfg_commit(c), 1) << testing::PrintToString(messages_of(c));
+    }
+    d.stop();
+    ASSERT_TRUE(d.start());
+    client c(d);
+    EXPECT_EQ(string_at(c, "system.location"), "rack 4");
+    cfg_element *system = cfg_get_by_path(c, "system");
+    ASSERT_NE(system, nullptr);
+    EXPECT_NE(cfg_get_schema_mapelem(cfg_get_schema_node(c, system->schema), 1, "location"),
+              nullptr);
+    // A longer value than the new member allows is refused by the daemon.
+    cfg_set_string(c, cfg_get_by_path(c, "system.location"), std::string(40, 'x').c_str());
+    EXPECT_EQ(cfg_commit(c), 0);
+    EXPECT_EQ(codes_of(c), std::vector<int>{11});
+}
+
+TEST(Daemon, SecondEditOfTheSameElementConflicts)
+{
+    daemon_process d;
+    client first(d), second(d);
+    ASSERT_NE(cfg_get_by_path(second, "system.hostname"), nullptr);
+    ASSERT_EQ(commit_string(first, "system.hostname", "first"), 1);
+    cfg_set_string(second, cfg_get_by_path(second, "system.hostname"), "second");
+    EXPECT_EQ(cfg_commit(second), 0);
+    EXPECT_EQ(codes_of(second), std::vector<int>{32});
+    client reader(d);
+    EXPECT_EQ(string_at(reader, "system.hostname"), "first");
+}
+
+TEST(Daemon, TransactionSavedAtDisconnectIsCommittedLater)
+{
+    daemon_process d;
+    std::string id;
+    {
+        client c(d);
+        free(c->transaction_dir);
+        c->transaction_dir = strdup(d.dir().path().c_str());
+        id = cfg_transaction_start(c);
+        cfg_set_string(c, cfg_get_by_path(c, "system.hostname"), "pending");
+    }
+    client later(d);
+    free(later->transaction_dir);
+    later->transaction_dir = strdup(d.dir().path().c_str());
+    ASSERT_EQ(cfg_transaction_open(later, id.c_str()), 1);
+    ASSERT_EQ(cfg_commit(later), 1) << testing::PrintToString(messages_of(later));
+    client reader(d);
+    EXPECT_EQ(string_at(reader, "system.hostname"), "pending");
+}
+
+TEST(Daemon, SearchRunsConditionsAndRefusesUnknownFields)
+{
+    daemon_process d;
+    client c(d);
+    cfg_condition *by_mode = cfg_new_string_condition("mode", CFG_OPER_EQ, "static");
+    cfg_element *results = cfg_search(c, "network.conns", by_mode);
+    cfg_free_conditions(by_mode);
+    ASSERT_NE(results, nullptr);
+    unsigned count = 0;
+    cfg_list_size(results, &count);
+    ASSERT_EQ(count, 3u);
+    EXPECT_EQ(string_of(cfg_get_by_path(c, "(RESULTS)[0].name")), "lan");
+
+    cfg_condition *either = cfg_new_or_condition();
+    cfg_condition_add_child(either, cfg_new_string_condition("name", CFG_OPER_LIKE_FIRST, "w%"));
+    cfg_condition_add_child(either, cfg_new_int_condition("mtu", CFG_OPER_GT, 1500));
+    results = cfg_search(c, "network.conns", either);
+    cfg_free_conditions(either);
+    ASSERT_NE(results, nullptr);
+    cfg_list_size(results, &count);
+    ASSERT_EQ(count, 2u);
+    EXPECT_EQ(string_of(cfg_get_by_path(c, "(RESULTS)[1].name")), "dmz");
+
+    cfg_free_message_stack(c);
+    for (const char *field : {"name = name) OR (1", "no_such_field"}) {
+        cfg_condition *hostile = cfg_new_string_condition(field, CFG_OPER_EQ, "x");
+        EXPECT_EQ(cfg_search(c, "network.conns", hostile), nullptr) << field;
+        cfg_free_conditions(hostile);
+    }
+    EXPECT_EQ(codes_of(c), (std::vector<int>{48, 4, 48, 4}));
+}
+
+TEST(Daemon, LocksShutOutOtherSessions)
+{
+    daemon_process d;
+    client owner(d), other(d);
+    ASSERT_EQ(cfg_lock(owner, 1), 1);
+    EXPECT_EQ(cfg_lock(other, 1), 0);
+    EXPECT_EQ(cfg_lock(other, 2), 0);
+    EXPECT_EQ(commit_string(other, "system.hostname", "blocked"), 0);
+    EXPECT_EQ(codes_of(other), (std::vector<int>{37, 37, 37}));
+    cfg_reset(other);
+    EXPECT_EQ(string_at(other, "system.hostname"), "fw1") << "reads never wait";
+    ASSERT_EQ(cfg_lock(owner, 2), 1);
+    EXPECT_EQ(cfg_lock(other, 2), 1) << "read locks are shared";
+    EXPECT_EQ(cfg_lock(other, 1), 0);
+    ASSERT_EQ(cfg_lock(owner, 0), 1);
+    ASSERT_EQ(cfg_lock(other, 0), 1);
+    EXPECT_EQ(commit_string(other, "system.hostname", "free"), 1);
+}
+
+TEST(Daemon, LocksGoWithTheSession)
+{
+    daemon_process d;
+    {
+        client owner(d);
+        ASSERT_EQ(cfg_lock(owner, 1), 1);
+    }
+    client next(d);
+    EXPECT_EQ(cfg_lock(next, 1), 1);
+}
+
+TEST(Daemon, BadFramesAreAnsweredWithoutHarm)
+{
+    daemon_process d({"--max-frame", "1024"});
+    int fd = d.connect_raw();
+    ASSERT_GE(fd, 0);
+    struct {
+        std::string payload;
+        int code;
+    } kept_open[] = {
+        {"{not json", 39},
+        {"[1, 2]", 39},
+        {R"({"method": "reboot", "id": 1})", 47},
+        {R"({"method": "get_data_by_path", "id": 2})", 40},
+        {R"({"id": 3})", 40},
+    };
+    for (const auto &row : kept_open) {
+        json_handle answer = exchange(fd, row.payload);
+        ASSERT_NE(answer, nullptr) << row.payload;
+        EXPECT_FALSE(json_is_true(json_object_get(answer.get(), "result")));
+        EXPECT_EQ(first_code(answer.get()), row.code) << row.payload;
+    }
+    json_handle hello = exchange(fd, R"({"method": "hello", "id": 4, "data": {}})");
+    EXPECT_TRUE(json_is_true(json_object_get(hello.get(), "result")));
+    close(fd);
+
+    for (uint32_t length : {0u, 1025u}) {
+        fd = d.connect_raw();
+        json_handle answer = exchange(fd, "", length);
+        EXPECT_EQ(first_code(answer.get()), 39) << length;
+        char byte;
+        EXPECT_EQ(read(fd, &byte, 1), 0) << "the stream is closed after a bad length";
+        close(fd);
+    }
+    // A client that vanishes inside a frame costs only its own session.
+    fd = d.connect_raw();
+    uint32_t length = htonl(100);
+    ASSERT_EQ(write(fd, &length, 4), 4);
+    ASSERT_EQ(write(fd, "{\"meth", 6), 6);
+    close(fd);
+    {
+        client c(d);
+        EXPECT_EQ(string_at(c, "system.hostname"), "fw1");
+    }
+    EXPECT_EQ(d.stop(), 0);
+    EXPECT_FALSE(std::filesystem::exists(d.socket_path())) << "the socket file goes at stop";
+}
+
+} // namespace
+} // namespace zrtest
+
+namespace zrtest {
+namespace {
+
+int subscribe(cfg *ctx, const char *name, int priority, std::vector<std::string> paths,
+              std::vector<std::string> before, std::vector<std::string> after,
+              const char *program, std::vector<std::string> args)
+{
+    auto pointers = [](std::vector<std::string> &v) {
+        std::vector<char *> out;
+        for (std::string &s : v)
+            out.push_back(s.data());
+        out.push_back(nullptr);
+        return out;
+    };
+    auto p = pointers(paths), b = pointers(before), a = pointers(after), g = pointers(args);
+    return cfg_subscribe(ctx, name, priority, p.data(), b.data(), a.data(), program, g.data());
+}
+
+TEST(DaemonSubscriptions, RunInOrderWithTheChangesetAndReport)
+{
+    daemon_process d;
+    std::string out = d.dir().file("changes.json"), order = d.dir().file("order");
+    client c(d);
+    auto sh = [&](const std::string &name, const std::string &extra) {
+        return std::vector<std::string>{"-c", "echo " + name + " >> " + order + extra};
+    };
+    ASSERT_EQ(subscribe(c, "receiver", 1, {"system"}, {}, {}, "/bin/sh",
+                        sh("receiver", "; cat > " + out)),
+              1);
+    ASSERT_EQ(subscribe(c, "failing", 5, {}, {}, {}, "/bin/sh", sh("failing", "; exit 3")), 1);
+    ASSERT_EQ(subscribe(c, "first", 9, {}, {"receiver"}, {}, "/bin/sh", sh("first", "")), 1);
+    ASSERT_EQ(subscribe(c, "elsewhere", 0, {"network"}, {}, {}, "/bin/sh", sh("elsewhere", "")),
+              1);
+    EXPECT_EQ(subscribe(c, "cycle", 0, {}, {"first"}, {"receiver"}, "/bin/sh", sh("cycle", "")),
+              0);
+    EXPECT_EQ(codes_of(c), std::vector<int>{48});
+    cfg_free_message_stack(c);
+
+    ASSERT_EQ(commit_string(c, "system.hostname", "fw9"), 1);
+    EXPECT_EQ(codes_of(c), (std::vector<int>{75, 74, 74}));
+    EXPECT_EQ(read_file(order), "failing\nfirst\nreceiver\n");
+    json_handle changes = parse_json(read_file(out));
+    json_t *changed = json_array_get(json_object_get(changes.get(), "changed"), 0);
+    EXPECT_STREQ(json_string_value(json_object_get(changed, "value")), "fw9");
+
+    // Subscriptions outlive the daemon.
+    cfg_disconnect(&c.ctx);
+    d.stop();
+    ASSERT_TRUE(d.start());
+    client again(d);
+    ASSERT_EQ(commit_string(again, "system.hostname", "fw10"), 1);
+    EXPECT_EQ(read_file(order), "failing\nfirst\nreceiver\nfailing\nfirst\nreceiver\n");
+}
+
+TEST(DaemonSubscriptions, HangingProgramIsKilledWhileOthersRead)
+{
+    // Longer than the client's 10-second wait: only keep-alives save it.
+    daemon_process d({"--script-timeout", "11"});
+    client pusher(d), reader(d);
+    ASSERT_EQ(subscribe(pusher, "hangs", 0, {}, {}, {}, "/bin/sleep", {"60"}), 1);
+    std::atomic<int> result{-1};
+    std::thread push([&] { result = commit_string(pusher, "system.hostname", "slow"); });
+    int reads = 0;
+    while (result == -1) {
+        cfg_reset(reader);
+        if (string_at(reader, "system.hostname") == "slow")
+            reads++;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+    push.join();
+    EXPECT_EQ(result, 1);
+    EXPECT_EQ(codes_of(pusher), std::vector<int>{76});
+    EXPECT_GT(reads, 20) << "the committed value is served while the program runs";
+}
+
+TEST(DaemonDurability, AcknowledgedPushesSurviveSigkill)
+{
+    daemon_process d;
+    std::atomic<int> acknowledged{0};
+    std::thread pusher([&] {
+        client c(d, "pusher");
+        for (int i = 0; c.ctx != nullptr; i++) {
+            std::string name = "c" + std::to_string(i);
+            if (add_connection(c, name.c_str()) == nullptr || cfg_commit(c) != 1)
+                break;
+            acknowledged = i + 1;
+        }
+    });
+    std::mt19937 rng(std::random_device{}());
+    std::this_thread::sleep_for(std::chrono::milliseconds(100 + rng() % 400));
+    d.kill_now();
+    pusher.join();
+    ASSERT_GT(acknowledged, 0);
+    ASSERT_TRUE(d.start()) << d.log();
+    client r(d);
+    std::vector<std::string> names;
+    for (int i = 0;; i++) {
+        cfg_element *conn = cfg_simple_get_by_path(r, "network.conns[%d]", i);
+        if (conn == nullptr)
+            break;
+        char path[64];
+        snprintf(path, sizeof path, "network.conns[%d].mtu", i);
+        int mtu = 0;
+        EXPECT_TRUE(cfg_simple_int_value_by_path(r, &mtu, "%s", path)) << "whole members only";
+        names.push_back(string_at(r, (std::string("network.conns[") + std::to_string(i) + "].name").c_str()));
+    }
+    const size_t initial = 4; // the example's connections
+    ASSERT_GE(names.size(), initial + acknowledged);
+    EXPECT_LE(names.size(), initial + 1 + acknowledged) << "at most the push in flight is extra";
+    for (int i = 0; i < acknowledged; i++)
+        EXPECT_EQ(names[initial + static_cast<size_t>(i)], "c" + std::to_string(i));
+}
+
+TEST(DaemonStart, RefusesInvalidDataAndNeverDisplacesALiveDaemon)
+{
+    temp_dir dir;
+    std::string data = dir.file("bad.json"), log = dir.file("log");
+    std::ofstream(data) << R"({"system": {"hostname": "fw1"},
+        "network": {"conns": [{"name": "lan", "mode": "static"}]}})";
+    EXPECT_EQ(run_daemon({"--socket", dir.file("s"), "--db", dir.file("db"), "--schema",
+                          appliance_file("schema.json"), "--data", data, "--foreground"},
+                         log),
+              1);
+    EXPECT_NE(read_file(log).find("error: network.conns[0]: Required field 'address' is not "
+                                  "present"),
+              std::string::npos)
+        << read_file(log);
+
+    daemon_process live;
+    EXPECT_EQ(run_daemon({"--socket", live.socket_path(), "--db", dir.file("other.db"),
+                          "--schema", appliance_file("schema.json"), "--foreground"},
+                         log),
+              1);
+    client c(live);
+    EXPECT_EQ(string_at(c, "system.hostname"), "fw1");
+}
+
+TEST(DaemonStart, RefusesPeersOutsideItsUsersAndGroup)
+{
+    daemon_process d;
+    chmod(d.dir().path().c_str(), 0755);
+    chmod(d.socket_path().c_str(), 0666); // as if the socket were exposed by mistake
+    pid_t child = fork();
+    if (child == 0) {
+        if (setgid(65534) != 0 || setuid(65534) != 0)
+            _exit(2);
+        int fd = d.connect_raw();
+        json_t *answer = cfg_receive_timeout(fd, 5000);
+        _exit(answer != nullptr && first_code(answer) == 46 ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+} // namespace
+} // namespace zrtest

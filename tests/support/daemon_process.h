@@ -1,0 +1,187 @@
+// A real zrconfigd for end-to-end tests: started on a temporary socket and
+// database with the example appliance, stopped (or killed) by the test, and
+// always stopped when the object goes, also when a test fails.
+#pragma once
+
+#include "temp_dir.h"
+
+#include "zrconfig.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fcntl.h>
+#include <csignal>
+#include <spawn.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+extern char **environ;
+
+namespace zrtest {
+
+// The daemon to run: ZRCONFIGD from the environment (a wrapper that runs it
+// under valgrind, say), else the one built with the tests.
+inline std::string daemon_path()
+{
+    const char *chosen = getenv("ZRCONFIGD");
+    return chosen != nullptr ? chosen : ZRCONFIGD_PATH;
+}
+
+// Starts argv with its standard error appended to log; the pid or -1.
+inline pid_t spawn(std::vector<char *> &argv, const std::string &log)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(),
+                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// Runs the daemon with args until it exits; its exit status.
+inline int run_daemon(std::vector<std::string> args, const std::string &log)
+{
+    args.insert(args.begin(), daemon_path());
+    std::vector<char *> argv;
+    for (std::string &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = spawn(argv, log);
+    int status = 0;
+    if (pid <= 0 || waitpid(pid, &status, 0) != pid)
+        return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+inline std::string appliance_file(const char *name)
+{
+    return std::string(ZR_SOURCE_DIR) + "/examples/appliance/" + name;
+}
+
+class daemon_process {
+  public:
+    // Starts the daemon on a new database with the example appliance.
+    explicit daemon_process(std::vector<std::string> extra = {})
+    {
+        extra.insert(extra.begin(), {"--schema", appliance_file("schema.json"), "--data",
+                                     appliance_file("config.json")});
+        start(extra);
+    }
+    // A daemon still running is stopped as an operator would, and must end
+    // cleanly: under the sanitizers this is where its leaks are reported.
+    ~daemon_process()
+    {
+        if (running()) {
+            EXPECT_EQ(stop(), 0) << log();
+        }
+    }
+    daemon_process(const daemon_process &) = delete;
+    daemon_process &operator=(const daemon_process &) = delete;
+
+    const std::string &socket_path() const { return socket_; }
+    const std::string &db_path() const { return db_; }
+    const temp_dir &dir() const { return dir_; }
+    // What the daemon wrote to standard error, every run appended.
+    std::string log() const { return read_file(log_); }
+    bool running() const { return pid_ > 0; }
+
+    // Starts the daemon (again) on the same socket and database; true once
+    // it accepts connections.
+    bool start(const std::vector<std::string> &extra = {})
+    {
+        std::vector<std::string> args{daemon_path(), "--socket", socket_, "--db", db_,
+                                      "--foreground"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        std::vector<char *> argv;
+        for (std::string &a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        pid_ = spawn(argv, log_);
+        return pid_ > 0 && wait_until_ready();
+    }
+
+    // SIGTERM and wait; the daemon's exit status, or -1.
+    int stop() { return end(SIGTERM); }
+    // SIGKILL and wait, as a crash would leave things.
+    void kill_now() { end(SIGKILL); }
+
+    // A raw connection to the socket; -1 on failure.
+    int connect_raw() const
+    {
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        struct sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_.c_str());
+        if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+            close(fd);
+            return -1;
+        }
+        return fd;
+    }
+
+  private:
+    bool wait_until_ready()
+    {
+        for (int i = 0; i < 1200; i++) {
+            int fd = connect_raw();
+            if (fd >= 0) {
+                close(fd);
+                return true;
+            }
+            int status;
+            if (waitpid(pid_, &status, WNOHANG) == pid_) {
+                pid_ = -1;
+                exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        }
+        return false;
+    }
+
+    int end(int sig)
+    {
+        if (pid_ <= 0)
+            return exit_status_;
+        kill(pid_, sig);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return exit_status_;
+    }
+
+    temp_dir dir_;
+    std::string socket_ = dir_.file("zrconfigd.sock");
+    std::string db_ = dir_.file("config.db");
+    std::string log_ = dir_.file("zrconfigd.log");
+    pid_t pid_ = -1;
+
+  public:
+    int exit_status_ = -1;
+};
+
+// A library session with the daemon, disconnected when it goes.
+struct client {
+    cfg *ctx;
+    explicit client(const daemon_process &d, const char *name = "test")
+        : ctx(cfg_connect(d.socket_path().c_str(), name))
+    {
+    }
+    ~client() { cfg_disconnect(&ctx); }
+    client(const client &) = delete;
+    client &operator=(const client &) = delete;
+    cfg *operator->() const { return ctx; }
+    operator cfg *() const { return ctx; }
+};
+
+} // namespace zrtest
