@@ -7,7 +7,7 @@
 //      only under the model's mutex, and no socket is written while it is
 //      held: a client that does not read stalls only its own session.
 //   3. A frame that has begun must be complete within frame_deadline_s; an
-//      idle session between frames costs nothing.
+//      idle session between frames costs nothing but its blocked thread.
 #define ZRD_SOURCE "daemon/server"
 #include "server.h"
 
@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstring>
 #include <grp.h>
+#include <optional>
 #include <poll.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -44,48 +45,42 @@ bool wait_readable(int fd, int timeout_ms)
     }
 }
 
-// Reads one frame's payload. The prefix's first byte may take as long as
-// the client likes; from then on the whole frame has a deadline, and the
-// buffer grows with what arrives rather than with what the prefix claims.
-frame_status read_frame(int fd, std::string &payload, size_t max_frame)
+// Takes the next frame's payload from in, reading more into it as needed.
+// Waiting for a frame's first byte takes as long as the client likes; from
+// then on the whole frame has a deadline. in grows with what arrives, never
+// with what a prefix claims.
+frame_status read_frame(int fd, std::string &in, std::string &payload, size_t max_frame)
 {
     using clock = std::chrono::steady_clock;
-    auto deadline = clock::time_point::max();
-    auto remaining_ms = [&]() {
-        if (deadline == clock::time_point::max())
-            return -1;
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now());
-        return static_cast<int>(std::max<long long>(0, left.count()));
-    };
-    unsigned char prefix[4];
-    size_t got = 0;
-    uint32_t length = 0;
-    payload.clear();
+    std::optional<clock::time_point> deadline;
+    char chunk[read_chunk];
     for (;;) {
-        size_t want = got < 4 ? 4 - got : std::min<size_t>(read_chunk, length - payload.size());
-        if (got >= 4 && want == 0)
-            return frame_status::ok;
-        if (!wait_readable(fd, remaining_ms()))
-            return frame_status::failed;
-        char buffer[read_chunk];
-        ssize_t n = recv(fd, got < 4 ? reinterpret_cast<char *>(prefix) + got : buffer, want, 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return n == 0 && got == 0 ? frame_status::closed : frame_status::failed;
-        if (deadline == clock::time_point::max())
-            deadline = clock::now() + std::chrono::seconds(frame_deadline_s);
-        if (got < 4) {
-            got += static_cast<size_t>(n);
-            if (got < 4)
-                continue;
-            memcpy(&length, prefix, 4);
+        if (in.size() >= 4) {
+            uint32_t length;
+            memcpy(&length, in.data(), 4);
             length = ntohl(length);
             if (length == 0 || length > max_frame)
                 return frame_status::bad_length;
-            continue;
+            if (in.size() - 4 >= length) {
+                payload.assign(in, 4, length);
+                in.erase(0, 4 + static_cast<size_t>(length));
+                return frame_status::ok;
+            }
         }
-        payload.append(buffer, static_cast<size_t>(n));
+        if (!in.empty() && !deadline)
+            deadline = clock::now() + std::chrono::seconds(frame_deadline_s);
+        if (deadline) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline -
+                                                                              clock::now());
+            if (!wait_readable(fd, static_cast<int>(std::max<long long>(0, left.count()))))
+                return frame_status::failed;
+        }
+        ssize_t n = recv(fd, chunk, sizeof chunk, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return n == 0 && in.empty() ? frame_status::closed : frame_status::failed;
+        in.append(chunk, static_cast<size_t>(n));
     }
 }
 
@@ -340,9 +335,9 @@ void server::serve(session &s)
         json_ptr answer(failure(msg_permission_denied));
         send_frame(s.fd, answer.get());
     } else {
-        std::string payload;
+        std::string in, payload;
         for (bool end = false; !end && !stopping_;) {
-            frame_status status = read_frame(s.fd, payload, opts_.max_frame);
+            frame_status status = read_frame(s.fd, in, payload, opts_.max_frame);
             if (status == frame_status::bad_length) {
                 json_ptr answer(failure(msg_invalid_request));
                 send_frame(s.fd, answer.get());
