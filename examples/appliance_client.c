@@ -240,6 +240,8 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: %s SOCKET\n", argv[0]);
         return 2;
     }
+    /* Line by line, so the transcript interleaves with the daemon's log. */
+    setvbuf(stdout, NULL, _IOLBF, 0);
     zrlog_set_handler(log_line, NULL);
     if (!first_session(argv[1], &lan, &written) || !read_back(argv[1], lan, written) ||
         !refuse_invalid(argv[1], lan))
