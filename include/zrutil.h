@@ -21,7 +21,9 @@ typedef void (*zrlog_handler)(int priority, const char *file, const char *func,
                               int line, const char *message, void *user);
 
 /* Sets the ident and the default sinks (syslog, standard error) and the
- * highest priority they print. ZRLOG_LEVEL (0..7) overrides max_priority.
+ * highest priority they print: notice (5), or max_priority when lower.
+ * ZRLOG_LEVEL (0..7), when set, is the limit instead. A line above the
+ * limit in force is never formatted.
  * An installed handler stays in place. */
 ZRUTIL_API void zrlog_init_raw(const char *ident, int use_syslog, int use_stderr,
                                int max_priority);
@@ -33,6 +35,10 @@ ZRUTIL_API void zrlog_log_prio_codepos(const char *file, const char *func, int l
 
 /* Installs a handler that replaces the default sinks; NULL restores them. */
 ZRUTIL_API void zrlog_set_handler(zrlog_handler handler, void *user);
+
+/* The highest priority an installed handler receives; 7 (every line) by
+ * default. */
+ZRUTIL_API void zrlog_set_handler_ceiling(int max_priority);
 
 /* Creates every missing directory of path with mode: 0 on success. */
 ZRUTIL_API int mkpath(const char *path, mode_t mode);

@@ -17,6 +17,13 @@ TEST(Log, HandlerSeesEveryPriorityAndFormatsArguments)
     EXPECT_EQ(logs.lines[0].priority, 7);
     EXPECT_EQ(logs.lines[0].func, "fn");
     EXPECT_EQ(logs.lines[0].message, "value 3 of x");
+
+    zrlog_set_handler_ceiling(5);
+    zrlog_log_prio_codepos("src/x", "fn", 13, 6, "above the ceiling");
+    zrlog_log_prio_codepos("src/x", "fn", 14, 5, "at the ceiling");
+    zrlog_set_handler_ceiling(7);
+    ASSERT_EQ(logs.lines.size(), 2u);
+    EXPECT_EQ(logs.lines[1].message, "at the ceiling");
 }
 
 TEST(Log, StandardErrorLineAndPriorityLimitWithEnvironmentOverride)
@@ -35,7 +42,13 @@ TEST(Log, StandardErrorLineAndPriorityLimitWithEnvironmentOverride)
     testing::internal::CaptureStderr();
     zrlog_log_prio_codepos("src/a", "f", 1, 7, "debug line");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "ident: src/a:f:1: debug line\n");
+
+    // Information is not printed by default, even when the caller asks up to 6.
     zrlog_init_raw("ident", 0, 1, 6);
+    testing::internal::CaptureStderr();
+    zrlog_log_prio_codepos("src/a", "f", 2, 6, "information");
+    zrlog_log_prio_codepos("src/a", "f", 3, 5, "notice");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ident: src/a:f:3: notice\n");
 }
 
 TEST(Mkpath, CreatesEveryMissingDirectory)

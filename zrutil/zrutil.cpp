@@ -16,8 +16,9 @@ struct log_state {
     std::string ident = "zrutil";
     bool use_syslog = false;
     bool use_stderr = true;
-    int max_priority = LOG_INFO;
+    int max_priority = LOG_NOTICE; // of the default sinks
     zrlog_handler handler = nullptr;
+    int handler_ceiling = LOG_DEBUG;
     void *user = nullptr;
 };
 
@@ -27,12 +28,14 @@ log_state &state()
     return s;
 }
 
-// ZRLOG_LEVEL, when it holds a number from 0 to 7, wins over the caller's limit.
+// The default sinks print up to notice, or up to the caller's limit when it
+// is lower; ZRLOG_LEVEL, when it holds a number from 0 to 7, is the limit
+// instead.
 int effective_max_priority(int requested)
 {
     const char *env = getenv("ZRLOG_LEVEL");
     if (env == nullptr || env[0] < '0' || env[0] > '7' || env[1] != '\0')
-        return requested;
+        return requested < LOG_NOTICE ? requested : LOG_NOTICE;
     return env[0] - '0';
 }
 
@@ -53,8 +56,6 @@ std::string format_message(const char *format, va_list args)
 void write_default_sinks(const log_state &s, int priority, const char *file,
                          const char *func, int line, const std::string &message)
 {
-    if (priority > s.max_priority)
-        return;
     if (s.use_syslog)
         syslog(priority, "%s:%s:%d: %s", file, func, line, message.c_str());
     if (s.use_stderr) {
@@ -81,13 +82,14 @@ extern "C" void zrlog_init_raw(const char *ident, int use_syslog, int use_stderr
 extern "C" void zrlog_log_prio_codepos(const char *file, const char *func, int line,
                                        int priority, const char *format, ...)
 {
-    if (format == nullptr)
-        return;
+    const log_state &s = state();
+    int ceiling = s.handler != nullptr ? s.handler_ceiling : s.max_priority;
+    if (format == nullptr || priority > ceiling)
+        return; // never formatted: a line nobody prints costs nothing
     va_list args;
     va_start(args, format);
     std::string message = format_message(format, args);
     va_end(args);
-    const log_state &s = state();
     const char *f = file != nullptr ? file : "";
     const char *fn = func != nullptr ? func : "";
     if (s.handler != nullptr)
@@ -100,6 +102,11 @@ extern "C" void zrlog_set_handler(zrlog_handler handler, void *user)
 {
     state().handler = handler;
     state().user = handler != nullptr ? user : nullptr;
+}
+
+extern "C" void zrlog_set_handler_ceiling(int max_priority)
+{
+    state().handler_ceiling = max_priority;
 }
 
 extern "C" int mkpath(const char *path, mode_t mode)
