@@ -244,23 +244,38 @@ extern "C" unsigned int cfg_element_is_deleted(cfg_element *element)
 }
 
 // Makes a version-1 uuid and overwrites its first and last digits with braces.
+namespace {
+
+// One generator per thread: making a generator probes the network
+// interfaces and seeds it, which costs far more than making an id.
+struct uuid_generator {
+    uuid_t *uuid = nullptr;
+    uuid_generator() { uuid_create(&uuid); }
+    ~uuid_generator()
+    {
+        if (uuid != nullptr)
+            uuid_destroy(uuid);
+    }
+    uuid_generator(const uuid_generator &) = delete;
+    uuid_generator &operator=(const uuid_generator &) = delete;
+};
+
+} // namespace
+
 extern "C" int gen_uuid(char *out)
 {
-    uuid_t *uuid = nullptr;
-    char *text = nullptr;
-    size_t text_len = 0;
-    uuid_create(&uuid);
-    uuid_make(uuid, UUID_MAKE_V1);
-    uuid_export(uuid, UUID_FMT_STR, &text, &text_len);
-    uuid_destroy(uuid);
-    if (text == nullptr) {
+    thread_local uuid_generator generator;
+    char text[UUID_LEN_STR + 1];
+    void *buffer = text;
+    size_t text_len = sizeof text;
+    if (generator.uuid == nullptr || uuid_make(generator.uuid, UUID_MAKE_V1) != UUID_RC_OK ||
+        uuid_export(generator.uuid, UUID_FMT_STR, &buffer, &text_len) != UUID_RC_OK) {
         out[0] = '\0';
         return 0;
     }
-    strncpy(out, text, CFG_UUID_SIZE - 1);
-    out[CFG_UUID_SIZE - 1] = '\0';
-    free(text);
-    size_t len = strlen(out);
+    text[UUID_LEN_STR] = '\0';
+    size_t len = strlen(text);
+    memcpy(out, text, len + 1);
     if (len > 0) {
         out[0] = '{';
         out[len - 1] = '}';
