@@ -1,11 +1,11 @@
 // zrconfigd round trips and commits, measured from a library client.
 //
 //   RawPingPong        frames of the sizes a get_data_by_id exchange has,
-//                      echoed by a thread over a Unix stream socket: the
-//                      floor of any round trip (no JSON, no work)
+//                      echoed by another process over a Unix stream socket:
+//                      the floor of any round trip (no JSON, no work)
 //   JsonPingPong       the same request and answer as JSON through the
 //                      library's framing on both sides (cfg_send_request
-//                      against a thread that parses and answers)
+//                      against a process that parses and answers)
 //   GetById            cfg_get_by_id of one element against zrconfigd
 //   Commit/N           cfg_commit of N changed elements (N = 1, 100, 1000),
 //                      against a daemon holding 1000 connections
@@ -45,9 +45,8 @@ class bench_daemon {
         char pattern[] = "/tmp/zrconfig-bench-XXXXXX";
         dir_ = mkdtemp(pattern);
         write_data();
-        std::string schema = std::string(ZR_SOURCE_DIR) + "/examples/appliance/schema.json";
         std::vector<std::string> args{ZRCONFIGD_PATH, "--socket", socket(), "--db",
-                                      dir_ + "/db", "--schema", schema, "--data",
+                                      dir_ + "/db", "--schema", dir_ + "/schema.json", "--data",
                                       dir_ + "/data.json", "--foreground"};
         std::vector<char *> argv;
         for (std::string &a : args)
@@ -56,11 +55,8 @@ class bench_daemon {
         if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
             pid_ = -1;
         for (int i = 0; i < 1000 && pid_ > 0; i++) {
-            cfg *probe = cfg_connect(socket().c_str(), "bench-probe");
-            if (probe != nullptr) {
-                cfg_disconnect(&probe);
+            if (accepts(socket()))
                 return;
-            }
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         fprintf(stderr, "zrconfigd did not start\n");
@@ -76,9 +72,33 @@ class bench_daemon {
     std::string socket() const { return dir_ + "/sock"; }
 
   private:
+    static bool accepts(const std::string &path)
+    {
+        int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        struct sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+        bool ok = connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+        close(fd);
+        return ok;
+    }
+
+    // The example appliance without its bound on the number of connections.
     void write_data()
     {
-        std::string config = std::string(ZR_SOURCE_DIR) + "/examples/appliance/config.json";
+        std::string examples = std::string(ZR_SOURCE_DIR) + "/examples/appliance/";
+        json_t *schema = json_load_file((examples + "schema.json").c_str(), 0, nullptr);
+        json_t *nodes = json_object_get(schema, "nodes");
+        const char *id;
+        json_t *node;
+        json_object_foreach(nodes, id, node)
+        {
+            if (json_object_get(node, "element_type") != nullptr)
+                json_object_set_new(node, "max_length", json_null());
+        }
+        json_dump_file(schema, (dir_ + "/schema.json").c_str(), 0);
+        json_decref(schema);
+        std::string config = examples + "config.json";
         json_t *data = json_load_file(config.c_str(), 0, nullptr);
         json_t *conns = json_array();
         for (int i = 0; i < connections; i++)
@@ -100,30 +120,41 @@ bench_daemon &daemon_instance()
     return d;
 }
 
-// A listening socket and a thread answering every frame with answer,
-// either raw (bytes only) or parsed as JSON first.
+// A separate process on a Unix stream socket, like the daemon, answering
+// every frame with answer: raw (bytes only) or after parsing it as JSON.
 class echo_peer {
   public:
-    echo_peer(std::string answer, bool parse) : answer_(std::move(answer)), parse_(parse)
+    echo_peer(const std::string &answer, bool parse)
     {
         char pattern[] = "/tmp/zrconfig-echo-XXXXXX";
         dir_ = mkdtemp(pattern);
-        int fds[2];
-        socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
-        client_ = fds[0];
-        thread_ = std::thread([this, fd = fds[1]] { serve(fd); });
+        std::string path = dir_ + "/sock";
+        struct sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+        int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+        bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+        listen(listener, 1);
+        pid_ = fork();
+        if (pid_ == 0) {
+            int fd = accept(listener, nullptr, nullptr);
+            serve(fd, answer, parse);
+            _exit(0);
+        }
+        close(listener);
+        client_ = socket(AF_UNIX, SOCK_STREAM, 0);
+        connect(client_, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
     }
     ~echo_peer()
     {
-        shutdown(client_, SHUT_RDWR);
-        thread_.join();
         close(client_);
+        waitpid(pid_, nullptr, 0);
         std::filesystem::remove_all(dir_);
     }
     int client() const { return client_; }
 
   private:
-    void serve(int fd)
+    static void serve(int fd, const std::string &answer, bool parse)
     {
         std::string buffer;
         for (;;) {
@@ -134,28 +165,26 @@ class echo_peer {
             if (recv(fd, buffer.data(), buffer.size(), MSG_WAITALL) !=
                 static_cast<ssize_t>(buffer.size()))
                 break;
-            if (parse_) {
+            if (parse) {
                 json_t *request = json_loadb(buffer.data(), buffer.size(), 0, nullptr);
-                json_t *answer = json_loads(answer_.c_str(), 0, nullptr);
-                cfg_send(fd, answer);
-                json_decref(answer);
+                json_t *reply = json_loads(answer.c_str(), 0, nullptr);
+                cfg_send(fd, reply);
+                json_decref(reply);
                 json_decref(request);
                 continue;
             }
-            uint32_t out = htonl(static_cast<uint32_t>(answer_.size()));
+            uint32_t out = htonl(static_cast<uint32_t>(answer.size()));
             std::string frame(reinterpret_cast<char *>(&out), 4);
-            frame += answer_;
+            frame += answer;
             if (write(fd, frame.data(), frame.size()) != static_cast<ssize_t>(frame.size()))
                 break;
         }
         close(fd);
     }
 
-    std::string answer_;
-    bool parse_;
     std::string dir_;
+    pid_t pid_ = -1;
     int client_ = -1;
-    std::thread thread_;
 };
 
 const char *const request_text =
