@@ -1,0 +1,452 @@
+// The library next to libyang 2 on the same appliance data: a list of n
+// network connections (id, name, mode, address, netmask, mtu, enabled,
+// priority, description, vlan; address and netmask required when mode is
+// static; names unique), written once as RFC 7951 JSON for libyang and once
+// as a daemon answer of element JSON for the library. For each n it times,
+// in one run: load, full validation, two edits with revalidation, and heap
+// per entry, and prints ours/libyang ratios. Before timing, both must accept
+// the valid data and refuse each planted invalid entry, so that a speed-up
+// can never come from validating less.
+//
+// Run by hand: build/bench/zrconfig_peer_bench [n...] (default 1000 10000
+// 100000); the YANG module is read from the source tree.
+#include <zrconfig.h>
+#include <zrutil.h>
+
+#include <libyang/libyang.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <malloc.h>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+double ms_since(clock_type::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(clock_type::now() - start).count();
+}
+
+size_t heap_in_use()
+{
+    return mallinfo2().uordblks;
+}
+
+// ---- the workload ------------------------------------------------------
+
+// A planted fault: which entry and what is wrong with it.
+enum class fault { none, bad_range, bad_pattern, bad_enum, duplicate_name, address_on_dhcp };
+
+struct entry {
+    unsigned id;
+    std::string name, mode, address, description;
+    int netmask = 0, mtu = 0, priority = -1, vlan = 0;
+    int enabled = -1; // -1: absent (the default applies)
+};
+
+std::vector<entry> make_entries(unsigned n, fault planted)
+{
+    std::vector<entry> out;
+    for (unsigned i = 0; i < n; i++) {
+        entry e;
+        e.id = i;
+        e.name = "c" + std::to_string(i);
+        e.mode = i % 2 == 0 ? "static" : "dhcp";
+        if (e.mode == "static") {
+            e.address = "10." + std::to_string(i / 65536 % 256) + "." +
+                        std::to_string(i / 256 % 256) + "." + std::to_string(i % 256);
+            e.netmask = 24;
+        }
+        if (i % 3 == 0)
+            e.mtu = 9000;
+        if (i % 4 == 0)
+            e.enabled = i % 8 == 0;
+        e.priority = static_cast<int>(i % 8);
+        e.description = "connection " + std::to_string(i);
+        if (i % 5 == 0)
+            e.vlan = static_cast<int>(1 + i % 4094);
+        out.push_back(e);
+    }
+    entry &victim = out[n / 2 + 1]; // an odd index: a dhcp entry
+    switch (planted) {
+    case fault::bad_range: victim.mtu = 10000; break;
+    case fault::bad_pattern: victim.name = "Bad!"; break;
+    case fault::bad_enum: victim.mode = "ppp"; break;
+    case fault::duplicate_name: victim.name = out[0].name; break;
+    case fault::address_on_dhcp: victim.address = "192.168.0.1"; victim.netmask = 24; break;
+    case fault::none: break;
+    }
+    return out;
+}
+
+std::string quoted(const std::string &s)
+{
+    return "\"" + s + "\"";
+}
+
+// RFC 7951 JSON of the entries, as libyang reads it.
+std::string yang_json(const std::vector<entry> &entries)
+{
+    std::ostringstream o;
+    o << "{\"zr-bench-appliance:network\": {\"conns\": [";
+    for (size_t i = 0; i < entries.size(); i++) {
+        const entry &e = entries[i];
+        o << (i ? ", " : "") << "{\"id\": " << e.id << ", \"name\": " << quoted(e.name)
+          << ", \"mode\": " << quoted(e.mode);
+        if (!e.address.empty())
+            o << ", \"address\": " << quoted(e.address) << ", \"netmask\": " << e.netmask;
+        if (e.mtu)
+            o << ", \"mtu\": " << e.mtu;
+        if (e.enabled >= 0)
+            o << ", \"enabled\": " << (e.enabled ? "true" : "false");
+        if (e.priority >= 0)
+            o << ", \"priority\": " << e.priority;
+        o << ", \"description\": " << quoted(e.description);
+        if (e.vlan)
+            o << ", \"vlan\": " << e.vlan;
+        o << "}";
+    }
+    o << "]}}";
+    return o.str();
+}
+
+// One element object as the daemon writes it.
+void element(std::ostringstream &o, bool &first, const std::string &id, int type,
+             const std::string &schema, const std::string &parent, const std::string &key,
+             long index, const std::string &value)
+{
+    o << (first ? "" : ", ") << "{\"generation\": 1, \"parents\": [";
+    if (!parent.empty()) {
+        if (index >= 0)
+            o << "{\"list\": " << quoted(parent) << ", \"type\": \"list\", \"index\": " << index
+              << "}";
+        else
+            o << "{\"map\": " << quoted(parent) << ", \"type\": \"map\", \"name\": "
+              << quoted(key) << "}";
+    }
+    o << "], \"type\": " << type << ", \"id\": " << quoted(id) << ", \"schema\": "
+      << quoted(schema) << ", \"value\": " << value << "}";
+    first = false;
+}
+
+// The daemon's answer holding every element of the entries.
+std::string daemon_answer(const std::vector<entry> &entries)
+{
+    std::ostringstream o;
+    bool first = true;
+    o << "{\"result\": true, \"data\": [";
+    element(o, first, "root-1", CFG_TYPE_MAP, "b-root", "", "", -1,
+            "{\"network\": \"network-1\"}");
+    element(o, first, "network-1", CFG_TYPE_MAP, "b-network", "root-1", "network", -1,
+            "{\"conns\": \"conns-1\"}");
+    std::ostringstream members;
+    for (size_t i = 0; i < entries.size(); i++)
+        members << (i ? ", " : "") << quoted("conn-" + std::to_string(i));
+    element(o, first, "conns-1", CFG_TYPE_LIST, "b-conns", "network-1", "conns", -1,
+            "[" + members.str() + "]");
+    for (size_t i = 0; i < entries.size(); i++) {
+        const entry &e = entries[i];
+        std::string n = std::to_string(i), map = "conn-" + n;
+        std::vector<std::pair<std::string, std::string>> keys;
+        auto member = [&](const char *key, int type, const std::string &value) {
+            std::string id = std::string(key) + "-" + n;
+            element(o, first, id, type, std::string("b-") + key, map, key, -1, value);
+            keys.emplace_back(key, id);
+        };
+        member("id", CFG_TYPE_INT, std::to_string(e.id));
+        member("name", CFG_TYPE_STRING, quoted(e.name));
+        member("mode", CFG_TYPE_STRING, quoted(e.mode));
+        if (!e.address.empty()) {
+            member("address", CFG_TYPE_STRING, quoted(e.address));
+            member("netmask", CFG_TYPE_INT, std::to_string(e.netmask));
+        }
+        if (e.mtu)
+            member("mtu", CFG_TYPE_INT, std::to_string(e.mtu));
+        if (e.enabled >= 0)
+            member("enabled", CFG_TYPE_BOOL, e.enabled ? "\"true\"" : "\"false\"");
+        if (e.priority >= 0)
+            member("priority", CFG_TYPE_INT, std::to_string(e.priority));
+        member("description", CFG_TYPE_STRING, quoted(e.description));
+        if (e.vlan)
+            member("vlan", CFG_TYPE_INT, std::to_string(e.vlan));
+        std::string value = "{";
+        for (size_t k = 0; k < keys.size(); k++)
+            value += (k ? ", " : "") + quoted(keys[k].first) + ": " + quoted(keys[k].second);
+        element(o, first, map, CFG_TYPE_MAP, "b-conn", "conns-1", "", static_cast<long>(i),
+                value + "}");
+    }
+    o << "]}";
+    return o.str();
+}
+
+// The schema document with the constraints of the YANG module.
+const char *const schema_document = R"({"root": "b-root", "types": {"conn": "b-conn"}, "nodes": {
+ "b-root": {"id": "b-root", "type": 8, "required": {"network": "b-network"}},
+ "b-network": {"id": "b-network", "type": 8, "required": {"conns": "b-conns"}},
+ "b-conns": {"id": "b-conns", "type": 7, "element_type": "conn",
+   "validators": [{"validator": "uniqueness", "parameters": ["name"],
+                   "paths": ["\\(\\d+\\)\\.name"]}]},
+ "b-conn": {"id": "b-conn", "type": 8,
+   "required": {"id": "b-id", "name": "b-name", "mode": "b-mode", "mtu": "b-mtu",
+                "enabled": "b-enabled"},
+   "optional": {"priority": "b-priority", "description": "b-description", "vlan": "b-vlan"},
+   "conditionals": ["b-if-static"]},
+ "b-id": {"id": "b-id", "type": 2, "min": 0},
+ "b-name": {"id": "b-name", "type": 4, "min_length": 1, "max_length": 15,
+   "regex": "^[a-z0-9]+$"},
+ "b-mode": {"id": "b-mode", "type": 4, "allowed": ["static", "dhcp"]},
+ "b-mtu": {"id": "b-mtu", "type": 2, "min": 576, "max": 9000, "default": 1500},
+ "b-enabled": {"id": "b-enabled", "type": 1, "default": true},
+ "b-priority": {"id": "b-priority", "type": 2, "min": 0, "max": 7},
+ "b-description": {"id": "b-description", "type": 4, "min_length": 0, "max_length": 255},
+ "b-vlan": {"id": "b-vlan", "type": 2, "min": 1, "max": 4094},
+ "b-if-static": {"id": "b-if-static", "type": 10,
+   "expression": [".mode", "==", {"type": "string", "value": "static", "id": "v-static"}],
+   "required": {"address": "b-address", "netmask": "b-netmask"}},
+ "b-address": {"id": "b-address", "type": 4,
+   "regex": "^(([0-9]|[1-9][0-9]|1[0-9][0-9]|2[0-4][0-9]|25[0-5])\\.){3}([0-9]|[1-9][0-9]|1[0-9][0-9]|2[0-4][0-9]|25[0-5])$"},
+ "b-netmask": {"id": "b-netmask", "type": 2, "min": 1, "max": 32}}})";
+
+// ---- the library's side ------------------------------------------------
+
+struct ours {
+    cfg *ctx = cfg_create_new_config(nullptr);
+    cfg_schema *schema = ctx->schema;
+
+    ours()
+    {
+        ctx->get_by_id = cfg_find_by_id;
+        json_t *doc = json_loads(schema_document, 0, nullptr);
+        cfg_apply_schema(ctx, json_object_get(doc, "nodes"), json_object_get(doc, "types"),
+                         json_object_get(doc, "root"));
+        json_decref(doc);
+    }
+    ~ours()
+    {
+        cfg_free_config(&ctx);
+        cfg_free_schema(nullptr, &schema);
+    }
+    ours(const ours &) = delete;
+    ours &operator=(const ours &) = delete;
+
+    // json_loads of the answer and json_to_elem of each element; the times
+    // of both steps.
+    void load(const std::string &answer, double &parse_ms, double &decode_ms)
+    {
+        auto start = clock_type::now();
+        json_t *doc = json_loads(answer.c_str(), 0, nullptr);
+        parse_ms = ms_since(start);
+        start = clock_type::now();
+        size_t i;
+        json_t *item;
+        json_array_foreach(json_object_get(doc, "data"), i, item) json_to_elem(ctx, item);
+        decode_ms = ms_since(start);
+        json_decref(doc);
+    }
+    void clear_flags()
+    {
+        for (cfg_index_entry *e = ctx->elements; e != nullptr;
+             e = static_cast<cfg_index_entry *>(e->hh.next))
+            e->element->flags &= ~(CFG_FLAG_NEW | CFG_FLAG_CHANGED | CFG_FLAG_DELETED);
+    }
+    bool edit_mode(unsigned index)
+    {
+        cfg_element *map = cfg_simple_get_by_path(ctx, "network.conns[%u]", index);
+        cfg_element *mode = cfg_simple_get_by_path(ctx, "network.conns[%u].mode", index);
+        return cfg_set_string(ctx, mode, "static") != nullptr &&
+               cfg_map_set_string(ctx, map, "address", "172.16.0.1") != nullptr &&
+               cfg_map_set_int(ctx, map, "netmask", 16) != nullptr;
+    }
+    bool rename(unsigned index)
+    {
+        cfg_element *name = cfg_simple_get_by_path(ctx, "network.conns[%u].name", index);
+        return cfg_set_string(ctx, name, ("renamed" + std::to_string(index)).c_str()) != nullptr;
+    }
+};
+
+// ---- libyang's side ----------------------------------------------------
+
+struct theirs {
+    ly_ctx *ctx = nullptr;
+    lyd_node *tree = nullptr;
+
+    theirs()
+    {
+        ly_log_options(LY_LOSTORE_LAST);
+        ly_ctx_new(nullptr, 0, &ctx);
+        std::ifstream in(std::string(ZR_SOURCE_DIR) + "/bench/peers/zr-bench-appliance.yang");
+        std::string module((std::istreambuf_iterator<char>(in)), {});
+        if (lys_parse_mem(ctx, module.c_str(), LYS_IN_YANG, nullptr) != LY_SUCCESS)
+            fprintf(stderr, "the YANG module does not load: %s\n", ly_errmsg(ctx));
+    }
+    ~theirs()
+    {
+        lyd_free_all(tree);
+        ly_ctx_destroy(ctx);
+    }
+    theirs(const theirs &) = delete;
+    theirs &operator=(const theirs &) = delete;
+
+    bool parse(const std::string &text, bool validate)
+    {
+        lyd_free_all(tree);
+        tree = nullptr;
+        return lyd_parse_data_mem(ctx, text.c_str(), LYD_JSON,
+                                  LYD_PARSE_STRICT | (validate ? 0 : LYD_PARSE_ONLY),
+                                  validate ? LYD_VALIDATE_PRESENT : 0, &tree) == LY_SUCCESS;
+    }
+    bool validate() { return lyd_validate_all(&tree, ctx, LYD_VALIDATE_PRESENT, nullptr) == LY_SUCCESS; }
+    lyd_node *leaf(unsigned index, const char *name)
+    {
+        std::string path = "/zr-bench-appliance:network/conns[id='" + std::to_string(index) +
+                           "']/" + name;
+        lyd_node *match = nullptr;
+        lyd_find_path(tree, path.c_str(), 0, &match);
+        return match;
+    }
+    bool edit_mode(unsigned index)
+    {
+        std::string entry =
+            "/zr-bench-appliance:network/conns[id='" + std::to_string(index) + "']/";
+        return lyd_change_term(leaf(index, "mode"), "static") == LY_SUCCESS &&
+               lyd_new_path(tree, ctx, (entry + "address").c_str(), "172.16.0.1", 0, nullptr) ==
+                   LY_SUCCESS &&
+               lyd_new_path(tree, ctx, (entry + "netmask").c_str(), "16", 0, nullptr) ==
+                   LY_SUCCESS;
+    }
+    bool rename(unsigned index)
+    {
+        return lyd_change_term(leaf(index, "name"),
+                               ("renamed" + std::to_string(index)).c_str()) == LY_SUCCESS;
+    }
+};
+
+void quiet_log(int, const char *, const char *, int, const char *, void *) {}
+
+// ---- verdicts, then timings --------------------------------------------
+
+bool check_verdicts()
+{
+    const std::pair<fault, const char *> cases[] = {
+        {fault::none, "valid data"},          {fault::bad_range, "mtu out of range"},
+        {fault::bad_pattern, "bad name"},     {fault::bad_enum, "bad mode"},
+        {fault::duplicate_name, "duplicate"}, {fault::address_on_dhcp, "address on dhcp"},
+    };
+    bool agree = true;
+    for (const auto &[planted, what] : cases) {
+        std::vector<entry> entries = make_entries(1000, planted);
+        ours o;
+        double parse_ms, decode_ms;
+        o.load(daemon_answer(entries), parse_ms, decode_ms);
+        bool our_verdict = cfg_validate_data(o.ctx) == 1;
+        theirs t;
+        bool their_verdict = t.parse(yang_json(entries), true);
+        bool expected = planted == fault::none;
+        printf("verdict %-16s ours %-8s libyang %s\n", what, our_verdict ? "accepts" : "refuses",
+               their_verdict ? "accepts" : "refuses");
+        agree = agree && our_verdict == expected && their_verdict == expected;
+    }
+    return agree;
+}
+
+struct row {
+    const char *step;
+    double ours, theirs;
+};
+
+void print_rows(unsigned n, const std::vector<row> &rows)
+{
+    printf("\nn = %u entries\n%-44s %12s %12s %8s\n", n, "step", "libzrconfig", "libyang",
+           "ratio");
+    for (const row &r : rows)
+        printf("%-44s %12.2f %12.2f %7.2fx\n", r.step, r.ours, r.theirs,
+               r.theirs > 0 ? r.ours / r.theirs : 0.0);
+}
+
+void run(unsigned n)
+{
+    std::vector<entry> entries = make_entries(n, fault::none);
+    std::string answer = daemon_answer(entries), yang = yang_json(entries);
+    std::vector<row> rows;
+    unsigned edited = n / 2 + 1, renamed = n / 3;
+
+    size_t heap_before = heap_in_use();
+    ours o;
+    double parse_ms = 0, decode_ms = 0;
+    o.load(answer, parse_ms, decode_ms);
+    auto start = clock_type::now();
+    bool ok = cfg_validate_data(o.ctx);
+    double our_full = ms_since(start);
+    double our_heap = static_cast<double>(heap_in_use() - heap_before) / n;
+    start = clock_type::now();
+    ok = o.edit_mode(edited) && cfg_validate_changed_data(o.ctx) && ok;
+    double our_mode_after_full = ms_since(start);
+    o.clear_flags();
+    start = clock_type::now();
+    ok = o.rename(renamed) && cfg_validate_changed_data(o.ctx) && ok;
+    double our_rename_clean = ms_since(start);
+    o.clear_flags();
+    start = clock_type::now();
+    ok = o.edit_mode(edited + 2) && cfg_validate_changed_data(o.ctx) && ok;
+    double our_mode_clean = ms_since(start);
+
+    heap_before = heap_in_use();
+    theirs t;
+    start = clock_type::now();
+    bool their_ok = t.parse(yang, false);
+    double their_parse = ms_since(start);
+    start = clock_type::now();
+    their_ok = t.validate() && their_ok;
+    double their_full = ms_since(start);
+    double their_heap = static_cast<double>(heap_in_use() - heap_before) / n;
+    start = clock_type::now();
+    their_ok = t.edit_mode(edited) && t.validate() && their_ok;
+    double their_mode = ms_since(start);
+    start = clock_type::now();
+    their_ok = t.rename(renamed) && t.validate() && their_ok;
+    double their_rename = ms_since(start);
+    theirs t2;
+    start = clock_type::now();
+    their_ok = t2.parse(yang, true) && their_ok;
+    double their_parse_validate = ms_since(start);
+
+    rows.push_back({"load, ms (ours: json_loads + json_to_elem)", parse_ms + decode_ms, their_parse});
+    rows.push_back({"  of which json_loads / json_to_elem, ms", parse_ms, decode_ms});
+    rows.push_back({"full validation, ms", our_full, their_full});
+    rows.push_back({"full validation vs parse + validate, ms", our_full, their_parse_validate});
+    rows.push_back({"mode edit + revalidate, flags clean, ms", our_mode_clean, their_mode});
+    rows.push_back({"mode edit + revalidate, after full, ms", our_mode_after_full, their_mode});
+    rows.push_back({"rename + revalidate, ms", our_rename_clean, their_rename});
+    rows.push_back({"heap after load and validation, B/entry", our_heap, their_heap});
+    print_rows(n, rows);
+    if (!ok || !their_ok)
+        printf("warning: a step failed (ours %s, libyang %s)\n", ok ? "ok" : "FAILED",
+               their_ok ? "ok" : "FAILED");
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    zrlog_set_handler(quiet_log, nullptr);
+    mallopt(M_TRIM_THRESHOLD, -1);
+    if (!check_verdicts()) {
+        printf("the two disagree on what is valid; no timings\n");
+        return 1;
+    }
+    std::vector<unsigned> sizes;
+    for (int i = 1; i < argc; i++)
+        sizes.push_back(static_cast<unsigned>(strtoul(argv[i], nullptr, 10)));
+    if (sizes.empty())
+        sizes = {1000, 10000, 100000};
+    for (unsigned n : sizes)
+        run(n);
+    return 0;
+}
