@@ -40,6 +40,7 @@ enum message_code : int {
     msg_lock_failed = 37,
     msg_invalid_request = 39,
     msg_incomplete_data = 40,
+    msg_changed_read_only = 43,
     msg_permission_denied = 46,
     msg_invalid_action = 47,
     msg_invalid_parameter = 48,

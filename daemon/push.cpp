@@ -53,6 +53,19 @@ std::string malformed_member(json_t *update)
     return "";
 }
 
+// True when the update deletes the root, which every path starts from.
+bool deletes_root(json_t *update)
+{
+    size_t i;
+    json_t *item;
+    json_array_foreach(json_object_get(update, "deleted"), i, item)
+    {
+        if (strcmp(item_id(item), "root-1") == 0)
+            return true;
+    }
+    return false;
+}
+
 // True when a changed or deleted element is missing or its generation is
 // not the one the model holds.
 bool conflicts(cfg *ctx, json_t *update)
@@ -292,6 +305,10 @@ push_outcome model::push(json_t *update)
     }
     if (std::string bad = malformed_member(update); !bad.empty()) {
         out.answer.reset(failure(msg_invalid_parameter, {bad}));
+        return out;
+    }
+    if (deletes_root(update)) {
+        out.answer.reset(failure(msg_changed_read_only));
         return out;
     }
     if (conflicts(ctx_, update)) {

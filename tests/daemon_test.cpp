@@ -120,6 +120,9 @@ TEST(Daemon, InvalidPushChangesNothing)
         client other(d);
         EXPECT_EQ(string_at(other, "system.hostname"), "fw1");
         EXPECT_EQ(cfg_get_by_path(other, "network.conns[4]"), nullptr);
+        cfg_delete_element(other, cfg_root(other));
+        EXPECT_EQ(cfg_commit(other), 0) << "the root stays";
+        EXPECT_EQ(codes_of(other), std::vector<int>{43});
     }
     d.stop();
     ASSERT_TRUE(d.start());
