@@ -15,6 +15,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 using zr::zalloc;
@@ -785,9 +786,16 @@ extern "C" int cfg_transaction_save(cfg *ctx)
     struct stat info;
     if (stat(ctx->transaction_dir, &info) != 0 && mkdir(ctx->transaction_dir, 0755) != 0)
         return 0;
-    FILE *file = fopen(path.c_str(), "w");
-    if (file == nullptr)
+    // Pending configuration is never readable by others, not even while it
+    // is written: the file is born 0600, and an older one is narrowed first.
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0)
         return 0;
+    FILE *file = fchmod(fd, 0600) == 0 ? fdopen(fd, "w") : nullptr;
+    if (file == nullptr) {
+        close(fd);
+        return 0;
+    }
     zr::json_ptr update(cfg_assemble_update(ctx));
     if (update != nullptr)
         json_dumpf(update.get(), file, 0);
