@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <mutex>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -153,12 +154,9 @@ bool add_coded(cfg *c, int code, std::initializer_list<char *> texts)
     return false;
 }
 
-} // namespace
-
-extern "C" void cfg_message_init(void)
+// Fills the process-wide catalogue from the rows.
+void build_catalogue()
 {
-    if (the_catalogue != nullptr)
-        return;
     auto *built = new catalogue{};
     for (const catalogue_row &row : rows) {
         cfg_message_def &def = built->defs[row.code];
@@ -171,6 +169,15 @@ extern "C" void cfg_message_init(void)
         built->arg_counts[row.code] = count_names(row);
     }
     the_catalogue = built;
+}
+
+} // namespace
+
+// Built once per process, also when several threads ask at once.
+extern "C" void cfg_message_init(void)
+{
+    static std::once_flag built_once;
+    std::call_once(built_once, build_catalogue);
 }
 
 extern "C" cfg_message_def *cfg_get_message_def(int code)

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -26,6 +28,13 @@ log_state &state()
 {
     static log_state s;
     return s;
+}
+
+// Guards the log state: contexts are created, and log, on several threads.
+std::mutex &state_mutex()
+{
+    static std::mutex m;
+    return m;
 }
 
 // The default sinks print up to notice, or up to the caller's limit when it
@@ -70,22 +79,32 @@ void write_default_sinks(const log_state &s, int priority, const char *file,
 extern "C" void zrlog_init_raw(const char *ident, int use_syslog, int use_stderr,
                                int max_priority)
 {
+    std::lock_guard<std::mutex> guard(state_mutex());
     log_state &s = state();
     s.ident = ident != nullptr ? ident : "";
     s.use_syslog = use_syslog != 0;
     s.use_stderr = use_stderr != 0;
     s.max_priority = effective_max_priority(max_priority);
+    // syslog keeps the ident's pointer: each ident lives as long as the
+    // process, so a later one never frees what a logging thread still reads.
+    static std::set<std::string> idents;
     if (s.use_syslog)
-        openlog(s.ident.c_str(), LOG_PID, LOG_USER);
+        openlog(idents.insert(s.ident).first->c_str(), LOG_PID, LOG_USER);
 }
 
 extern "C" void zrlog_log_prio_codepos(const char *file, const char *func, int line,
                                        int priority, const char *format, ...)
 {
-    const log_state &s = state();
-    int ceiling = s.handler != nullptr ? s.handler_ceiling : s.max_priority;
-    if (format == nullptr || priority > ceiling)
-        return; // never formatted: a line nobody prints costs nothing
+    log_state s;
+    {
+        std::lock_guard<std::mutex> guard(state_mutex());
+        const log_state &shared = state();
+        int shared_ceiling = shared.handler != nullptr ? shared.handler_ceiling
+                                                       : shared.max_priority;
+        if (format == nullptr || priority > shared_ceiling)
+            return;
+        s = shared; // a line nobody prints is never formatted: it costs nothing
+    }
     va_list args;
     va_start(args, format);
     std::string message = format_message(format, args);
@@ -100,12 +119,14 @@ extern "C" void zrlog_log_prio_codepos(const char *file, const char *func, int l
 
 extern "C" void zrlog_set_handler(zrlog_handler handler, void *user)
 {
+    std::lock_guard<std::mutex> guard(state_mutex());
     state().handler = handler;
     state().user = handler != nullptr ? user : nullptr;
 }
 
 extern "C" void zrlog_set_handler_ceiling(int max_priority)
 {
+    std::lock_guard<std::mutex> guard(state_mutex());
     state().handler_ceiling = max_priority;
 }
 
