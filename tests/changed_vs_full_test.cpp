@@ -15,8 +15,8 @@
 //  1. Verdict: changed-data validation accepts exactly when full validation
 //     accepts. Exception: a certificate's members are judged by the
 //     certificate map's ssl_cert validator, which declares no trigger paths;
-//     a sequence that edits them only guarantees "changed-data rejects =>
-//     full rejects".
+//     after edits to them since the last commit only "changed-data rejects
+//     => full rejects" holds.
 //  2. An accepting run pushes no message.
 //  3. A rejecting changed-data run pushes at most one message. A rejecting
 //     full run pushes at most one constraint message, or else only no-match
@@ -49,8 +49,7 @@
 
 using namespace zrtest;
 
-namespace
-{
+namespace {
 
 struct message_seen {
     int code;
@@ -205,6 +204,7 @@ struct edited_appliance : network_appliance {
     {
         cfg_element *blob = cfg_new_blob_with_id(ctx(), data.data(), data.size(), new_id().c_str());
         cfg_add_mapelem(ctx(), map, key, blob);
+        note(map, key, std::to_string(data.size()) + " bytes");
     }
     void note(cfg_element *map, const char *key, const std::string &what)
     {
@@ -239,8 +239,6 @@ struct edit_kind {
     std::function<void(edited_appliance &)> apply;
 };
 
-using strings = std::vector<std::string>;
-using ints = std::vector<int>;
 std::string conn_name(edited_appliance &a)
 {
     return a.value<std::string>({"wan", "lan", "dmz", "lab", "guest", "mgmt", "vpn"},
