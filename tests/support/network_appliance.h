@@ -97,6 +97,9 @@ struct network_appliance : tree_context {
         load_schema();
         build_tree();
     }
+    // The schema alone, for a context that receives a copied tree.
+    struct schema_only {};
+    explicit network_appliance(schema_only) { load_schema(); }
 
     texts messages() const { return messages_of(ctx()); }
     void clear_messages() const { cfg_free_message_stack(ctx()); }
