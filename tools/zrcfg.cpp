@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -208,10 +209,11 @@ int cmd_export(const invocation &inv, const session &s)
     int code = ok;
     element e = find(s, inv.args.empty() ? "" : inv.args[0], code);
     json_ptr value(e ? zrplain::plain_json(s.get(), e.get()) : nullptr);
-    if (e && !value)
-        return conclude({false, s.take_messages()}) == unreachable
-                   ? unreachable
-                   : fail(refused, "the configuration cannot be read in full");
+    if (e && !value) {
+        outcome failed{false, s.take_messages()};
+        return failed.unreachable() ? conclude(failed)
+                                    : fail(refused, "the configuration cannot be read in full");
+    }
     if (value)
         print_json(value.get());
     return code;
@@ -382,6 +384,11 @@ cfg_condition *parse_condition(const session &s, cfg_schema_element *item,
         return nullptr;
     switch (member->type) {
     case CFG_TYPE_INT:
+        if (json_integer_value(typed.get()) < INT_MIN ||
+            json_integer_value(typed.get()) > INT_MAX) {
+            error = "'" + value + "' is out of range for '" + field + "'";
+            return nullptr;
+        }
         return cfg_new_int_condition(field.c_str(), oper->second,
                                      static_cast<int>(json_integer_value(typed.get())));
     case CFG_TYPE_FLOAT:
