@@ -74,6 +74,15 @@ cfg_schema_element *list_item_schema(cfg *ctx, cfg_schema_element *list_schema)
     return cfg_get_schema_node(ctx, cfg_get_type(ctx, list_schema->u.list.element_type_name));
 }
 
+json_t *read_json_file(const std::string &path, std::string &error)
+{
+    json_error_t err;
+    json_t *value = json_load_file(path.c_str(), 0, &err);
+    if (value == nullptr)
+        error = path + ":" + std::to_string(err.line) + ": " + err.text;
+    return value;
+}
+
 const char *type_name(int type)
 {
     switch (type) {

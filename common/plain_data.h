@@ -43,6 +43,10 @@ cfg_element *build_plain_value(cfg *ctx, json_t *value, cfg_schema_element *sche
 // cannot be read.
 json_t *plain_json(cfg *ctx, cfg_element *e);
 
+// The JSON document in the file at path; null with error set to
+// "path:line: reason" when it cannot be read or parsed.
+json_t *read_json_file(const std::string &path, std::string &error);
+
 // The word for a CFG_TYPE_* code ("string", "map", ...); "value" for others.
 const char *type_name(int type);
 

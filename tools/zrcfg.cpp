@@ -20,6 +20,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <thread>
 #include <unistd.h>
 
@@ -184,15 +185,6 @@ void print_value(const element &e, bool json)
         print_json(value.get());
 }
 
-json_t *load_document(const std::string &file, std::string &error)
-{
-    json_error_t err;
-    json_t *doc = json_load_file(file.c_str(), 0, &err);
-    if (doc == nullptr)
-        error = file + ":" + std::to_string(err.line) + ": " + err.text;
-    return doc;
-}
-
 // ---- commands ----
 
 int cmd_get(const invocation &inv, const session &s)
@@ -297,9 +289,9 @@ int cmd_add(const invocation &inv, const session &s)
     if (!list.is_list())
         return fail(refused, "'" + inv.args[0] + "' is not a list");
     std::string error;
-    element member(s.get(), zrplain::build_plain_value(
-                                s.get(), value.get(), zrplain::list_item_schema(s.get(), list.schema()),
-                                "member", nullptr, error));
+    cfg_schema_element *item = zrplain::list_item_schema(s.get(), list.schema());
+    element member(s.get(), zrplain::build_plain_value(s.get(), value.get(), item, "member",
+                                                       nullptr, error));
     if (!list.append(member))
         return fail(refused, error.empty() ? "the member cannot be added" : error);
     return push(s, 1);
@@ -308,7 +300,7 @@ int cmd_add(const invocation &inv, const session &s)
 int cmd_apply(const invocation &inv, const session &s)
 {
     std::string error;
-    json_ptr doc(load_document(inv.args[0], error));
+    json_ptr doc(zrplain::read_json_file(inv.args[0], error));
     if (!doc)
         return fail(usage_error, error);
     int code = ok;
@@ -328,7 +320,7 @@ int cmd_validate(const invocation &inv, const session &s)
         result = s.validate();
     } else {
         std::string error;
-        json_ptr doc(load_document(inv.args[0], error));
+        json_ptr doc(zrplain::read_json_file(inv.args[0], error));
         if (!doc)
             return fail(usage_error, error);
         zrconfig::context local = zrconfig::context::over_schema_of(s);
@@ -359,14 +351,10 @@ const std::map<std::string, int> operators = {
 cfg_condition *parse_condition(const session &s, cfg_schema_element *item,
                                const std::string &text, std::string &error)
 {
-    size_t field_end = text.find(' ');
-    std::string field = text.substr(0, field_end);
-    size_t op_start = text.find_first_not_of(' ', field_end == std::string::npos ? text.size() : field_end);
-    size_t op_end = op_start == std::string::npos ? std::string::npos : text.find(' ', op_start);
-    std::string op = op_start == std::string::npos ? "" : text.substr(op_start, op_end - op_start);
-    size_t value_start = op_end == std::string::npos ? std::string::npos
-                                                     : text.find_first_not_of(' ', op_end);
-    std::string value = value_start == std::string::npos ? "" : text.substr(value_start);
+    std::istringstream words(text);
+    std::string field, op, value;
+    words >> field >> op;
+    std::getline(words >> std::ws, value);
     auto oper = operators.find(op);
     cfg_schema_element *member = zrplain::member_schema(s.get(), item, field.c_str());
     if (field.empty() || oper == operators.end()) {
@@ -459,7 +447,8 @@ int cmd_search(const invocation &inv, const session &s)
         std::string error;
         cfg_condition *c = parse_condition(s, item, inv.args[i], error);
         if (c == nullptr)
-            return fail(usage_error, error.empty() ? "'" + inv.args[i] + "' cannot be searched" : error);
+            return fail(usage_error,
+                        error.empty() ? "'" + inv.args[i] + "' cannot be searched" : error);
         cfg_condition_add_child(all.get(), c);
     }
     std::vector<element> hits = s.search(inv.args[0], inv.args.size() > 1 ? all.get() : nullptr);
