@@ -71,6 +71,21 @@ TEST(ZrconfigHpp, RefusedChangeNamesTheElementByPath)
     EXPECT_EQ(checked.messages[0].text, "Required field 'address' is not present");
 }
 
+TEST(ZrconfigHpp, StaleCopyIsRefusedAsAConflict)
+{
+    daemon_process d;
+    session first(d.socket_path(), "hpp-test"), second(d.socket_path(), "hpp-test");
+    element mine = first.at("system.hostname"), theirs = second.at("system.hostname");
+    ASSERT_TRUE(theirs.set("fw2"));
+    ASSERT_TRUE(second.commit());
+    ASSERT_TRUE(mine.set("fw3"));
+    zrconfig::outcome refused = first.commit();
+    EXPECT_FALSE(refused);
+    EXPECT_FALSE(refused.unreachable());
+    ASSERT_FALSE(refused.messages.empty());
+    EXPECT_EQ(refused.messages[0].code, 32);
+}
+
 TEST(ZrconfigHpp, AppendsAndDeletesListMembers)
 {
     daemon_process d;
