@@ -1,6 +1,7 @@
 // zrconfigd: the configuration daemon. Parses the command line, opens or
 // creates the store, loads the model, and serves until SIGTERM or SIGINT.
 #define ZRD_SOURCE "daemon/main"
+#include "plain_data.h"
 #include "server.h"
 
 #include <csignal>
@@ -73,15 +74,6 @@ bool parse_options(int argc, char **argv, options &opts)
     return true;
 }
 
-json_t *read_json_file(const std::string &path, std::string &error)
-{
-    json_error_t err;
-    json_t *value = json_load_file(path.c_str(), 0, &err);
-    if (value == nullptr)
-        error = path + ":" + std::to_string(err.line) + ": " + err.text;
-    return value;
-}
-
 // Loads the model from the store, or creates both from the files on a new
 // database. Prints why and returns false when the daemon cannot start.
 bool load_model(const options &opts, store &db, model &m)
@@ -103,8 +95,9 @@ bool load_model(const options &opts, store &db, model &m)
         return false;
     }
     std::string error;
-    json_ptr schema(read_json_file(opts.schema_file, error));
-    json_ptr data(opts.data_file.empty() ? nullptr : read_json_file(opts.data_file, error));
+    json_ptr schema(zrplain::read_json_file(opts.schema_file, error));
+    json_ptr data(opts.data_file.empty() ? nullptr
+                                         : zrplain::read_json_file(opts.data_file, error));
     if (!schema || (!opts.data_file.empty() && !data)) {
         fprintf(stderr, "zrconfigd: %s\n", error.c_str());
         return false;

@@ -174,7 +174,7 @@ bool model::create(json_t *schema_document, json_t *data, std::string &report)
         return false;
     cfg_element *root = cfg_new_map_with_id(ctx_, "root-1");
     std::string error;
-    if (data != nullptr && !build_plain_data(ctx_, root, data, next_id_, error)) {
+    if (data != nullptr && !zrplain::build_plain_data(ctx_, root, ctx_->schema->root, data, &next_id_, error)) {
         report = "error: " + error + "\n";
         return false;
     }
@@ -382,7 +382,7 @@ json_t *model::search(json_t *data)
     if (list == nullptr)
         return failure(msg_path_not_found, {json_string_value(table)});
     cfg_schema_element *item =
-        list_item_schema(ctx_, cfg_get_schema_node(ctx_, list->schema));
+        zrplain::list_item_schema(ctx_, cfg_get_schema_node(ctx_, list->schema));
     if (list->type != CFG_TYPE_LIST || item == nullptr || item->type != CFG_TYPE_MAP)
         return failure(msg_invalid_parameter, {"table_name"});
 
@@ -396,7 +396,7 @@ json_t *model::search(json_t *data)
                                                                     cfg_free_conditions);
     std::vector<std::string> fields;
     std::string bad;
-    if (!condition_fields(condition, member_keys(ctx_, item), fields, bad, 0))
+    if (!condition_fields(condition, zrplain::member_keys(ctx_, item), fields, bad, 0))
         return failure(msg_invalid_parameter, {bad});
     cstr_ptr where(condition != nullptr ? condition_to_sql(condition) : nullptr);
     if (condition != nullptr && !where)

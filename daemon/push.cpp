@@ -131,7 +131,7 @@ renames daemon_ids(cfg *ctx, json_t *update, unsigned long &next_id)
     {
         const char *id = item_id(item);
         if (id[0] == '{' && out.count(id) == 0)
-            out[id] = daemon_id(key_of(ctx, item, added), next_id);
+            out[id] = zrplain::daemon_id(key_of(ctx, item, added), next_id);
     }
     return out;
 }

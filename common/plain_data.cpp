@@ -1,10 +1,12 @@
-// Plain nested JSON to elements, through the schema.
-#define ZRD_SOURCE "daemon/plain_data"
+// Plain nested JSON to elements through the schema, and elements back to
+// plain JSON.
 #include "plain_data.h"
 
 #include <cctype>
+#include <cstdlib>
+#include <memory>
 
-namespace zrd {
+namespace zrplain {
 
 // Depth bounds schemas whose conditionals name each other.
 static cfg_schema_element *find_member(cfg *ctx, cfg_schema_element *map, const char *key,
@@ -72,6 +74,41 @@ cfg_schema_element *list_item_schema(cfg *ctx, cfg_schema_element *list_schema)
     return cfg_get_schema_node(ctx, cfg_get_type(ctx, list_schema->u.list.element_type_name));
 }
 
+json_t *read_json_file(const std::string &path, std::string &error)
+{
+    json_error_t err;
+    json_t *value = json_load_file(path.c_str(), 0, &err);
+    if (value == nullptr)
+        error = path + ":" + std::to_string(err.line) + ": " + err.text;
+    return value;
+}
+
+const char *type_name(int type)
+{
+    switch (type) {
+    case CFG_TYPE_BOOL:
+        return "bool";
+    case CFG_TYPE_INT:
+        return "int";
+    case CFG_TYPE_FLOAT:
+        return "float";
+    case CFG_TYPE_STRING:
+        return "string";
+    case CFG_TYPE_BLOB:
+        return "blob";
+    case CFG_TYPE_LIST:
+        return "list";
+    case CFG_TYPE_MAP:
+        return "map";
+    case CFG_TYPE_REFERENCE:
+        return "reference";
+    case CFG_TYPE_IF:
+        return "conditional";
+    default:
+        return "value";
+    }
+}
+
 std::string daemon_id(const std::string &key, unsigned long &next_id)
 {
     std::string base;
@@ -91,15 +128,25 @@ struct pending_reference {
 
 class builder {
   public:
-    builder(cfg *ctx, unsigned long &next_id) : ctx_(ctx), next_id_(next_id) {}
+    builder(cfg *ctx, unsigned long *next_id) : ctx_(ctx), next_id_(next_id) {}
 
     bool fill_map(cfg_element *map, json_t *object, cfg_schema_element *schema, int depth);
     bool resolve_references();
+    cfg_element *make(json_t *value, cfg_schema_element *schema, int type_hint,
+                      const std::string &key, int depth);
     std::string error;
 
   private:
-    cfg_element *make(json_t *value, cfg_schema_element *schema, int type_hint,
-                      const std::string &key, int depth);
+    // The id of a new element under key: a daemon id with a counter, else
+    // "" (the library then makes a fresh one).
+    std::string new_id(const std::string &key)
+    {
+        return next_id_ != nullptr ? daemon_id(key, *next_id_) : std::string();
+    }
+    static const char *id_or_fresh(const std::string &id)
+    {
+        return id.empty() ? nullptr : id.c_str();
+    }
     cfg_element *make_list(json_t *array, cfg_schema_element *schema, const std::string &key,
                            int depth);
     bool fail(const std::string &why)
@@ -109,7 +156,7 @@ class builder {
     }
 
     cfg *ctx_;
-    unsigned long &next_id_;
+    unsigned long *next_id_;
     std::vector<pending_reference> references_;
 };
 
@@ -143,25 +190,26 @@ cfg_element *builder::make(json_t *value, cfg_schema_element *schema, int type_h
         return nullptr;
     }
     int type = element_type(value, schema != nullptr ? schema->type : type_hint);
-    std::string id = daemon_id(key, next_id_);
+    std::string chosen = new_id(key);
+    const char *id = id_or_fresh(chosen);
     switch (type) {
     case CFG_TYPE_MAP: {
-        cfg_element *map = cfg_new_map_with_id(ctx_, id.c_str());
+        cfg_element *map = cfg_new_map_with_id(ctx_, id);
         return fill_map(map, value, schema, depth + 1) ? map : nullptr;
     }
     case CFG_TYPE_LIST:
         return make_list(value, schema, key, depth);
     case CFG_TYPE_STRING:
-        return cfg_new_string_with_id(ctx_, json_string_value(value), id.c_str());
+        return cfg_new_string_with_id(ctx_, json_string_value(value), id);
     case CFG_TYPE_BLOB:
         return cfg_new_blob_with_id(ctx_, json_string_value(value), json_string_length(value),
-                                    id.c_str());
+                                    id);
     case CFG_TYPE_INT:
-        return cfg_new_int_with_id(ctx_, static_cast<int>(json_integer_value(value)), id.c_str());
+        return cfg_new_int_with_id(ctx_, static_cast<int>(json_integer_value(value)), id);
     case CFG_TYPE_FLOAT:
-        return cfg_new_float_with_id(ctx_, json_number_value(value), id.c_str());
+        return cfg_new_float_with_id(ctx_, json_number_value(value), id);
     case CFG_TYPE_BOOL:
-        return cfg_new_bool_with_id(ctx_, json_is_true(value), id.c_str());
+        return cfg_new_bool_with_id(ctx_, json_is_true(value), id);
     default:
         fail("'" + key + "' has a value of no configuration type");
         return nullptr;
@@ -171,7 +219,8 @@ cfg_element *builder::make(json_t *value, cfg_schema_element *schema, int type_h
 cfg_element *builder::make_list(json_t *array, cfg_schema_element *schema,
                                 const std::string &key, int depth)
 {
-    cfg_element *list = cfg_new_list_with_id(ctx_, daemon_id(key, next_id_).c_str());
+    std::string id = new_id(key);
+    cfg_element *list = cfg_new_list_with_id(ctx_, id_or_fresh(id));
     cfg_schema_element *item_schema = list_item_schema(ctx_, schema);
     int item_type = (schema != nullptr && schema->type == CFG_TYPE_LIST &&
                      schema->u.list.element_kind == 1)
@@ -202,7 +251,7 @@ bool builder::fill_map(cfg_element *map, json_t *object, cfg_schema_element *sch
         cfg_schema_element *member = member_schema(ctx_, schema, key);
         if (member != nullptr && member->type == CFG_TYPE_REFERENCE && json_is_string(value)) {
             references_.push_back(
-                {map->uuid, key, daemon_id(key, next_id_), json_string_value(value)});
+                {map->uuid, key, new_id(key), json_string_value(value)});
             continue;
         }
         cfg_element *child = make(value, member, 0, key, depth);
@@ -220,7 +269,7 @@ bool builder::resolve_references()
         cfg_element *map = cfg_find_by_id(ctx_, r.map_id.c_str());
         if (target == nullptr)
             return fail("reference '" + r.key + "': no element at path '" + r.path + "'");
-        cfg_element *ref = cfg_new_reference_with_id(ctx_, target->uuid, r.id.c_str());
+        cfg_element *ref = cfg_new_reference_with_id(ctx_, target->uuid, id_or_fresh(r.id));
         if (ref == nullptr || map == nullptr)
             return fail("reference '" + r.key + "' cannot be made");
         cfg_add_mapelem(ctx_, map, r.key.c_str(), ref);
@@ -230,17 +279,102 @@ bool builder::resolve_references()
 
 } // namespace
 
-bool build_plain_data(cfg *ctx, cfg_element *root, json_t *data, unsigned long &next_id,
-                      std::string &error)
+bool build_plain_data(cfg *ctx, cfg_element *map, cfg_schema_element *schema, json_t *data,
+                      unsigned long *next_id, std::string &error)
 {
     if (!json_is_object(data)) {
         error = "the data must be a JSON object";
         return false;
     }
     builder b(ctx, next_id);
-    bool ok = b.fill_map(root, data, ctx->schema->root, 0) && b.resolve_references();
+    bool ok = b.fill_map(map, data, schema, 0) && b.resolve_references();
     error = b.error;
     return ok;
 }
 
-} // namespace zrd
+cfg_element *build_plain_value(cfg *ctx, json_t *value, cfg_schema_element *schema,
+                               const std::string &key, unsigned long *next_id,
+                               std::string &error)
+{
+    builder b(ctx, next_id);
+    cfg_element *e = b.make(value, schema, 0, key, 0);
+    if (e != nullptr && !b.resolve_references())
+        e = nullptr;
+    error = e != nullptr ? std::string() : b.error.empty() ? "cannot make '" + key + "'" : b.error;
+    return e;
+}
+
+namespace {
+
+struct json_deleter {
+    void operator()(json_t *value) const { json_decref(value); }
+};
+using json_owner = std::unique_ptr<json_t, json_deleter>;
+
+// The members of a list or map, as cfg_parent_link records.
+cfg_link *member_links(cfg_element *e)
+{
+    return e->type == CFG_TYPE_LIST ? e->value.list.members : e->value.map.members;
+}
+
+// The target's canonical path, or null when it cannot be read.
+json_t *reference_json(cfg *ctx, cfg_element *reference)
+{
+    cfg_element *target = cfg_get_by_id(ctx, reference->value.string_value);
+    char *path = target != nullptr ? cfg_get_canonical_path(ctx, target, 0, ".") : nullptr;
+    json_t *out = path != nullptr ? json_string(path) : nullptr;
+    free(path);
+    return out;
+}
+
+// Depth bounds trees whose members name their own ancestors.
+json_t *to_json(cfg *ctx, cfg_element *e, int depth)
+{
+    if (e == nullptr || depth > 64)
+        return nullptr;
+    switch (e->type) {
+    case CFG_TYPE_BOOL:
+        return json_boolean(e->value.int_value);
+    case CFG_TYPE_INT:
+        return json_integer(e->value.int_value);
+    case CFG_TYPE_FLOAT:
+        return json_real(e->value.float_value);
+    case CFG_TYPE_STRING:
+        return json_string(e->value.string_value != nullptr ? e->value.string_value : "");
+    case CFG_TYPE_BLOB:
+        return json_stringn(reinterpret_cast<const char *>(e->value.blob.data),
+                            static_cast<size_t>(e->value.blob.size));
+    case CFG_TYPE_REFERENCE:
+        return reference_json(ctx, e);
+    case CFG_TYPE_LIST:
+    case CFG_TYPE_MAP:
+        break;
+    default:
+        return nullptr;
+    }
+    bool is_map = e->type == CFG_TYPE_MAP;
+    json_owner out(is_map ? json_object() : json_array());
+    for (cfg_link *l = member_links(e); l != nullptr; l = l->next) {
+        auto *link = static_cast<cfg_parent_link *>(l->data);
+        cfg_element *member = cfg_get_by_id(ctx, link->uuid);
+        if (member != nullptr && cfg_element_is_deleted(member))
+            continue;
+        json_t *value = to_json(ctx, member, depth + 1);
+        if (value == nullptr)
+            return nullptr;
+        if (is_map)
+            json_object_set_new(out.get(), link->name != nullptr ? link->name : "", value);
+        else
+            json_array_append_new(out.get(), value);
+    }
+    return out.release();
+}
+
+} // namespace
+
+json_t *plain_json(cfg *ctx, cfg_element *e)
+{
+    return to_json(ctx, e, 0);
+}
+
+} // namespace zrplain

@@ -1,0 +1,164 @@
+// zrcfg end to end: the built command run as a user would, against a real
+// zrconfigd on the example appliance; output and exit status checked.
+#include "context.h"
+#include "daemon_process.h"
+
+namespace zrtest {
+namespace {
+
+// The command to run: ZRCFG from the environment, else the one built.
+std::string zrcfg_path()
+{
+    const char *chosen = getenv("ZRCFG");
+    return chosen != nullptr ? chosen : ZRCFG_PATH;
+}
+
+struct run_result {
+    int status = -1;
+    std::string out, err;
+};
+
+// Runs zrcfg with args (options first) and waits for it.
+run_result zrcfg(const temp_dir &dir, std::vector<std::string> args)
+{
+    args.insert(args.begin(), zrcfg_path());
+    std::vector<char *> argv;
+    for (std::string &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::string out = dir.file("zrcfg.out"), err = dir.file("zrcfg.err");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = -1;
+    run_result r;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    r.out = read_file(out);
+    r.err = read_file(err);
+    return r;
+}
+
+// zrcfg against d's socket.
+run_result zrcfg(const daemon_process &d, std::vector<std::string> args)
+{
+    args.insert(args.begin(), {"--socket", d.socket_path()});
+    return zrcfg(d.dir(), args);
+}
+
+std::string value_at(const daemon_process &d, const std::string &path)
+{
+    return zrcfg(d, {"get", path}).out;
+}
+
+TEST(Zrcfg, GetSetDeleteAndAddRoundTrip)
+{
+    daemon_process d;
+    EXPECT_EQ(value_at(d, "system.hostname"), "fw1\n");
+
+    run_result set = zrcfg(d, {"set", "system.hostname", "fw2", "network.conns[1].mtu", "1400"});
+    EXPECT_EQ(set.status, 0) << set.err;
+    EXPECT_EQ(value_at(d, "system.hostname"), "fw2\n");
+    EXPECT_EQ(value_at(d, "network.conns[1].mtu"), "1400\n");
+
+    EXPECT_EQ(zrcfg(d, {"delete", "system.ntp_server"}).status, 0);
+    run_result gone = zrcfg(d, {"get", "system.ntp_server"});
+    EXPECT_EQ(gone.status, 1);
+    EXPECT_EQ(gone.err, "error: no element at 'system.ntp_server'\n");
+
+    run_result add = zrcfg(d, {"add", "network.conns", R"({"name": "lab", "mode": "dhcp"})"});
+    EXPECT_EQ(add.status, 0) << add.err;
+    json_handle lab = parse_json(zrcfg(d, {"--json", "get", "network.conns[4]"}).out);
+    EXPECT_STREQ(json_string_value(json_object_get(lab.get(), "name")), "lab");
+    EXPECT_EQ(json_integer_value(json_object_get(lab.get(), "mtu")), 1500); // default filled in
+}
+
+TEST(Zrcfg, ValidationFailurePrintsThePathAndCommitsNothing)
+{
+    daemon_process d;
+    run_result r = zrcfg(d, {"delete", "network.conns[1].address"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "error: network.conns[1]: Required field 'address' is not present\n");
+    EXPECT_EQ(value_at(d, "network.conns[1].address"), "192.168.1.1\n");
+
+    // One bad pair refuses the whole push.
+    r = zrcfg(d, {"set", "network.conns[1].mtu", "1400", "system.hostname", "Not_A_Host"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("error: system.hostname: "), std::string::npos) << r.err;
+    EXPECT_EQ(value_at(d, "network.conns[1].mtu"), "1500\n");
+}
+
+TEST(Zrcfg, AnotherSessionsLockRefusesThePush)
+{
+    daemon_process d;
+    client holder(d);
+    ASSERT_EQ(cfg_lock(holder, 1), 1);
+    run_result r = zrcfg(d, {"set", "system.hostname", "fw2"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("error: "), std::string::npos);
+    EXPECT_EQ(value_at(d, "system.hostname"), "fw1\n");
+}
+
+TEST(Zrcfg, ExitStatusForUsageAndUnreachableDaemon)
+{
+    temp_dir dir;
+    std::string dead = dir.file("nobody.sock");
+    EXPECT_EQ(zrcfg(dir, {"--socket", dead, "get", "system.hostname"}).status, 3);
+    for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
+             {}, {"bogus"}, {"get"}, {"set", "system.hostname"}, {"--nope", "get", "x"}})
+        EXPECT_EQ(zrcfg(dir, args).status, 2) << (args.empty() ? "" : args[0]);
+    run_result help = zrcfg(dir, {"search", "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind("usage: zrcfg search", 0), 0u);
+}
+
+TEST(Zrcfg, ExportThenApplyChangesNothingAndAChangedDocumentCommits)
+{
+    daemon_process d;
+    run_result exported = zrcfg(d, {"export"});
+    ASSERT_EQ(exported.status, 0);
+    std::string file = d.dir().file("saved.json");
+    std::ofstream(file) << exported.out;
+
+    run_result applied = zrcfg(d, {"apply", file});
+    EXPECT_EQ(applied.status, 0);
+    EXPECT_EQ(applied.err, "nothing to change\n");
+    EXPECT_EQ(zrcfg(d, {"export"}).out, exported.out);
+
+    json_handle doc = parse_json(exported.out);
+    json_object_set_new(json_object_get(doc.get(), "system"), "hostname", json_string("fw9"));
+    json_array_remove(json_object_get(json_object_get(doc.get(), "network"), "conns"), 3);
+    json_dump_file(doc.get(), file.c_str(), 0);
+    EXPECT_EQ(zrcfg(d, {"apply", file}).status, 0);
+    EXPECT_EQ(value_at(d, "system.hostname"), "fw9\n");
+    EXPECT_EQ(zrcfg(d, {"get", "network.conns[3]"}).status, 1);
+}
+
+TEST(Zrcfg, SearchJoinsConditions)
+{
+    daemon_process d;
+    run_result table = zrcfg(d, {"search", "network.conns", "mode = static", "mtu > 1500"});
+    EXPECT_EQ(table.status, 0) << table.err;
+    EXPECT_EQ(table.out.substr(0, table.out.find('\n')), "path              name  mode    "
+                                                         "address    netmask  mtu   enabled");
+    EXPECT_NE(table.out.find("network.conns[2]  dmz   static  10.20.0.1  24       9000  true"),
+              std::string::npos)
+        << table.out;
+
+    json_handle hits =
+        parse_json(zrcfg(d, {"--json", "search", "network.conns", "address missing"}).out);
+    ASSERT_EQ(json_array_size(hits.get()), 1u);
+    EXPECT_STREQ(json_string_value(json_object_get(json_array_get(hits.get(), 0), "path")),
+                 "network.conns[0]");
+    EXPECT_EQ(zrcfg(d, {"search", "network.conns", "speed = 10"}).status, 2);
+}
+
+} // namespace
+} // namespace zrtest

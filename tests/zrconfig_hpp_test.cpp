@@ -1,0 +1,134 @@
+// zrconfig.hpp against a real zrconfigd: the appliance client's flow (read,
+// change, validate, commit, read back, a refused change) written with the
+// C++ layer, and a local context without a daemon.
+#include "daemon_process.h"
+
+#include <zrconfig.hpp>
+
+namespace zrtest {
+namespace {
+
+using zrconfig::element;
+using zrconfig::session;
+
+// The index of the connection called name, or -1.
+int find_conn(const session &s, const std::string &name)
+{
+    int index = 0;
+    for (element conn : s.at("network.conns").members()) {
+        if (conn["name"].as_string() == name)
+            return index;
+        index++;
+    }
+    return -1;
+}
+
+TEST(ZrconfigHpp, ReadsChangesCommitsAndReadsBack)
+{
+    daemon_process d;
+    {
+        session s(d.socket_path(), "hpp-test");
+        ASSERT_TRUE(s);
+        EXPECT_EQ(s.at("system.hostname").as_string(), "fw1");
+        EXPECT_EQ(s.at("system.hostname").as_int(), std::nullopt); // another type
+        EXPECT_FALSE(s.at("system.no_such_key"));
+        EXPECT_EQ(s.at("system.no_such_key").as_string(), std::nullopt);
+
+        std::vector<std::string> keys;
+        for (auto [key, value] : s.at("network.conns[1]").entries())
+            keys.push_back(key);
+        EXPECT_EQ(keys, (std::vector<std::string>{"name", "mode", "address", "netmask", "mtu",
+                                                   "enabled"}));
+
+        int lan = find_conn(s, "lan");
+        ASSERT_EQ(lan, 1);
+        element mtu = s.at("network.conns[1].mtu");
+        EXPECT_EQ(mtu.as_int(), 1500);
+        EXPECT_EQ(mtu.path(), "network.conns[1].mtu");
+        EXPECT_TRUE(mtu.set(1400));
+        EXPECT_TRUE(s.validate_changed());
+        zrconfig::outcome committed = s.commit();
+        EXPECT_TRUE(committed.ok);
+        EXPECT_TRUE(committed.messages.empty());
+    }
+    session again(d.socket_path(), "hpp-test");
+    EXPECT_EQ(again.at("network.conns[1].mtu").as_int(), 1400);
+}
+
+TEST(ZrconfigHpp, RefusedChangeNamesTheElementByPath)
+{
+    daemon_process d;
+    session s(d.socket_path(), "hpp-test");
+    element conn = s.at("network.conns[1]");
+    ASSERT_TRUE(conn.erase("address"));
+    zrconfig::outcome checked = s.validate_changed();
+    EXPECT_FALSE(checked);
+    EXPECT_FALSE(checked.unreachable());
+    ASSERT_EQ(checked.messages.size(), 1u);
+    EXPECT_EQ(checked.messages[0].code, 20);
+    EXPECT_EQ(checked.messages[0].level, 1);
+    EXPECT_EQ(checked.messages[0].path, "network.conns[1]");
+    EXPECT_EQ(checked.messages[0].text, "Required field 'address' is not present");
+}
+
+TEST(ZrconfigHpp, StaleCopyIsRefusedAsAConflict)
+{
+    daemon_process d;
+    session first(d.socket_path(), "hpp-test"), second(d.socket_path(), "hpp-test");
+    element mine = first.at("system.hostname"), theirs = second.at("system.hostname");
+    ASSERT_TRUE(theirs.set("fw2"));
+    ASSERT_TRUE(second.commit());
+    ASSERT_TRUE(mine.set("fw3"));
+    zrconfig::outcome refused = first.commit();
+    EXPECT_FALSE(refused);
+    EXPECT_FALSE(refused.unreachable());
+    ASSERT_FALSE(refused.messages.empty());
+    EXPECT_EQ(refused.messages[0].code, 32);
+}
+
+TEST(ZrconfigHpp, AppendsAndDeletesListMembers)
+{
+    daemon_process d;
+    {
+        session s(d.socket_path(), "hpp-test");
+        element conns = s.at("network.conns");
+        element lab = s.new_map();
+        ASSERT_TRUE(lab.put("name", s.new_value("lab")));
+        ASSERT_TRUE(lab.put("mode", s.new_value("dhcp")));
+        ASSERT_TRUE(conns.append(lab));
+        conns[0].remove();
+        EXPECT_TRUE(s.validate_changed());
+        EXPECT_TRUE(s.commit());
+    }
+    session again(d.socket_path(), "hpp-test");
+    std::vector<std::string> names;
+    for (element conn : again.at("network.conns").members())
+        names.push_back(conn["name"].as_string().value_or("?"));
+    EXPECT_EQ(names, (std::vector<std::string>{"lan", "dmz", "mgmt", "lab"}));
+}
+
+TEST(ZrconfigHpp, LocalContextAndMovedSession)
+{
+    zrconfig::context local;
+    element root = local.root();
+    ASSERT_TRUE(root.put("ratio", local.new_value(0.5)));
+    ASSERT_TRUE(root.put("on", local.new_value(true)));
+    EXPECT_EQ(local.at("ratio").as_double(), 0.5);
+    EXPECT_EQ(local.at("on").as_bool(), true);
+    EXPECT_EQ(local.at("on").as_string(), std::nullopt);
+    EXPECT_TRUE(root.erase("on"));
+    EXPECT_EQ(root.entries().size(), 1u);
+
+    session unreachable("/nonexistent/zrconfigd.sock", "hpp-test");
+    EXPECT_FALSE(unreachable);
+    EXPECT_FALSE(unreachable.at("system"));
+
+    daemon_process d;
+    session first(d.socket_path(), "hpp-test");
+    session moved(std::move(first));
+    EXPECT_FALSE(first);
+    EXPECT_EQ(moved.at("system.hostname").as_string(), "fw1");
+}
+
+} // namespace
+} // namespace zrtest
