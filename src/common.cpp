@@ -558,9 +558,12 @@ bool apply_local_item(cfg *ctx, json_t *item, const changeset_item &read, int fl
     return flag == CFG_FLAG_DELETED || load_with_flag(ctx, item, flag);
 }
 
-// Drops a schema element from the uuid map and frees it.
+// Drops a schema element from the uuid map and frees it; a root that goes
+// leaves the schema without one until its replacement is loaded.
 void free_mapped_schema_element(cfg *ctx, cfg_schema_element *elem)
 {
+    if (ctx->schema->root == elem)
+        ctx->schema->root = nullptr;
     cfg_delete_schema_elem(&ctx->schema->elements, elem->uuid);
     cfg_free_schema_element(elem);
 }
@@ -574,6 +577,7 @@ bool apply_schema_item(cfg *ctx, json_t *item, const changeset_item &read, int f
         cfg_delete_schema_element(ctx, existing);
         return true;
     }
+    bool replaces_root = existing != nullptr && ctx->schema->root == existing;
     if (flag == CFG_FLAG_CHANGED) {
         // A change to an unknown schema element is refused rather than read.
         if (existing == nullptr ||
@@ -591,6 +595,8 @@ bool apply_schema_item(cfg *ctx, json_t *item, const changeset_item &read, int f
     if (loaded == nullptr)
         return false;
     loaded->flags = static_cast<unsigned int>(flag);
+    if (replaces_root)
+        ctx->schema->root = loaded;
     return true;
 }
 

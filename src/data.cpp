@@ -358,8 +358,8 @@ cfg_element *index_new(cfg *context, cfg_element *element, const char *uuid)
 cfg_element *index_loaded(cfg *context, cfg_element *element, const char *uuid)
 {
     if (element == nullptr || uuid == nullptr) {
-        if (element != nullptr)
-            release_record(element);
+        // Unindexed, so only the record and its value go.
+        cfg_free_element(context, element);
         return nullptr;
     }
     cfg_element *existing = cfg_find_by_id(context, uuid);

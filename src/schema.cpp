@@ -718,6 +718,8 @@ cfg_schema_element *finish_replacement(cfg *context, cfg_schema_element *old,
     cfg_delete_schema_members(context, old);
     if (cfg_get_schema_node(context, old->uuid) == old)
         cfg_delete_schema_elem(&context->schema->elements, old->uuid);
+    if (context->schema->root == old)
+        context->schema->root = fresh;
     cfg_free_schema_element(old);
     return fresh;
 }
@@ -1350,6 +1352,23 @@ extern "C" void cfg_free_schema_element(cfg_schema_element *elem)
     free(elem);
 }
 
+namespace {
+
+// Unmaps elem when the map still points at it, clears the root when elem is
+// the root, and frees it.
+void unmap_and_free(cfg *context, cfg_schema_element *elem)
+{
+    if (context != nullptr && context->schema != nullptr) {
+        if (cfg_get_schema_node(context, elem->uuid) == elem)
+            cfg_delete_schema_elem(&context->schema->elements, elem->uuid);
+        if (context->schema->root == elem)
+            context->schema->root = nullptr;
+    }
+    cfg_free_schema_element(elem);
+}
+
+} // namespace
+
 // Goes one level down: the direct members and conditionals are unmapped and
 // freed (each once, and never elem itself), then elem; elem's own entry is
 // dropped only when it still points at elem, not at a replacement.
@@ -1357,18 +1376,12 @@ extern "C" void cfg_free_schema_element_base(cfg *context, cfg_schema_element *e
 {
     if (elem == nullptr)
         return;
-    cfg_schema_index_entry **map =
-        context != nullptr && context->schema != nullptr ? &context->schema->elements : nullptr;
     for_each_linked_uuid(elem, [&](const char *uuid) {
         cfg_schema_element *child = cfg_get_schema_node(context, uuid);
-        if (child == nullptr || child == elem)
-            return;
-        cfg_delete_schema_elem(map, uuid);
-        cfg_free_schema_element(child);
+        if (child != nullptr && child != elem)
+            unmap_and_free(context, child);
     });
-    if (cfg_get_schema_node(context, elem->uuid) == elem)
-        cfg_delete_schema_elem(map, elem->uuid);
-    cfg_free_schema_element(elem);
+    unmap_and_free(context, elem);
 }
 
 // ------------------------------------------------------------------------
