@@ -73,3 +73,16 @@ TEST(HostileInput, ReplacingTheSchemaRootRepointsTheRoot)
         cfg_validate_data(r.ctx());
     }
 }
+
+// An element without a string id is refused; its decoded value goes with it.
+TEST(HostileInput, ElementWithoutIdIsRefusedWithoutLeaking)
+{
+    for (const char *text : {R"({"type": 4, "value": "text"})", R"({"type": 6, "value": "0a0b"})",
+                             R"({"type": 9, "value": "target"})",
+                             R"({"type": 4, "id": 7, "value": "text"})"}) {
+        context_handle ctx;
+        json_handle object = parse_json(text);
+        EXPECT_EQ(json_to_elem(ctx.get(), object.get()), nullptr) << text;
+        EXPECT_EQ(ctx.get()->elements, nullptr) << text;
+    }
+}
