@@ -86,3 +86,17 @@ TEST(HostileInput, ElementWithoutIdIsRefusedWithoutLeaking)
         EXPECT_EQ(ctx.get()->elements, nullptr) << text;
     }
 }
+
+// Nodes of one schema answer that share an id: the last one wins, and the
+// records it displaced go no later than the schema.
+TEST(HostileInput, SchemaNodesSharingAnIdLeaveNothingBehind)
+{
+    context_handle ctx;
+    json_handle nodes = parse_json(R"({"a": {"id": "x", "type": 1}, "b": {"id": "x", "type": 2},
+                                       "c": {"id": "x", "type": 4}})");
+    json_handle types = parse_json("{}");
+    json_handle root(json_string("x"));
+    EXPECT_EQ(cfg_apply_schema(ctx.get(), nodes.get(), types.get(), root.get()), 1);
+    ASSERT_NE(cfg_schema_root(ctx.get()), nullptr);
+    EXPECT_EQ(cfg_schema_root(ctx.get())->type, CFG_TYPE_STRING);
+}
