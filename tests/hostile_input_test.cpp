@@ -100,3 +100,58 @@ TEST(HostileInput, SchemaNodesSharingAnIdLeaveNothingBehind)
     ASSERT_NE(cfg_schema_root(ctx.get()), nullptr);
     EXPECT_EQ(cfg_schema_root(ctx.get())->type, CFG_TYPE_STRING);
 }
+
+// A schema or tree with a cycle ends validation and default population with
+// a message instead of recursing without end; acyclic recursion still works.
+TEST(HostileInput, CyclesEndValidationAndPopulationWithAMessage)
+{
+    struct cycle_case {
+        const char *what;
+        const char *nodes;
+        const char *tree;
+        const char *message; // null: the input is valid
+    };
+    const char *if_self = R"([".x", "!=", {"type": "string", "id": "v", "value": "z"}])";
+    const std::string if_nodes = std::string(R"({"top": {"id": "top", "type": 8, "conditionals": ["c"]},
+        "c": {"id": "c", "type": 10, "conditionals": ["c"], "expression": )") + if_self + "}}";
+    const cycle_case cases[] = {
+        {"if element among its own conditionals", if_nodes.c_str(),
+         R"([{"id": "root-1", "type": 8, "value": {}}])", "Schema error"},
+        {"map type that requires its own type",
+         R"({"top": {"id": "top", "type": 8, "required": {"again": "top"}}})",
+         R"([{"id": "root-1", "type": 8, "value": {}}])", "Schema error"},
+        {"map that holds itself", R"({"top": {"id": "top", "type": 8, "optional": {"me": "top"}}})",
+         R"([{"id": "root-1", "type": 8, "value": {"me": "root-1"}}])",
+         "Element [root-1] is of the wrong type"},
+        {"list that holds itself",
+         R"({"top": {"id": "top", "type": 8, "optional": {"l": "lt"}},
+             "lt": {"id": "lt", "type": 7, "element_type": "ltype"}})",
+         R"([{"id": "root-1", "type": 8, "value": {"l": "L"}},
+             {"id": "L", "type": 7, "value": ["L"]}])",
+         "Element [L] is of the wrong type"},
+        {"acyclic tree of a recursive type",
+         R"({"top": {"id": "top", "type": 8, "optional": {"me": "top"}}})",
+         R"([{"id": "root-1", "type": 8, "value": {"me": "a"}},
+             {"id": "a", "type": 8, "value": {"me": "b"}}, {"id": "b", "type": 8, "value": {}}])",
+         nullptr},
+    };
+    for (const cycle_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        context_handle ctx;
+        json_handle nodes = parse_json(c.nodes), types = parse_json(R"({"ltype": "lt"})");
+        json_handle root(json_string("top"));
+        cfg_apply_schema(ctx.get(), nodes.get(), types.get(), root.get());
+        json_handle tree = parse_json(c.tree);
+        for (size_t i = 0; i < json_array_size(tree.get()); i++)
+            ASSERT_NE(json_to_elem(ctx.get(), json_array_get(tree.get(), i)), nullptr);
+        cfg_element *top = cfg_root(ctx.get());
+        snprintf(top->schema, sizeof top->schema, "top");
+
+        cfg_populate_defaults(ctx.get(), top, 0);
+        texts expected = c.message != nullptr ? texts{c.message} : texts{};
+        EXPECT_EQ(messages_of(ctx.get()), expected);
+        cfg_free_message_stack(ctx.get());
+        EXPECT_EQ(cfg_validate_data(ctx.get()), c.message == nullptr ? 1 : 0);
+        EXPECT_EQ(messages_of(ctx.get()), expected);
+    }
+}
