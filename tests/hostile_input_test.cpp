@@ -101,6 +101,38 @@ TEST(HostileInput, SchemaNodesSharingAnIdLeaveNothingBehind)
     EXPECT_EQ(cfg_schema_root(ctx.get())->type, CFG_TYPE_STRING);
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+#define ZR_TEST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZR_TEST_ASAN 1
+#endif
+#endif
+
+// Index entries come from the library's own pool; a stale one must still be
+// caught by AddressSanitizer as a malloc'd one would be.
+TEST(HostileInput, StaleIndexEntryIsReportedUnderAddressSanitizer)
+{
+#ifndef ZR_TEST_ASAN
+    GTEST_SKIP() << "needs the AddressSanitizer build";
+#else
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    context_handle ctx;
+    cfg_element *element = cfg_new_string_with_id(ctx.get(), "gone", "s");
+    cfg_new_string_with_id(ctx.get(), "kept", "t"); // keeps the slab alive
+    cfg_index_entry *entry = ctx.get()->elements;
+    ASSERT_EQ(entry->element, element);
+    cfg_delete_elem(ctx.get(), element);
+    EXPECT_DEATH(
+        {
+            volatile cfg_element *stale = entry->element;
+            (void)stale;
+        },
+        "use-after-poison");
+    cfg_free_element(ctx.get(), element);
+#endif
+}
+
 // A schema or tree with a cycle ends validation and default population with
 // a message instead of recursing without end; acyclic recursion still works.
 TEST(HostileInput, CyclesEndValidationAndPopulationWithAMessage)
