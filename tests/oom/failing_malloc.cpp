@@ -12,6 +12,7 @@ namespace {
 
 thread_local long countdown = 0; // 0: disarmed
 thread_local bool reached = false;
+thread_local size_t largest = 0;
 
 using malloc_fn = void *(*)(size_t);
 using calloc_fn = void *(*)(size_t, size_t);
@@ -40,9 +41,12 @@ void resolve()
     resolving = false;
 }
 
-bool fails_now()
+bool fails_now(size_t size)
 {
-    if (countdown == 0 || --countdown != 0)
+    if (countdown == 0)
+        return false;
+    largest = size > largest ? size : largest;
+    if (--countdown != 0)
         return false;
     reached = true;
     // OOM_TRACE=1 shows where each failing allocation was asked for.
@@ -66,6 +70,7 @@ void oom::arm(long nth)
 {
     resolve();
     reached = false;
+    largest = 0;
     countdown = nth;
 }
 
@@ -79,10 +84,15 @@ bool oom::last_run_failed()
     return reached;
 }
 
+size_t oom::largest_request()
+{
+    return largest;
+}
+
 extern "C" void *malloc(size_t size)
 {
     resolve();
-    return fails_now() ? nullptr : next_malloc(size);
+    return fails_now(size) ? nullptr : next_malloc(size);
 }
 
 extern "C" void *calloc(size_t count, size_t size)
@@ -96,13 +106,13 @@ extern "C" void *calloc(size_t count, size_t size)
         bootstrap_used += bytes;
         return p;
     }
-    return fails_now() ? nullptr : next_calloc(count, size);
+    return fails_now(count * size) ? nullptr : next_calloc(count, size);
 }
 
 extern "C" void *realloc(void *pointer, size_t size)
 {
     resolve();
-    return fails_now() ? nullptr : next_realloc(pointer, size);
+    return fails_now(size) ? nullptr : next_realloc(pointer, size);
 }
 
 extern "C" void free(void *pointer)

@@ -17,5 +17,7 @@ void arm(long nth);
 void disarm();
 // Whether the last armed section reached its failing allocation.
 bool last_run_failed();
+// The largest single allocation asked for in the last armed section.
+size_t largest_request();
 
 } // namespace oom

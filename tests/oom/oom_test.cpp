@@ -11,6 +11,8 @@
 #include "failing_malloc.h"
 #include "scripted_daemon.h"
 
+#include <climits>
+
 using namespace zrtest;
 
 namespace {
@@ -145,4 +147,20 @@ TEST(OutOfMemory, Commit)
                   },
                   true),
               0);
+}
+
+// A frame that announces 2 GiB and brings a few bytes costs a few bytes: the
+// receive buffer grows with what arrives, not with what is announced.
+TEST(OutOfMemory, AnnouncedFrameLengthIsNotReserved)
+{
+    scripted_daemon daemon({step::truncated(0x7FFFFFFFu, R"({"result": )"), step::close()});
+    client_context ctx(daemon);
+    testing::internal::CaptureStderr();
+    oom::arm(LONG_MAX);
+    json_handle value(cfg_receive(ctx.socket));
+    oom::disarm();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "cfg_receive read data unexpected peer close\n");
+    EXPECT_EQ(value, nullptr);
+    EXPECT_LE(oom::largest_request(), 1u << 20);
 }
