@@ -59,68 +59,50 @@ template <typename Decode> bool decode_failing_at(long n, const char *text, Deco
 
 } // namespace
 
-TEST(OutOfMemory, ElementDecoders)
-{
-    const char *elements[] = {
-        R"({"id": "s", "type": 4, "value": "text", "generation": 2, "schema": "x",
-            "parents": [{"type": "map", "map": "m", "name": "k"},
-                        {"type": "list", "list": "l", "index": 1}]})",
-        R"({"id": "b", "type": 6, "value": "00ff10"})",
-        R"({"id": "l", "type": 7, "value": ["a", "b", "c"]})",
-        R"({"id": "m", "type": 8, "value": {"x": "a", "y": "b"}})",
-        R"({"id": "r", "type": 9, "value": "warm"})",
-    };
-    for (const char *text : elements) {
-        SCOPED_TRACE(text);
-        EXPECT_GT(sweep([&](long n) {
-                      return decode_failing_at(n, text, [](cfg *c, json_t *j) {
-                          return json_to_elem(c, j) != nullptr;
-                      });
-                  }),
-                  0);
-    }
-}
-
-TEST(OutOfMemory, SchemaDecoders)
-{
-    const char *nodes[] = {
-        R"({"id": "m", "type": 8, "generation": 3, "tags": {"a": "1", "b": "2"},
-            "required": {"x": "u1"}, "optional": {"y": "u2"}, "deprecated": {"z": "u3"},
-            "conditionals": ["c1", "c2"],
-            "validators": [{"validator": "unique", "parameters": ["p"], "paths": [".x"]}]})",
-        R"({"id": "s", "type": 4, "min_length": 1, "max_length": 9, "regex": "^a",
-            "default": "ab", "allowed": ["ab", "ac"]})",
-        R"({"id": "i", "type": 10, "eval_priority": 2, "required": {"k": "u"},
-            "expression": [".x", "==", {"type": "string", "id": "v", "value": "on"}]})",
-        R"({"id": "l", "type": 7, "element_type": "named"})",
-    };
-    for (const char *text : nodes) {
-        SCOPED_TRACE(text);
-        EXPECT_GT(sweep([&](long n) {
-                      return decode_failing_at(n, text, [](cfg *c, json_t *j) {
-                          return json_to_schema_elem(c, j) != nullptr;
-                      });
-                  }),
-                  0);
-    }
-}
-
 // An argument that runs out of memory is left out of its message, as any
-// bad argument is; the message itself still comes back.
-TEST(OutOfMemory, MessageDecoder)
+// bad argument is: the message itself still comes back then.
+TEST(OutOfMemory, Decoders)
 {
-    const char *text = R"({"code": 13, "args": [{"key": "uuid", "value": "u"},
-                                                     {"key": "value", "value": "v"}]})";
-    EXPECT_GT(sweep([&](long n) {
-                  return decode_failing_at(n, text, [](cfg *, json_t *j) {
-                      cfg_message *message = json_to_config_message(j);
-                      bool decoded = message != nullptr;
-                      cfg_free_message(&message);
-                      return decoded;
-                  });
-              },
-              true),
-              0);
+    using decoder = bool (*)(cfg *, json_t *);
+    decoder element = [](cfg *c, json_t *j) { return json_to_elem(c, j) != nullptr; };
+    decoder schema = [](cfg *c, json_t *j) { return json_to_schema_elem(c, j) != nullptr; };
+    decoder message = [](cfg *, json_t *j) {
+        cfg_message *decoded = json_to_config_message(j);
+        bool made = decoded != nullptr;
+        cfg_free_message(&decoded);
+        return made;
+    };
+    struct decode_case {
+        decoder decode;
+        const char *text;
+        bool failure_may_succeed = false;
+    };
+    const decode_case cases[] = {
+        {element, R"({"id": "s", "type": 4, "value": "text", "generation": 2, "schema": "x",
+                      "parents": [{"type": "map", "map": "m", "name": "k"},
+                                  {"type": "list", "list": "l", "index": 1}]})"},
+        {element, R"({"id": "b", "type": 6, "value": "00ff10"})"},
+        {element, R"({"id": "l", "type": 7, "value": ["a", "b", "c"]})"},
+        {element, R"({"id": "m", "type": 8, "value": {"x": "a", "y": "b"}})"},
+        {element, R"({"id": "r", "type": 9, "value": "warm"})"},
+        {schema, R"({"id": "m", "type": 8, "generation": 3, "tags": {"a": "1", "b": "2"},
+                     "required": {"x": "u1"}, "optional": {"y": "u2"}, "deprecated": {"z": "u3"},
+                     "conditionals": ["c1", "c2"], "validators": [{"validator": "unique",
+                     "parameters": ["p"], "paths": [".x"]}]})"},
+        {schema, R"({"id": "s", "type": 4, "min_length": 1, "max_length": 9, "regex": "^a",
+                     "default": "ab", "allowed": ["ab", "ac"]})"},
+        {schema, R"({"id": "i", "type": 10, "eval_priority": 2, "required": {"k": "u"},
+                     "expression": [".x", "==", {"type": "string", "id": "v", "value": "on"}]})"},
+        {schema, R"({"id": "l", "type": 7, "element_type": "named"})"},
+        {message, R"({"code": 13, "args": [{"key": "uuid", "value": "u"},
+                                           {"key": "value", "value": "v"}]})", true},
+    };
+    for (const decode_case &c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_GT(sweep([&](long n) { return decode_failing_at(n, c.text, c.decode); },
+                        c.failure_may_succeed),
+                  0);
+    }
 }
 
 // Once the daemon has taken the push, the commit stands even when settling
