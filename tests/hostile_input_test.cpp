@@ -125,7 +125,7 @@ TEST(HostileInput, StaleIndexEntryIsReportedUnderAddressSanitizer)
     cfg_delete_elem(ctx.get(), element);
     EXPECT_DEATH(
         {
-            volatile cfg_element *stale = entry->element;
+            cfg_element *volatile stale = entry->element;
             (void)stale;
         },
         "use-after-poison");
