@@ -429,8 +429,9 @@ bool read_length(int socket, uint32_t *length, const frame_deadline &deadline)
     return true;
 }
 
-// The payload buffer grows with what arrives, never ahead of it by more than
-// one chunk: an announced length costs nothing until its bytes come.
+// The payload buffer grows with what arrives: it is at most one chunk or
+// twice the bytes received, whichever is more, so an announced length costs
+// nothing until its bytes come.
 constexpr size_t payload_chunk = 64 * 1024;
 
 bool grow_payload(zr::cstr_ptr &buffer, size_t size)
