@@ -11,6 +11,7 @@
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <unordered_set>
 #include <vector>
 
 using zr::json_ptr;
@@ -200,17 +201,35 @@ extern "C" cfg_element *cfg_fetch_by_path(cfg *ctx, const char *path)
     return held != nullptr ? held : json_to_elem(ctx, element);
 }
 
+namespace {
+
+// Loads one schema node. A node whose id an earlier node of the same answer
+// already loaded displaces that record, which nothing else can hold yet:
+// it is freed here rather than left for no one to release.
+void load_schema_node(cfg *ctx, json_t *node, std::unordered_set<cfg_schema_element *> &loaded)
+{
+    const char *id = json_string_value(json_object_get(node, "id"));
+    cfg_schema_element *before = cfg_get_schema_node(ctx, id);
+    cfg_schema_element *elem = json_to_schema_elem(ctx, node);
+    if (elem == nullptr)
+        return;
+    elem->flags = 0;
+    loaded.insert(elem);
+    if (before != nullptr && before != elem && cfg_get_schema_node(ctx, id) != before &&
+        loaded.erase(before) == 1)
+        cfg_free_schema_element(before);
+}
+
+} // namespace
+
 // Loads the schema nodes, sets the root and registers the type names.
 extern "C" int cfg_apply_schema(cfg *ctx, json_t *nodes, json_t *types, json_t *root)
 {
     const char *key;
     json_t *value;
+    std::unordered_set<cfg_schema_element *> loaded;
     json_object_foreach(nodes, key, value)
-    {
-        cfg_schema_element *elem = json_to_schema_elem(ctx, value);
-        if (elem != nullptr)
-            elem->flags = 0;
-    }
+        load_schema_node(ctx, value, loaded);
     if (ctx != nullptr && ctx->schema != nullptr)
         ctx->schema->root = cfg_get_schema_node(ctx, json_string_value(root));
     json_object_foreach(types, key, value)

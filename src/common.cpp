@@ -3,6 +3,7 @@
 #define ZR_SOURCE "src/common"
 #include "internal.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
@@ -12,6 +13,7 @@
 #include <ctime>
 #include <ossp/uuid.h>
 #include <pcre.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -322,15 +324,21 @@ bool write_frame(int socket, const char *frame, size_t total)
     return true;
 }
 
-// Sets the receive time-out. The microseconds are the millisecond remainder
-// divided by ten (1500 ms gives 1 s and 50 us); 0 or less waits without limit.
-bool set_receive_timeout(int socket, int timeout_ms)
+// The receive time-out of the library's rule: the microseconds are the
+// millisecond remainder divided by ten (1500 ms gives 1 s and 50 us); a
+// zero value waits without limit.
+struct timeval receive_timeout(int timeout_ms)
 {
     struct timeval timeout = {0, 0};
     if (timeout_ms > 0) {
         timeout.tv_sec = timeout_ms / 1000;
         timeout.tv_usec = (timeout_ms % 1000) / 10;
     }
+    return timeout;
+}
+
+bool set_receive_timeout(int socket, const struct timeval &timeout)
+{
     if (setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0) {
         fprintf(stderr, "cfg_receive sockopt failed: %s\n", strerror(errno));
         return false;
@@ -338,17 +346,67 @@ bool set_receive_timeout(int socket, int timeout_ms)
     return true;
 }
 
+// The time-out of a call covers its whole frame: a peer that trickles bytes
+// cannot restart it with every read. Without a time-out it never expires.
+struct frame_deadline {
+    bool limited = false;
+    struct timespec at = {0, 0};
+
+    explicit frame_deadline(const struct timeval &timeout)
+    {
+        if (timeout.tv_sec == 0 && timeout.tv_usec == 0)
+            return;
+        limited = true;
+        clock_gettime(CLOCK_MONOTONIC, &at);
+        at.tv_sec += timeout.tv_sec;
+        at.tv_nsec += timeout.tv_usec * 1000;
+        if (at.tv_nsec >= 1000000000) {
+            at.tv_sec++;
+            at.tv_nsec -= 1000000000;
+        }
+    }
+
+    // Waits until the socket has bytes or the frame's time is up; false
+    // (errno EAGAIN) when it is up and nothing more has come. Bytes already
+    // there are always taken.
+    bool wait_readable(int socket) const
+    {
+        for (;;) {
+            struct timespec now;
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            long long left_ms = (at.tv_sec - now.tv_sec) * 1000LL +
+                                (at.tv_nsec - now.tv_nsec + 999999) / 1000000;
+            left_ms = std::clamp(left_ms, 0LL, 1000000LL);
+            struct pollfd waiting = {socket, POLLIN, 0};
+            int ready = poll(&waiting, 1, static_cast<int>(left_ms));
+            if (ready > 0)
+                return true;
+            if (ready < 0 && errno != EINTR)
+                return false;
+            if (ready == 0 && left_ms == 0) {
+                errno = EAGAIN;
+                return false;
+            }
+        }
+    }
+};
+
 enum class read_status { ok, failed, closed };
 
-// Fills size bytes of buffer from the socket, retrying after signals. A read
-// that comes up short is continued at the byte offset received so far, never
-// at a scaled index that would land past the end of a 4-byte prefix.
-read_status read_exactly(int socket, char *buffer, size_t size)
+// Fills size bytes of buffer from the socket before the deadline, retrying
+// after signals. A short read is continued at the byte offset received so
+// far, never at a scaled index past the end of a 4-byte prefix.
+read_status read_exactly(int socket, char *buffer, size_t size, const frame_deadline &deadline)
 {
     size_t received = 0;
+    // Under a deadline each read takes what has come, so that a trickle
+    // cannot hold one read open past it.
+    int flags = deadline.limited ? MSG_DONTWAIT : MSG_WAITALL;
     while (received < size) {
-        ssize_t n = recv(socket, buffer + received, size - received, MSG_WAITALL);
-        if (n < 0 && errno == EINTR)
+        if (deadline.limited && !deadline.wait_readable(socket))
+            return read_status::failed;
+        ssize_t n = recv(socket, buffer + received, size - received, flags);
+        if (n < 0 && (errno == EINTR || (deadline.limited && errno == EAGAIN)))
             continue;
         if (n < 0)
             return read_status::failed;
@@ -361,9 +419,10 @@ read_status read_exactly(int socket, char *buffer, size_t size)
 
 // Reads size bytes of one part of a frame ("len" or "data"); false after
 // printing why it failed.
-bool read_part(int socket, char *buffer, size_t size, const char *part)
+bool read_part(int socket, char *buffer, size_t size, const char *part,
+               const frame_deadline &deadline)
 {
-    switch (read_exactly(socket, buffer, size)) {
+    switch (read_exactly(socket, buffer, size, deadline)) {
     case read_status::failed:
         fprintf(stderr, "cfg_receive read %s failed: %s\n", part, strerror(errno));
         return false;
@@ -376,32 +435,53 @@ bool read_part(int socket, char *buffer, size_t size, const char *part)
     return true;
 }
 
-bool read_length(int socket, uint32_t *length)
+bool read_length(int socket, uint32_t *length, const frame_deadline &deadline)
 {
     uint32_t network_order;
-    if (!read_part(socket, reinterpret_cast<char *>(&network_order), frame_prefix_size, "len"))
+    if (!read_part(socket, reinterpret_cast<char *>(&network_order), frame_prefix_size, "len",
+                   deadline))
         return false;
     *length = ntohl(network_order);
     return true;
 }
 
+// The payload buffer grows with what arrives: it is at most one chunk or
+// twice the bytes received, whichever is more, so an announced length costs
+// nothing until its bytes come.
+constexpr size_t payload_chunk = 64 * 1024;
+
+bool grow_payload(zr::cstr_ptr &buffer, size_t size)
+{
+    auto *grown = static_cast<char *>(realloc(buffer.get(), size));
+    if (grown == nullptr) {
+        fprintf(stderr, "cfg_receive response buffer allocate failed: %s\n", strerror(errno));
+        return false;
+    }
+    buffer.release();
+    buffer.reset(grown);
+    return true;
+}
+
 // Reads a payload of length bytes into a new NUL-terminated buffer, or
 // returns null after printing why it failed.
-zr::cstr_ptr read_payload(int socket, uint32_t length)
+zr::cstr_ptr read_payload(int socket, uint32_t length, const frame_deadline &deadline)
 {
     // A length of 0xFFFFFFFF would wrap the 32-bit buffer size to 0: refuse
     // it as an allocation that cannot be made.
-    uint32_t buffer_size = length + 1;
-    zr::cstr_ptr buffer(buffer_size != 0 ? static_cast<char *>(calloc(buffer_size, 1))
-                                         : nullptr);
-    if (buffer == nullptr) {
-        if (buffer_size == 0)
-            errno = ENOMEM;
-        fprintf(stderr, "cfg_receive response buffer allocate failed: %s\n", strerror(errno));
+    if (length == UINT32_MAX) {
+        fprintf(stderr, "cfg_receive response buffer allocate failed: %s\n", strerror(ENOMEM));
         return nullptr;
     }
-    if (!read_part(socket, buffer.get(), length, "data"))
-        return nullptr;
+    zr::cstr_ptr buffer;
+    size_t received = 0;
+    while (received < length) {
+        size_t part = std::min<size_t>(length - received, std::max(received, payload_chunk));
+        if (!grow_payload(buffer, received + part + 1) ||
+            !read_part(socket, buffer.get() + received, part, "data", deadline))
+            return nullptr;
+        received += part;
+    }
+    buffer.get()[length] = '\0';
     return buffer;
 }
 
@@ -434,16 +514,18 @@ extern "C" int cfg_send(int socket, json_t *value)
 // Receives one frame; a new reference to its JSON value, or null.
 extern "C" json_t *cfg_receive_timeout(int socket, int timeout_ms)
 {
-    if (!set_receive_timeout(socket, timeout_ms))
+    struct timeval timeout = receive_timeout(timeout_ms);
+    if (!set_receive_timeout(socket, timeout))
         return nullptr;
+    frame_deadline deadline(timeout);
     uint32_t length = 0;
-    if (!read_length(socket, &length))
+    if (!read_length(socket, &length, deadline))
         return nullptr;
     if (length == 0) {
         fprintf(stderr, "cfg_receive response len <= 0\n");
         return nullptr;
     }
-    zr::cstr_ptr payload = read_payload(socket, length);
+    zr::cstr_ptr payload = read_payload(socket, length, deadline);
     if (payload == nullptr)
         return nullptr;
     json_error_t error;
@@ -574,9 +656,12 @@ bool apply_local_item(cfg *ctx, json_t *item, const changeset_item &read, int fl
     return flag == CFG_FLAG_DELETED || load_with_flag(ctx, item, flag);
 }
 
-// Drops a schema element from the uuid map and frees it.
+// Drops a schema element from the uuid map and frees it; a root that goes
+// leaves the schema without one until its replacement is loaded.
 void free_mapped_schema_element(cfg *ctx, cfg_schema_element *elem)
 {
+    if (ctx->schema->root == elem)
+        ctx->schema->root = nullptr;
     cfg_delete_schema_elem(&ctx->schema->elements, elem->uuid);
     cfg_free_schema_element(elem);
 }
@@ -590,6 +675,7 @@ bool apply_schema_item(cfg *ctx, json_t *item, const changeset_item &read, int f
         cfg_delete_schema_element(ctx, existing);
         return true;
     }
+    bool replaces_root = existing != nullptr && ctx->schema->root == existing;
     if (flag == CFG_FLAG_CHANGED) {
         // A change to an unknown schema element is refused rather than read.
         if (existing == nullptr ||
@@ -607,6 +693,8 @@ bool apply_schema_item(cfg *ctx, json_t *item, const changeset_item &read, int f
     if (loaded == nullptr)
         return false;
     loaded->flags = static_cast<unsigned int>(flag);
+    if (replaces_root)
+        ctx->schema->root = loaded;
     return true;
 }
 

@@ -260,8 +260,10 @@ cfg_link *append_link(cfg_link **head, Index &index, const char *uuid,
     if (link == nullptr)
         return nullptr;
     link->index = position;
-    if (name != nullptr)
-        link->name = strdup(name);
+    if (name != nullptr && (link->name = strdup(name)) == nullptr) {
+        free_link_record(link);
+        return nullptr;
+    }
     cfg_link *node = append_indexed(head, index, link);
     if (node == nullptr)
         free_link_record(link);
@@ -358,8 +360,8 @@ cfg_element *index_new(cfg *context, cfg_element *element, const char *uuid)
 cfg_element *index_loaded(cfg *context, cfg_element *element, const char *uuid)
 {
     if (element == nullptr || uuid == nullptr) {
-        if (element != nullptr)
-            release_record(element);
+        // Unindexed, so only the record and its value go.
+        cfg_free_element(context, element);
         return nullptr;
     }
     cfg_element *existing = cfg_find_by_id(context, uuid);
@@ -662,9 +664,15 @@ extern "C" int update_reference(cfg *context, cfg_element *reference, const char
     cfg_element *target = cfg_get_by_id(context, target_uuid);
     if (target == nullptr)
         return 0;
-    append_parent(target, reference->uuid, CFG_TYPE_REFERENCE, 0, nullptr);
     reference->value.string_value = strdup(target_uuid);
-    return reference->value.string_value != nullptr ? 1 : 0;
+    if (reference->value.string_value == nullptr)
+        return 0;
+    if (append_parent(target, reference->uuid, CFG_TYPE_REFERENCE, 0, nullptr) == nullptr) {
+        free(reference->value.string_value);
+        reference->value.string_value = nullptr;
+        return 0;
+    }
+    return 1;
 }
 
 // ---- Lists and maps as values ----

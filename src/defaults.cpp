@@ -5,6 +5,7 @@
 // uuid and key, so independent runs over the same tree agree.
 #define ZR_SOURCE "src/defaults"
 #include "internal.h"
+#include "walk.h"
 
 #include <algorithm>
 #include <cstring>
@@ -17,19 +18,27 @@ constexpr int required_members = 0;
 constexpr int optional_members = 1;
 
 // One population run: its mode and the elements being populated, from the
-// top down to the current one.
+// top down to the current one. A cycle in the tree or schema ends the run.
 struct population {
     cfg *context;
     bool deterministic;
-    std::vector<cfg_element *> walk;
+    zr::schema_walk walk{};
+    bool stopped = false;
 
-    bool in_walk(const cfg_element *element) const
+    bool in_walk(const cfg_element *element) const { return walk.holds(element); }
+    // Whether fault (if any) ended the run; its message is pushed once.
+    bool ends_run(zr::walk_fault fault, const cfg_element *element)
     {
-        return std::find(walk.begin(), walk.end(), element) != walk.end();
+        if (fault == zr::walk_fault::none)
+            return false;
+        zr::schema_walk::report(context, fault, element);
+        stopped = true;
+        return true;
     }
 };
 
-void populate_node(population &run, cfg_element *element, cfg_schema_element *schema);
+void populate_node(population &run, cfg_element *element, cfg_schema_element *schema,
+                   bool created = false);
 void populate_members(population &run, cfg_element *map, cfg_schema_element *schema);
 
 // The uuid derived for key below map, or false when it would not fit in a
@@ -97,16 +106,17 @@ cfg_element *add_default_member(population &run, cfg_element *map, const char *k
     return created;
 }
 
-// The member under key, created first when it is required and missing; null
-// when there is (or can be) no element to recurse into.
+// The member under key, created first (and created set) when it is required
+// and missing; null when there is (or can be) no element to recurse into.
 cfg_element *member_for_key(population &run, cfg_element *map, const char *key,
-                            cfg_schema_element *schema, int which)
+                            cfg_schema_element *schema, int which, bool &created)
 {
     const char *held = cfg_get_mapelem(map, key);
     if (held != nullptr)
         return cfg_get_by_id(run.context, held);
     if (which != required_members)
         return nullptr;
+    created = true;
     return run.deterministic ? add_derived_member(run, map, key, schema)
                              : add_default_member(run, map, key, schema);
 }
@@ -118,15 +128,16 @@ void populate_kind(population &run, cfg_element *map, cfg_schema_element *schema
     int count = 0;
     if (!cfg_schema_map_keys(schema, which, &keys, &count) || keys == nullptr)
         return;
-    for (int i = 0; i < count; i++) {
+    for (int i = 0; i < count && !run.stopped; i++) {
         const char *member_id = cfg_get_schema_mapelem(schema, which, keys[i]);
         cfg_schema_element *member_schema =
             member_id != nullptr ? cfg_get_schema_by_id(run.context, member_id) : nullptr;
         if (member_schema == nullptr)
             continue;
-        cfg_element *member = member_for_key(run, map, keys[i], member_schema, which);
+        bool created = false;
+        cfg_element *member = member_for_key(run, map, keys[i], member_schema, which, created);
         if (member != nullptr)
-            populate_node(run, member, member_schema);
+            populate_node(run, member, member_schema, created);
     }
     for (int i = 0; i < count; i++)
         free(keys[i]);
@@ -135,8 +146,11 @@ void populate_kind(population &run, cfg_element *map, cfg_schema_element *schema
 
 void populate_conditional(population &run, cfg_element *map, cfg_schema_element *if_elem)
 {
-    if (evaluate_if(run.context, map, if_elem))
-        populate_members(run, map, if_elem);
+    if (!evaluate_if(run.context, map, if_elem) ||
+        run.ends_run(run.walk.enter_conditional(map, if_elem), map))
+        return;
+    populate_members(run, map, if_elem);
+    run.walk.leave();
 }
 
 // Optional members, required members, then every conditional in order.
@@ -147,7 +161,7 @@ void populate_members(population &run, cfg_element *map, cfg_schema_element *sch
     int conditionals = 0;
     if (!cfg_schema_map_conditional_size(schema, &conditionals))
         return;
-    for (int i = 0; i < conditionals; i++) {
+    for (int i = 0; i < conditionals && !run.stopped; i++) {
         const char *if_id = cfg_get_schema_map_conditionalelem(schema, i);
         cfg_schema_element *if_elem =
             if_id != nullptr ? cfg_get_schema_by_id(run.context, if_id) : nullptr;
@@ -177,7 +191,7 @@ void populate_items(population &run, cfg_element *list, cfg_schema_element *sche
     cfg_schema_element *item_schema = named_item_schema(run.context, schema);
     if (item_schema == nullptr)
         return;
-    for (int i = 0;; i++) {
+    for (int i = 0; !run.stopped; i++) {
         const char *uuid = cfg_get_listelem(list, i);
         if (uuid == nullptr)
             break;
@@ -187,7 +201,7 @@ void populate_items(population &run, cfg_element *list, cfg_schema_element *sche
     }
     unsigned int pending = 0;
     cfg_list_future_size(list, &pending);
-    for (unsigned int i = 0; i < pending; i++) {
+    for (unsigned int i = 0; i < pending && !run.stopped; i++) {
         const char *uuid = cfg_get_future_listelem(list, i);
         cfg_element *item = uuid != nullptr ? cfg_get_by_id(run.context, uuid) : nullptr;
         if (item != nullptr)
@@ -195,22 +209,26 @@ void populate_items(population &run, cfg_element *list, cfg_schema_element *sche
     }
 }
 
-// Runs body with element on the walk.
-template <typename Body> void within(population &run, cfg_element *element, Body body)
+// Runs body with element on the walk, unless entering it closes a cycle.
+template <typename Body>
+void within(population &run, cfg_element *element, const cfg_schema_element *schema,
+            bool created, Body body)
 {
-    run.walk.push_back(element);
+    if (run.ends_run(run.walk.enter_member(element, schema, created), element))
+        return;
     body();
-    run.walk.pop_back();
+    run.walk.leave();
 }
 
-void populate_node(population &run, cfg_element *element, cfg_schema_element *schema)
+void populate_node(population &run, cfg_element *element, cfg_schema_element *schema,
+                   bool created)
 {
     if (element == nullptr || schema == nullptr ||
         element->type != static_cast<unsigned int>(schema->type))
         return;
     memcpy(element->schema, schema->uuid, CFG_UUID_SIZE);
     element->schema[CFG_UUID_SIZE - 1] = '\0';
-    within(run, element, [&] {
+    within(run, element, schema, created, [&] {
         if (element->type == CFG_TYPE_MAP)
             populate_members(run, element, schema);
         else if (element->type == CFG_TYPE_LIST)
@@ -218,14 +236,19 @@ void populate_node(population &run, cfg_element *element, cfg_schema_element *sc
     });
 }
 
-// Runs one population from an exported entry point.
+// Runs one population from an exported entry point; element is put on the
+// walk first unless body enters it itself.
 template <typename Body>
-void run_population(cfg *context, cfg_element *element, int deterministic, Body body)
+void run_population(cfg *context, cfg_element *element, int deterministic, bool body_enters,
+                    Body body)
 {
     if (context == nullptr || element == nullptr)
         return;
-    population run{context, deterministic != 0, {}};
-    within(run, element, [&] { body(run); });
+    population run{context, deterministic != 0};
+    if (body_enters)
+        body(run);
+    else
+        within(run, element, nullptr, false, [&] { body(run); });
 }
 
 } // namespace
@@ -283,7 +306,7 @@ extern "C" cfg_element *cfg_create_default(cfg *context, cfg_schema_element *sch
 extern "C" void cfg_populate_node(cfg *context, cfg_element *element, cfg_schema_element *schema,
                                   int deterministic)
 {
-    run_population(context, element, deterministic,
+    run_population(context, element, deterministic, true,
                    [&](population &run) { populate_node(run, element, schema); });
 }
 
@@ -292,7 +315,7 @@ extern "C" void cfg_populate_map(cfg *context, cfg_element *map, cfg_schema_elem
 {
     if (map == nullptr || map->type != CFG_TYPE_MAP)
         return;
-    run_population(context, map, deterministic,
+    run_population(context, map, deterministic, false,
                    [&](population &run) { populate_members(run, map, schema); });
 }
 
@@ -301,7 +324,7 @@ extern "C" void cfg_populate_list(cfg *context, cfg_element *list, cfg_schema_el
 {
     if (list == nullptr || list->type != CFG_TYPE_LIST)
         return;
-    run_population(context, list, deterministic,
+    run_population(context, list, deterministic, false,
                    [&](population &run) { populate_items(run, list, schema); });
 }
 
@@ -310,7 +333,7 @@ extern "C" void cfg_populate_if(cfg *context, cfg_element *map, cfg_schema_eleme
 {
     if (map == nullptr || map->type != CFG_TYPE_MAP)
         return;
-    run_population(context, map, deterministic,
+    run_population(context, map, deterministic, false,
                    [&](population &run) { populate_conditional(run, map, if_elem); });
 }
 

@@ -10,6 +10,26 @@
 #include <cstring>
 #include <mutex>
 
+// Slots the pool holds free are poisoned under AddressSanitizer, so that an
+// entry used after cfg_delete_elem or cfg_free_element is reported as it
+// would be for a malloc'd one. Elsewhere the two calls do nothing.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZR_POOL_ASAN 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define ZR_POOL_ASAN 1
+#endif
+#ifdef ZR_POOL_ASAN
+#include <sanitizer/asan_interface.h>
+#define ZR_POISON(address, size) ASAN_POISON_MEMORY_REGION((address), (size))
+#define ZR_UNPOISON(address, size) ASAN_UNPOISON_MEMORY_REGION((address), (size))
+#else
+#define ZR_POISON(address, size) ((void)(address), (void)(size))
+#define ZR_UNPOISON(address, size) ((void)(address), (void)(size))
+#endif
+
 namespace {
 
 constexpr size_t slab_bytes = 64 * 1024;
@@ -119,6 +139,7 @@ slab *new_slab()
         exit(-1);
     *s = slab{};
     s->fresh = first_slot;
+    ZR_POISON(&slots_of(s)[first_slot], usable_slots * sizeof(slot));
     register_slab(s);
     open_slab(s, true);
     return s;
@@ -126,10 +147,10 @@ slab *new_slab()
 
 slot *take_slot(slab *s)
 {
-    if (s->free_slots == nullptr)
-        return &slots_of(s)[s->fresh++];
-    slot *taken = s->free_slots;
-    s->free_slots = taken->next_free;
+    slot *taken = s->free_slots != nullptr ? s->free_slots : &slots_of(s)[s->fresh++];
+    ZR_UNPOISON(taken, sizeof *taken);
+    if (taken == s->free_slots)
+        s->free_slots = taken->next_free;
     return taken;
 }
 
@@ -160,10 +181,12 @@ void zr::free_index_entry(cfg_index_entry *entry)
     auto *freed = reinterpret_cast<slot *>(entry);
     freed->next_free = s->free_slots;
     s->free_slots = freed;
+    ZR_POISON(freed, sizeof *freed);
     if (--s->live == 0) {
         if (s->open)
             close_slab(s);
         unregister_slab(s);
+        ZR_UNPOISON(s, slab_bytes);
         free(s);
     } else if (!s->open) {
         open_slab(s, false);

@@ -68,6 +68,9 @@ void free_index_entry(cfg_index_entry *entry);
 // renamed (or the context has no connection).
 const char *mapped_id(cfg *ctx, const char *id);
 
+// Frees a validator and everything it owns; always nullptr.
+cfg_schema_validator *free_schema_validator(cfg_schema_validator *validator);
+
 // The member at position of list as the context's get_by_id hook finds it;
 // null past the end.
 cfg_element *list_member(cfg *context, cfg_element *list, size_t position);

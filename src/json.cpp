@@ -1,5 +1,9 @@
 // JSON codecs: messages and their arguments.
 #define ZR_SOURCE "src/json"
+// An argument table that cannot grow leaves the argument out (and says so
+// through the flag hash_oom at the adding site) instead of ending the process.
+#define HASH_NONFATAL_OOM 1
+#define uthash_nonfatal_oom(obj) (hash_oom = true)
 #include "internal.h"
 
 #include <cerrno>
@@ -81,6 +85,10 @@ extern "C" cfg_message_arg *json_to_config_message_arg(json_t *json)
         return nullptr;
     }
     arg->key = strdup(json_string_value(key));
+    if (arg->key == nullptr) {
+        free_decoded_arg(arg);
+        return nullptr;
+    }
     json_t *value = json_object_get(json, "value");
     if (value == nullptr) {
         ZR_LOG(LOG_ERR, "getting config message arg: value gave null object (key was %s)",
@@ -97,6 +105,10 @@ extern "C" cfg_message_arg *json_to_config_message_arg(json_t *json)
         return nullptr;
     }
     arg->value = strdup(json_string_value(value));
+    if (arg->value == nullptr) {
+        free_decoded_arg(arg);
+        return nullptr;
+    }
     return arg;
 }
 
@@ -116,11 +128,13 @@ extern "C" cfg_message *json_to_config_message(json_t *json)
     json_array_foreach(args, i, item)
     {
         cfg_message_arg *arg = json_to_config_message_arg(item);
-        if (arg == nullptr) {
+        bool hash_oom = false;
+        if (arg != nullptr)
+            HASH_ADD_KEYPTR(hh, msg->args, arg->key, strlen(arg->key), arg);
+        if (arg == nullptr || hash_oom) {
+            free_decoded_arg(arg);
             ZR_LOG(LOG_ERR, "adding arg to message failed (message code=%d)", msg->code);
-            continue;
         }
-        HASH_ADD_KEYPTR(hh, msg->args, arg->key, strlen(arg->key), arg);
     }
     return msg;
 }
@@ -361,6 +375,18 @@ extern "C" cfg_element *json_to_blob(cfg *context, json_t *object)
     return cfg_load_blob(context, string_member(object, "id"), bytes.data(), bytes.size());
 }
 
+namespace {
+
+// Drops an element whose members or parents ran out of memory half loaded:
+// a partial element must not pass for the daemon's.
+cfg_element *drop_partial(cfg *context, cfg_element *element)
+{
+    cfg_free_element(context, element);
+    return nullptr;
+}
+
+} // namespace
+
 // Entries that are not strings cannot name a member and are left out.
 extern "C" cfg_element *json_to_list(cfg *context, json_t *object)
 {
@@ -371,8 +397,8 @@ extern "C" cfg_element *json_to_list(cfg *context, json_t *object)
     json_t *entry;
     json_array_foreach(json_object_get(object, "value"), i, entry)
     {
-        if (json_is_string(entry))
-            cfg_load_listid(list, json_string_value(entry));
+        if (json_is_string(entry) && cfg_load_listid(list, json_string_value(entry)) == nullptr)
+            return drop_partial(context, list);
     }
     return list;
 }
@@ -389,7 +415,8 @@ extern "C" cfg_element *json_to_map(cfg *context, json_t *object)
         const char *uuid = json_string_value(member);
         if (uuid == nullptr)
             break;
-        cfg_load_mapid(map, key, uuid);
+        if (cfg_load_mapid(map, key, uuid) == nullptr)
+            return drop_partial(context, map);
     }
     return map;
 }
@@ -403,7 +430,9 @@ extern "C" cfg_element *json_to_reference(cfg *context, json_t *object)
 namespace {
 
 // Loads the map and list parent links; reference parents are not loaded.
-void load_parents(cfg_element *element, json_t *parents)
+// Loads the map and list parent links; false when memory ran out (a link
+// that lacks its ids is skipped).
+bool load_parents(cfg_element *element, json_t *parents)
 {
     size_t i;
     json_t *parent;
@@ -413,14 +442,19 @@ void load_parents(cfg_element *element, json_t *parents)
         if (kind == nullptr)
             continue;
         if (strcmp(kind, "map") == 0) {
-            cfg_load_mapparent(element, string_member(parent, "map"),
-                               string_member(parent, "name"));
+            const char *map = string_member(parent, "map"), *name = string_member(parent, "name");
+            if (map != nullptr && name != nullptr &&
+                cfg_load_mapparent(element, map, name) == nullptr)
+                return false;
         } else if (strcmp(kind, "list") == 0) {
             auto index = json_integer_value(json_object_get(parent, "index"));
-            cfg_load_listparent(element, string_member(parent, "list"),
-                                static_cast<unsigned int>(index));
+            const char *list = string_member(parent, "list");
+            if (list != nullptr &&
+                cfg_load_listparent(element, list, static_cast<unsigned int>(index)) == nullptr)
+                return false;
         }
     }
+    return true;
 }
 
 cfg_element *load_value(cfg *context, json_int_t type, json_t *object)
@@ -462,7 +496,8 @@ extern "C" cfg_element *json_to_elem(cfg *context, json_t *object)
     const char *schema = string_member(object, "schema");
     if (schema != nullptr)
         snprintf(element->schema, sizeof element->schema, "%s", schema);
-    load_parents(element, json_object_get(object, "parents"));
+    if (!load_parents(element, json_object_get(object, "parents")))
+        return drop_partial(context, element);
     return element;
 }
 
@@ -823,8 +858,19 @@ length_limits read_length_limits(json_t *json)
     return limits;
 }
 
-// Member links of the three key objects and the conditional links.
-void read_members(cfg_schema_element *elem, json_t *json)
+// Unmaps and frees a schema element that ran out of memory half read: a
+// partial element must not pass for the daemon's. Always nullptr.
+cfg_schema_element *drop_partial_schema(cfg *context, cfg_schema_element *elem)
+{
+    if (cfg_get_schema_node(context, elem->uuid) == elem)
+        cfg_delete_schema_elem(&context->schema->elements, elem->uuid);
+    cfg_free_schema_element(elem);
+    return nullptr;
+}
+
+// Member links of the three key objects and the conditional links; false
+// when memory ran out.
+bool read_members(cfg_schema_element *elem, json_t *json)
 {
     const char *lists[] = {"required", "optional", "deprecated"};
     for (int which = 0; which < 3; which++) {
@@ -832,17 +878,37 @@ void read_members(cfg_schema_element *elem, json_t *json)
         json_t *value;
         json_object_foreach(json_object_get(json, lists[which]), key, value)
         {
-            if (json_is_string(value))
-                cfg_load_schema_mapid(elem, which, key, json_string_value(value));
+            if (json_is_string(value) &&
+                !cfg_load_schema_mapid(elem, which, key, json_string_value(value)))
+                return false;
         }
     }
     size_t i;
     json_t *item;
     json_array_foreach(json_object_get(json, "conditionals"), i, item)
     {
-        if (json_is_string(item))
-            cfg_load_schema_mapconditional(elem, json_string_value(item));
+        if (json_is_string(item) &&
+            !cfg_load_schema_mapconditional(elem, json_string_value(item)))
+            return false;
     }
+    return true;
+}
+
+// Adds every entry of "allowed" that read accepts with add; the element, or
+// nullptr (the element dropped) when memory ran out.
+template <typename Add>
+cfg_schema_element *read_allowed(cfg *context, cfg_schema_element *elem, json_t *json, Add add)
+{
+    if (elem == nullptr)
+        return nullptr;
+    size_t i;
+    json_t *item;
+    json_array_foreach(json_object_get(json, "allowed"), i, item)
+    {
+        if (!add(item))
+            return drop_partial_schema(context, elem);
+    }
+    return elem;
 }
 
 int operator_code(const char *text)
@@ -925,13 +991,10 @@ extern "C" cfg_schema_element *json_to_schema_int(cfg *context, json_t *json)
     int has_default = read_int(json, "default", &default_value);
     cfg_schema_element *elem = cfg_load_schema_int(context, id_of(json), has_max, max,
                                                    has_min, min, has_default, default_value);
-    size_t i;
-    json_t *item;
-    json_array_foreach(json_object_get(json, "allowed"), i, item)
-    {
-        cfg_add_schema_int_allowed(context, elem, static_cast<int>(json_integer_value(item)));
-    }
-    return elem;
+    return read_allowed(context, elem, json, [&](json_t *item) {
+        return cfg_add_schema_int_allowed(context, elem,
+                                          static_cast<int>(json_integer_value(item)));
+    });
 }
 
 extern "C" cfg_schema_element *json_to_schema_float(cfg *context, json_t *json)
@@ -942,13 +1005,9 @@ extern "C" cfg_schema_element *json_to_schema_float(cfg *context, json_t *json)
     int has_default = read_real(json, "default", &default_value);
     cfg_schema_element *elem = cfg_load_schema_float(
         context, id_of(json), has_max, has_min, has_default, max, min, default_value);
-    size_t i;
-    json_t *item;
-    json_array_foreach(json_object_get(json, "allowed"), i, item)
-    {
-        cfg_add_schema_float_allowed(context, elem, json_real_value(item));
-    }
-    return elem;
+    return read_allowed(context, elem, json, [&](json_t *item) {
+        return cfg_add_schema_float_allowed(context, elem, json_real_value(item));
+    });
 }
 
 extern "C" cfg_schema_element *json_to_schema_string(cfg *context, json_t *json)
@@ -958,14 +1017,10 @@ extern "C" cfg_schema_element *json_to_schema_string(cfg *context, json_t *json)
         context, id_of(json), limits.has_max, limits.max, limits.has_min, limits.min,
         json_string_value(json_object_get(json, "default")),
         json_string_value(json_object_get(json, "regex")));
-    size_t i;
-    json_t *item;
-    json_array_foreach(json_object_get(json, "allowed"), i, item)
-    {
-        if (json_is_string(item))
-            cfg_add_schema_string_allowed(context, elem, json_string_value(item));
-    }
-    return elem;
+    return read_allowed(context, elem, json, [&](json_t *item) {
+        return !json_is_string(item) ||
+               cfg_add_schema_string_allowed(context, elem, json_string_value(item));
+    });
 }
 
 extern "C" cfg_schema_element *json_to_schema_blob(cfg *context, json_t *json)
@@ -991,8 +1046,8 @@ extern "C" cfg_schema_element *json_to_schema_list(cfg *context, json_t *json)
 extern "C" cfg_schema_element *json_to_schema_map(cfg *context, json_t *json)
 {
     cfg_schema_element *elem = cfg_load_schema_map(context, id_of(json));
-    if (elem != nullptr)
-        read_members(elem, json);
+    if (elem != nullptr && !read_members(elem, json))
+        return drop_partial_schema(context, elem);
     return elem;
 }
 
@@ -1011,8 +1066,8 @@ extern "C" cfg_schema_element *json_to_schema_if(cfg *context, json_t *json)
         cfg_load_schema_if(context, id_of(json), condition.path, condition.op,
                            condition.value_type, condition.value, condition.value_id,
                            eval_priority);
-    if (elem != nullptr)
-        read_members(elem, json);
+    if (elem != nullptr && !read_members(elem, json))
+        return drop_partial_schema(context, elem);
     return elem;
 }
 
@@ -1022,15 +1077,18 @@ extern "C" cfg_schema_validator *json_to_validator(cfg *context, json_t *json)
         cfg_init_schema_validator(context, json_string_value(json_object_get(json, "validator")));
     if (validator == nullptr)
         return nullptr;
+    // Items that are not strings are skipped; running out of memory is not.
     size_t i;
     json_t *item;
     json_array_foreach(json_object_get(json, "parameters"), i, item)
     {
-        cfg_validator_add_param(validator, json_string_value(item));
+        if (json_is_string(item) && !cfg_validator_add_param(validator, json_string_value(item)))
+            return zr::free_schema_validator(validator);
     }
     json_array_foreach(json_object_get(json, "paths"), i, item)
     {
-        cfg_validator_add_path(validator, json_string_value(item));
+        if (json_is_string(item) && !cfg_validator_add_path(validator, json_string_value(item)))
+            return zr::free_schema_validator(validator);
     }
     return validator;
 }
@@ -1056,15 +1114,24 @@ extern "C" cfg_schema_element *json_to_schema_elem(cfg *context, json_t *json)
     json_t *item;
     json_array_foreach(json_object_get(json, "validators"), i, item)
     {
-        cfg_schema_add_validator(elem, json_to_validator(context, item));
+        // A validator without a name is skipped; one that ran out of memory
+        // drops the element.
+        cfg_schema_validator *validator = json_to_validator(context, item);
+        bool named = json_is_string(json_object_get(item, "validator"));
+        if (validator == nullptr && named)
+            return drop_partial_schema(context, elem);
+        if (validator != nullptr && !cfg_schema_add_validator(elem, validator)) {
+            zr::free_schema_validator(validator);
+            return drop_partial_schema(context, elem);
+        }
     }
     elem->generation = static_cast<int>(json_integer_value(json_object_get(json, "generation")));
     const char *key;
     json_t *value;
     json_object_foreach(json_object_get(json, "tags"), key, value)
     {
-        if (json_is_string(value))
-            cfg_add_schema_tag(elem, key, json_string_value(value));
+        if (json_is_string(value) && !cfg_add_schema_tag(elem, key, json_string_value(value)))
+            return drop_partial_schema(context, elem);
     }
     return elem;
 }

@@ -25,14 +25,18 @@ void copy_uuid(char *dst, const char *src)
     dst[CFG_UUID_SIZE - 1] = '\0';
 }
 
-// Appends data at the tail of a singly linked list.
-void link_append(cfg_link **list, void *data)
+// Appends data at the tail of a singly linked list; false (data not taken)
+// when memory runs out.
+bool link_append(cfg_link **list, void *data)
 {
     auto *node = zalloc<cfg_link>();
+    if (node == nullptr)
+        return false;
     node->data = data;
     while (*list != nullptr)
         list = &(*list)->next;
     *list = node;
+    return true;
 }
 
 int link_count(const cfg_link *list)
@@ -149,13 +153,18 @@ void free_strings(char **texts, int count)
     free(texts);
 }
 
-void free_validator(cfg_schema_validator *validator)
+} // namespace
+
+cfg_schema_validator *zr::free_schema_validator(cfg_schema_validator *validator)
 {
     free(validator->name);
     free_strings(validator->params, validator->params_count);
     free_strings(validator->paths, validator->paths_count);
     free(validator);
+    return nullptr;
 }
+
+namespace {
 
 void free_members(cfg_schema_members *members)
 {
@@ -203,8 +212,27 @@ cfg_schema_element *register_element(cfg *context, const char *uuid, int type)
         copy_uuid(elem->uuid, uuid);
     else
         gen_uuid(elem->uuid);
-    cfg_add_schema_elem(&context->schema->elements, elem);
+    if (!cfg_add_schema_elem(&context->schema->elements, elem)) {
+        free(elem);
+        return nullptr;
+    }
     return elem;
+}
+
+// Unmaps and frees an element whose construction ran out of memory after it
+// was registered; always nullptr.
+cfg_schema_element *drop_registered(cfg *context, cfg_schema_element *elem)
+{
+    if (cfg_get_schema_node(context, elem->uuid) == elem)
+        cfg_delete_schema_elem(&context->schema->elements, elem->uuid);
+    cfg_free_schema_element(elem);
+    return nullptr;
+}
+
+// Whether a copy of text was wanted and could not be made.
+bool copy_failed(const char *text, const char *copy)
+{
+    return text != nullptr && copy == nullptr;
 }
 
 cfg_schema_element *mark_new(cfg_schema_element *elem)
@@ -335,6 +363,8 @@ extern "C" cfg_schema_element *cfg_init_schema_string(cfg *context, const char *
         part.regex = dup_or_null(regex);
         part.has_default = default_value != nullptr;
         part.default_value = dup_or_null(default_value);
+        if (copy_failed(regex, part.regex) || copy_failed(default_value, part.default_value))
+            return drop_registered(context, elem);
     }
     return elem;
 }
@@ -391,6 +421,8 @@ extern "C" cfg_schema_element *cfg_init_schema_list(cfg *context, const char *uu
         set_limits(part, has_min, min, has_max, max);
         part.element_type = element_type;
         part.element_type_name = dup_or_null(element_type_name);
+        if (copy_failed(element_type_name, part.element_type_name))
+            return drop_registered(context, elem);
     }
     return elem;
 }
@@ -442,8 +474,11 @@ extern "C" cfg_schema_element *cfg_load_schema_reference(cfg *context, const cha
                                                          const char *target)
 {
     cfg_schema_element *elem = cfg_init_schema_reference(context, uuid);
-    if (elem != nullptr)
+    if (elem != nullptr) {
         elem->u.reference.target = dup_or_null(target);
+        if (copy_failed(target, elem->u.reference.target))
+            return drop_registered(context, elem);
+    }
     return elem;
 }
 
@@ -464,6 +499,10 @@ extern "C" cfg_schema_element *cfg_init_schema_if(cfg *context, const char *uuid
         if (value_type == 3)
             part.value.string_value = dup_or_null(value.string_value);
     }
+    if (copy_failed(path, part.path) ||
+        (op != 1 && value_type == 3 &&
+         copy_failed(value.string_value, part.value.string_value)))
+        return drop_registered(context, elem);
     return elem;
 }
 
@@ -509,10 +548,15 @@ extern "C" bool cfg_load_schema_mapid(cfg_schema_element *elem, int which, const
     if (list == nullptr || key == nullptr || uuid == nullptr)
         return false;
     auto *link = zalloc<cfg_schema_mapid>();
+    if (link == nullptr)
+        return false;
     copy_uuid(link->uuid, uuid);
     link->type = CFG_TYPE_MAP;
     link->key = strdup(key);
-    link_append(list, link);
+    if (link->key == nullptr || !link_append(list, link)) {
+        free_mapid(link);
+        return false;
+    }
     return true;
 }
 
@@ -522,10 +566,15 @@ extern "C" bool cfg_load_schema_mapconditional(cfg_schema_element *elem, const c
     if (members == nullptr || uuid == nullptr)
         return false;
     auto *link = zalloc<cfg_schema_mapconditional>();
+    if (link == nullptr)
+        return false;
     copy_uuid(link->uuid, uuid);
     link->type = CFG_TYPE_LIST;
     link->index = link_count(members->conditionals);
-    link_append(&members->conditionals, link);
+    if (!link_append(&members->conditionals, link)) {
+        free(link);
+        return false;
+    }
     return true;
 }
 
@@ -718,6 +767,8 @@ cfg_schema_element *finish_replacement(cfg *context, cfg_schema_element *old,
     cfg_delete_schema_members(context, old);
     if (cfg_get_schema_node(context, old->uuid) == old)
         cfg_delete_schema_elem(&context->schema->elements, old->uuid);
+    if (context->schema->root == old)
+        context->schema->root = fresh;
     cfg_free_schema_element(old);
     return fresh;
 }
@@ -831,9 +882,12 @@ bool add_allowed(cfg_schema_element *elem, int type, cfg_schema_value value)
     if (!is_type(elem, type))
         return false;
     auto *entry = zalloc<cfg_schema_allowed>();
+    if (entry == nullptr || !link_append(allowed_list(elem), entry)) {
+        free(entry);
+        return false;
+    }
     entry->type = 1;
     entry->value = value;
-    link_append(allowed_list(elem), entry);
     elem->flags |= CFG_FLAG_CHANGED;
     return true;
 }
@@ -938,7 +992,10 @@ extern "C" bool cfg_add_schema_string_allowed(cfg *, cfg_schema_element *elem,
         return false;
     cfg_schema_value v{};
     v.string_value = strdup(value);
-    return add_allowed(elem, CFG_TYPE_STRING, v);
+    if (v.string_value != nullptr && add_allowed(elem, CFG_TYPE_STRING, v))
+        return true;
+    free(v.string_value);
+    return false;
 }
 
 extern "C" bool cfg_delete_schema_string_allowed(cfg_schema_element *elem, const char *value)
@@ -985,10 +1042,15 @@ extern "C" bool cfg_add_schema_tag(cfg_schema_element *elem, const char *key,
     if (elem == nullptr || key == nullptr || value == nullptr)
         return false;
     auto *tag = zalloc<cfg_schema_tag>();
+    if (tag == nullptr)
+        return false;
     tag->type = CFG_TYPE_STRING;
     tag->key = strdup(key);
     tag->value = strdup(value);
-    link_append(&elem->tags, tag);
+    if (tag->key == nullptr || tag->value == nullptr || !link_append(&elem->tags, tag)) {
+        free_tag(tag);
+        return false;
+    }
     elem->flags |= CFG_FLAG_CHANGED;
     return true;
 }
@@ -1039,8 +1101,9 @@ bool append_text(char ***texts, int *count, const char *text)
     auto *grown = static_cast<char **>(realloc(*texts, sizeof(char *) * (*count + 1)));
     if (grown == nullptr)
         return false;
-    grown[*count] = strdup(text);
     *texts = grown;
+    if ((grown[*count] = strdup(text)) == nullptr)
+        return false;
     (*count)++;
     return true;
 }
@@ -1052,8 +1115,10 @@ extern "C" cfg_schema_validator *cfg_init_schema_validator(cfg *, const char *na
     if (name == nullptr)
         return nullptr;
     auto *validator = zalloc<cfg_schema_validator>();
-    if (validator != nullptr)
-        validator->name = strdup(name);
+    if (validator != nullptr && (validator->name = strdup(name)) == nullptr) {
+        free(validator);
+        return nullptr;
+    }
     return validator;
 }
 
@@ -1093,6 +1158,8 @@ extern "C" bool cfg_add_schema_elem(cfg_schema_index_entry **map, cfg_schema_ele
         return false;
     cfg_delete_schema_elem(map, elem->uuid);
     auto *entry = zalloc<cfg_schema_index_entry>();
+    if (entry == nullptr)
+        return false;
     entry->element = elem;
     memcpy(entry->uuid, elem->uuid, sizeof entry->uuid);
     HASH_ADD_KEYPTR(hh, *map, entry->uuid, strlen(entry->uuid), entry);
@@ -1343,12 +1410,29 @@ extern "C" void cfg_free_schema_element(cfg_schema_element *elem)
     if (elem == nullptr)
         return;
     for (int i = 0; i < elem->validators_count; i++)
-        free_validator(elem->validators[i]);
+        zr::free_schema_validator(elem->validators[i]);
     free(elem->validators);
     link_free_all(&elem->tags, free_tag);
     free_type_part(elem);
     free(elem);
 }
+
+namespace {
+
+// Unmaps elem when the map still points at it, clears the root when elem is
+// the root, and frees it.
+void unmap_and_free(cfg *context, cfg_schema_element *elem)
+{
+    if (context != nullptr && context->schema != nullptr) {
+        if (cfg_get_schema_node(context, elem->uuid) == elem)
+            cfg_delete_schema_elem(&context->schema->elements, elem->uuid);
+        if (context->schema->root == elem)
+            context->schema->root = nullptr;
+    }
+    cfg_free_schema_element(elem);
+}
+
+} // namespace
 
 // Goes one level down: the direct members and conditionals are unmapped and
 // freed (each once, and never elem itself), then elem; elem's own entry is
@@ -1357,18 +1441,12 @@ extern "C" void cfg_free_schema_element_base(cfg *context, cfg_schema_element *e
 {
     if (elem == nullptr)
         return;
-    cfg_schema_index_entry **map =
-        context != nullptr && context->schema != nullptr ? &context->schema->elements : nullptr;
     for_each_linked_uuid(elem, [&](const char *uuid) {
         cfg_schema_element *child = cfg_get_schema_node(context, uuid);
-        if (child == nullptr || child == elem)
-            return;
-        cfg_delete_schema_elem(map, uuid);
-        cfg_free_schema_element(child);
+        if (child != nullptr && child != elem)
+            unmap_and_free(context, child);
     });
-    if (cfg_get_schema_node(context, elem->uuid) == elem)
-        cfg_delete_schema_elem(map, elem->uuid);
-    cfg_free_schema_element(elem);
+    unmap_and_free(context, elem);
 }
 
 // ------------------------------------------------------------------------
@@ -1399,10 +1477,16 @@ extern "C" bool cfg_add_type(cfg *context, const char *name, const char *uuid)
         return false;
     cfg_delete_type(context, name);
     auto *type = zalloc<cfg_schema_type>();
+    if (type == nullptr)
+        return false;
     copy_uuid(type->uuid, uuid);
     type->type = CFG_TYPE_MAP;
     type->name = strdup(name);
-    link_append(types, type);
+    if (type->name == nullptr || !link_append(types, type)) {
+        free(type->name);
+        free(type);
+        return false;
+    }
     return true;
 }
 

@@ -4,6 +4,7 @@
 #define ZR_SOURCE "src/validation"
 #include "internal.h"
 #include "triggers.h"
+#include "walk.h"
 
 #include <algorithm>
 #include <cstring>
@@ -13,6 +14,8 @@
 #include <unordered_set>
 #include <vector>
 
+using zr::schema_walk;
+using zr::walk_fault;
 using zr::zalloc;
 
 namespace {
@@ -500,6 +503,11 @@ extern "C" void free_context(validation_context *vctx)
 
 namespace {
 
+int validate_node_in(validation_context *vctx, cfg *context, cfg_element *element,
+                     cfg_schema_element *schema, schema_walk &walk, bool created);
+int validate_map_in(validation_context *vctx, cfg *context, cfg_element *map,
+                    cfg_schema_element *schema, schema_walk &walk);
+
 // Member kinds of a map or if schema element, in the order they are checked.
 constexpr int required_keys = 0;
 constexpr int optional_keys = 1;
@@ -599,13 +607,14 @@ cfg_schema_element *named_item_schema(cfg *context, cfg_schema_element *schema)
 // Checks one list item: against the named type's schema element when there
 // is one, otherwise by its type code alone.
 int validate_list_item(validation_context *vctx, cfg *context, cfg_element *list,
-                       const std::string &uuid, cfg_schema_element *item_schema, int item_type)
+                       const std::string &uuid, cfg_schema_element *item_schema, int item_type,
+                       schema_walk &walk)
 {
     cfg_element *item = cfg_get_by_id(context, uuid.c_str());
     if (item == nullptr)
         return 0;
     if (item_schema != nullptr)
-        return cfg_validate_node(vctx, context, item, item_schema);
+        return validate_node_in(vctx, context, item, item_schema, walk, false);
     if (item->type != static_cast<unsigned int>(item_type)) {
         cfg_message_add_list_wrong_type(context, list->uuid);
         return 0;
@@ -616,7 +625,7 @@ int validate_list_item(validation_context *vctx, cfg *context, cfg_element *list
 
 // One key of a map or if schema element, checked against the map.
 int validate_key(validation_context *vctx, cfg *context, cfg_element *map,
-                 cfg_schema_element *schema, int kind, const char *key)
+                 cfg_schema_element *schema, int kind, const char *key, schema_walk &walk)
 {
     ZR_LOG_FOR("cfg_validate_map", LOG_INFO, "Looking for %s", key);
     const char *child_uuid = cfg_get_mapelem(map, key);
@@ -635,7 +644,7 @@ int validate_key(validation_context *vctx, cfg *context, cfg_element *map,
             set_handled(vctx, child);
             return 1;
         }
-        return cfg_validate_node(vctx, context, child, key_schema);
+        return validate_node_in(vctx, context, child, key_schema, walk, false);
     }
     if (kind != required_keys)
         return 1;
@@ -645,7 +654,7 @@ int validate_key(validation_context *vctx, cfg *context, cfg_element *map,
         return 0;
     }
     cfg_add_mapelem(context, map, key, created);
-    return cfg_validate_node(vctx, context, created, key_schema);
+    return validate_node_in(vctx, context, created, key_schema, walk, true);
 }
 
 // Runs the custom validators of schema on element, registering each one's
@@ -672,8 +681,11 @@ int run_validators(cfg *context, cfg_element *element, cfg_schema_element *schem
     return 1;
 }
 
+int validate_list_in(validation_context *vctx, cfg *context, cfg_element *list,
+                     cfg_schema_element *schema, schema_walk &walk);
+
 int validate_by_type(validation_context *vctx, cfg *context, cfg_element *element,
-                     cfg_schema_element *schema)
+                     cfg_schema_element *schema, schema_walk &walk)
 {
     switch (element->type) {
     case CFG_TYPE_BOOL: return cfg_validate_bool(vctx, context, element, schema);
@@ -681,8 +693,8 @@ int validate_by_type(validation_context *vctx, cfg *context, cfg_element *elemen
     case CFG_TYPE_FLOAT: return cfg_validate_float(vctx, context, element, schema);
     case CFG_TYPE_STRING: return cfg_validate_string(vctx, context, element, schema);
     case CFG_TYPE_BLOB: return cfg_validate_blob(vctx, context, element, schema);
-    case CFG_TYPE_LIST: return cfg_validate_list(vctx, context, element, schema);
-    case CFG_TYPE_MAP: return cfg_validate_map(vctx, context, element, schema);
+    case CFG_TYPE_LIST: return validate_list_in(vctx, context, element, schema, walk);
+    case CFG_TYPE_MAP: return validate_map_in(vctx, context, element, schema, walk);
     case CFG_TYPE_REFERENCE: return cfg_validate_reference(vctx, context, element, schema);
     default: return 1;
     }
@@ -694,10 +706,10 @@ bool usable(validation_context *vctx, cfg *context, cfg_element *element,
     return vctx != nullptr && context != nullptr && element != nullptr && schema != nullptr;
 }
 
-} // namespace
-
-extern "C" int cfg_validate_node(validation_context *vctx, cfg *context, cfg_element *element,
-                                 cfg_schema_element *schema)
+// cfg_validate_node one level down a walk; created when the walk made the
+// element as a missing required member.
+int validate_node_in(validation_context *vctx, cfg *context, cfg_element *element,
+                     cfg_schema_element *schema, schema_walk &walk, bool created)
 {
     if (!usable(vctx, context, element, schema))
         return 0;
@@ -705,13 +717,28 @@ extern "C" int cfg_validate_node(validation_context *vctx, cfg *context, cfg_ele
         cfg_message_add_wrong_type(context, element->uuid);
         return 0;
     }
+    walk_fault fault = walk.enter_member(element, schema, created);
+    if (fault != walk_fault::none) {
+        schema_walk::report(context, fault, element);
+        return 0;
+    }
     memcpy(element->schema, schema->uuid, CFG_UUID_SIZE);
     element->schema[CFG_UUID_SIZE - 1] = '\0';
-    if (!validate_by_type(vctx, context, element, schema) ||
-        !run_validators(context, element, schema))
-        return 0;
-    set_handled(vctx, element);
-    return 1;
+    int valid = validate_by_type(vctx, context, element, schema, walk) &&
+                run_validators(context, element, schema);
+    walk.leave();
+    if (valid)
+        set_handled(vctx, element);
+    return valid;
+}
+
+} // namespace
+
+extern "C" int cfg_validate_node(validation_context *vctx, cfg *context, cfg_element *element,
+                                 cfg_schema_element *schema)
+{
+    schema_walk walk;
+    return validate_node_in(vctx, context, element, schema, walk, false);
 }
 
 extern "C" int cfg_validate_bool(validation_context *, cfg *, cfg_element *element,
@@ -845,12 +872,14 @@ extern "C" int cfg_validate_reference(validation_context *, cfg *context, cfg_el
     return 0;
 }
 
-extern "C" int cfg_validate_list(validation_context *vctx, cfg *context, cfg_element *list,
-                                 cfg_schema_element *schema)
+namespace {
+
+int validate_list_in(validation_context *vctx, cfg *context, cfg_element *list,
+                     cfg_schema_element *schema, schema_walk &walk)
 {
     if (!usable(vctx, context, list, schema))
         return 0;
-    ZR_LOG(LOG_DEBUG, "Validating %s as list\n", list->uuid);
+    ZR_LOG_FOR("cfg_validate_list", LOG_DEBUG, "Validating %s as list\n", list->uuid);
     const auto &part = schema->u.list;
     cfg_schema_element *item_schema = nullptr;
     if (part.element_kind == 2 && (item_schema = named_item_schema(context, schema)) == nullptr)
@@ -873,17 +902,21 @@ extern "C" int cfg_validate_list(validation_context *vctx, cfg *context, cfg_ele
         return 1;
     for (cfg_link *head : {list->value.list.members, list->value.list.future_members})
         for (const std::string &uuid : member_uuids(head))
-            if (!validate_list_item(vctx, context, list, uuid, item_schema, part.element_type))
+            if (!validate_list_item(vctx, context, list, uuid, item_schema, part.element_type,
+                                    walk))
                 return 0;
     return 1;
 }
 
-extern "C" int cfg_validate_map(validation_context *vctx, cfg *context, cfg_element *map,
-                                cfg_schema_element *schema)
+int validate_if_in(validation_context *vctx, cfg *context, cfg_element *map,
+                   cfg_schema_element *if_schema, schema_walk &walk);
+
+int validate_map_in(validation_context *vctx, cfg *context, cfg_element *map,
+                    cfg_schema_element *schema, schema_walk &walk)
 {
     if (!usable(vctx, context, map, schema) || map->type != CFG_TYPE_MAP)
         return 0;
-    ZR_LOG(LOG_DEBUG, "Validating %s as map\n", map->uuid);
+    ZR_LOG_FOR("cfg_validate_map", LOG_DEBUG, "Validating %s as map\n", map->uuid);
     cfg_schema_members *members = members_of(schema);
     if (members == nullptr)
         return 0;
@@ -892,27 +925,57 @@ extern "C" int cfg_validate_map(validation_context *vctx, cfg *context, cfg_elem
     for (int kind : key_order)
         for (cfg_link *n = keys_of_kind(members, kind); n != nullptr; n = n->next) {
             const char *key = static_cast<cfg_schema_mapid *>(n->data)->key;
-            if (key != nullptr && !validate_key(vctx, context, map, schema, kind, key))
+            if (key != nullptr && !validate_key(vctx, context, map, schema, kind, key, walk))
                 return 0;
         }
     for (cfg_link *n = members->conditionals; n != nullptr; n = n->next) {
         auto *link = static_cast<cfg_schema_mapconditional *>(n->data);
         cfg_schema_element *conditional = cfg_get_schema_by_id(context, link->uuid);
-        if (conditional == nullptr || !cfg_validate_if(vctx, context, map, conditional))
+        if (conditional == nullptr || !validate_if_in(vctx, context, map, conditional, walk))
             return 0;
     }
     return 1;
 }
 
-extern "C" int cfg_validate_if(validation_context *vctx, cfg *context, cfg_element *map,
-                               cfg_schema_element *if_schema)
+int validate_if_in(validation_context *vctx, cfg *context, cfg_element *map,
+                   cfg_schema_element *if_schema, schema_walk &walk)
 {
     if (!usable(vctx, context, map, if_schema))
         return 0;
-    ZR_LOG(LOG_DEBUG, "Validating %s as if\n", map->uuid);
+    ZR_LOG_FOR("cfg_validate_if", LOG_DEBUG, "Validating %s as if\n", map->uuid);
     if (!evaluate_if(context, map, if_schema))
         return 1;
-    return cfg_validate_map(vctx, context, map, if_schema);
+    walk_fault fault = walk.enter_conditional(map, if_schema);
+    if (fault != walk_fault::none) {
+        schema_walk::report(context, fault, map);
+        return 0;
+    }
+    int valid = validate_map_in(vctx, context, map, if_schema, walk);
+    walk.leave();
+    return valid;
+}
+
+} // namespace
+
+extern "C" int cfg_validate_list(validation_context *vctx, cfg *context, cfg_element *list,
+                                 cfg_schema_element *schema)
+{
+    schema_walk walk;
+    return validate_list_in(vctx, context, list, schema, walk);
+}
+
+extern "C" int cfg_validate_map(validation_context *vctx, cfg *context, cfg_element *map,
+                                cfg_schema_element *schema)
+{
+    schema_walk walk;
+    return validate_map_in(vctx, context, map, schema, walk);
+}
+
+extern "C" int cfg_validate_if(validation_context *vctx, cfg *context, cfg_element *map,
+                               cfg_schema_element *if_schema)
+{
+    schema_walk walk;
+    return validate_if_in(vctx, context, map, if_schema, walk);
 }
 
 extern "C" int cfg_validate_subtree(cfg *context, cfg_element *element)

@@ -223,3 +223,46 @@ TEST(WireRequest, FailuresReturnNullWithoutMessages)
     context_handle unconnected;
     EXPECT_EQ(cfg_send_request(unconnected.get(), request.get()), nullptr);
 }
+
+// A hostile peer fails the request it answers, within the call's time-out
+// for the whole frame, and the next request on a new connection works.
+TEST(WireFrame, HostilePeerFailsOneRequestAndTheNextConnectionWorks)
+{
+    struct peer_case {
+        const char *what;
+        script steps;
+        const char *said;
+    };
+    script trickle{step::raw(frame_prefix(8))};
+    for (char byte : std::string(R"({"a": 1})")) {
+        trickle.push_back(step::wait(200ms));
+        trickle.push_back(step::raw(std::string(1, byte)));
+    }
+    const peer_case cases[] = {
+        {"payload sent a byte at a time", trickle,
+         "cfg_receive read data failed: Resource temporarily unavailable\n"},
+        {"close inside the payload", {step::truncated(10, R"({"a")")},
+         "cfg_receive read data unexpected peer close\n"},
+        {"length beyond any buffer", {step::truncated(0x7FFFFFFFu, R"({"a": )")},
+         "cfg_receive read data unexpected peer close\n"},
+    };
+    for (const peer_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        script steps{step::receive()};
+        steps.insert(steps.end(), c.steps.begin(), c.steps.end());
+        steps.push_back(step::close());
+        steps.push_back(step::answer(R"({"result": true})"));
+        scripted_daemon daemon(steps);
+        {
+            client_context hostile(daemon);
+            json_handle request(cfg_build_request(hostile.get(), "pull", nullptr));
+            ASSERT_EQ(cfg_send(hostile.socket, request.get()), 1);
+            EXPECT_EQ(receive_failure(hostile.socket, 1000), c.said);
+            ASSERT_TRUE(daemon.wait_for_steps(steps.size() - 1, 5s));
+        }
+        client_context next(daemon);
+        json_handle request(cfg_build_request(next.get(), "pull", nullptr));
+        json_handle response(cfg_send_request(next.get(), request.get()));
+        EXPECT_EQ(dump(response.get()), R"({"result":true})");
+    }
+}
