@@ -370,6 +370,7 @@ json_t *server::dispatch(session &s, json_t *request, bool &end)
     std::string method = json_string_value(method_json);
     json_t *data = json_object_get(request, "data");
     if (method == "goodbye") {
+        locks_.release(s.id); // before the answer: the client may lock again at once
         end = true;
         return success(nullptr);
     }

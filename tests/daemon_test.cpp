@@ -157,6 +157,24 @@ TEST(Daemon, SchemaChangesAreStoredAndValidatedInFull)
     EXPECT_EQ(codes_of(c), std::vector<int>{11});
 }
 
+TEST(Daemon, CyclicSchemaPushIsRefusedAndTheDaemonServesOn)
+{
+    daemon_process d;
+    client c(d);
+    cfg_element *system = cfg_get_by_path(c, "system");
+    ASSERT_NE(system, nullptr);
+    // A map type that requires a map of its own type, and data that uses it.
+    cfg_schema_element *loop = cfg_new_schema_map(c);
+    cfg_add_schema_mapelem(c, loop, 0, "again", loop);
+    cfg_add_schema_mapelem(c, cfg_get_schema_node(c, system->schema), 1, "loop", loop);
+    cfg_add_mapelem(c, system, "loop", cfg_new_map(c));
+    EXPECT_EQ(cfg_commit(c), 0);
+    EXPECT_EQ(codes_of(c), std::vector<int>{31});
+    client reader(d);
+    EXPECT_EQ(string_at(reader, "system.hostname"), "fw1");
+    EXPECT_EQ(cfg_get_by_path(reader, "system.loop"), nullptr);
+}
+
 TEST(Daemon, SecondEditOfTheSameElementConflicts)
 {
     daemon_process d;
