@@ -11,38 +11,39 @@
 
 namespace {
 
-// Writes each NUL-separated part as one frame; false when the pair's
-// buffer cannot take them.
-bool write_frames(int fd, const uint8_t *data, size_t size)
+// Calls part(start, length) for each NUL-separated part of the bytes, until
+// it returns false; false then.
+template <typename Part> bool each_part(const uint8_t *data, size_t size, Part part)
 {
     size_t start = 0;
     while (start <= size) {
         const void *nul = memchr(data + start, 0, size - start);
         size_t end = nul != nullptr ? size_t(static_cast<const uint8_t *>(nul) - data) : size;
-        uint32_t length = uint32_t(end - start);
-        uint8_t prefix[4] = {uint8_t(length >> 24), uint8_t(length >> 16), uint8_t(length >> 8),
-                             uint8_t(length)};
-        if (write(fd, prefix, 4) != 4 ||
-            (length > 0 && write(fd, data + start, length) != ssize_t(length)))
+        if (!part(data + start, end - start))
             return false;
         start = end + 1;
     }
     return true;
 }
 
+// Writes each part as one frame; false when the pair's buffer cannot take
+// them.
+bool write_frames(int fd, const uint8_t *data, size_t size)
+{
+    return each_part(data, size, [fd](const uint8_t *part, size_t length) {
+        uint8_t prefix[4] = {uint8_t(length >> 24), uint8_t(length >> 16), uint8_t(length >> 8),
+                             uint8_t(length)};
+        return write(fd, prefix, 4) == 4 &&
+               (length == 0 || write(fd, part, length) == ssize_t(length));
+    });
+}
+
 // Whether any frame holds an element object without an id (see support.h).
 bool answers_without_ids(const uint8_t *data, size_t size)
 {
-    size_t start = 0;
-    while (start <= size) {
-        const void *nul = memchr(data + start, 0, size - start);
-        size_t end = nul != nullptr ? size_t(static_cast<const uint8_t *>(nul) - data) : size;
-        zrfuzz::json_handle frame = zrfuzz::parse(data + start, end - start);
-        if (zrfuzz::has_element_without_id(frame.get()))
-            return true;
-        start = end + 1;
-    }
-    return false;
+    return !each_part(data, size, [](const uint8_t *part, size_t length) {
+        return !zrfuzz::has_element_without_id(zrfuzz::parse(part, length).get());
+    });
 }
 
 void connect_to(cfg *ctx, int fd)
