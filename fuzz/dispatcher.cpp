@@ -59,7 +59,6 @@ daemon_state &daemon()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    zrfuzz::quiet_logging();
     zrfuzz::json_handle request = zrfuzz::parse(data, size);
     if (request == nullptr || zrfuzz::has_element_without_id(request.get()))
         return 0;

@@ -16,8 +16,7 @@ void decode_one(json_t *json)
 
 void append_all(json_t *array)
 {
-    cfg *ctx = cfg_create_new_config(nullptr);
-    cfg_schema *schema = ctx->schema;
+    cfg *ctx = zrfuzz::empty_context();
     append_json_config_messages_to_context(ctx, array);
     for (int i = 0; i < cfg_message_count(ctx); i++) {
         cfg_message *msg = cfg_get_message_object(ctx, i);
@@ -26,15 +25,13 @@ void append_all(json_t *array)
             cfg_get_message_arg_value(msg, a);
     }
     zrfuzz::exercise_dump(cfg_message_stack_to_json(ctx));
-    cfg_free_config(&ctx);
-    cfg_free_schema(nullptr, &schema);
+    zrfuzz::release(ctx);
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    zrfuzz::quiet_logging();
     zrfuzz::json_handle value = zrfuzz::parse(data, size);
     if (value == nullptr)
         return 0;

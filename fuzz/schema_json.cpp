@@ -36,14 +36,12 @@ void apply_document(json_t *doc)
 {
     if (nodes_share_id(json_object_get(doc, "nodes")))
         return;
-    cfg *ctx = cfg_create_new_config(nullptr);
-    cfg_schema *schema = ctx->schema;
+    cfg *ctx = zrfuzz::empty_context();
     cfg_apply_schema(ctx, json_object_get(doc, "nodes"), json_object_get(doc, "types"),
                      json_object_get(doc, "root"));
     if (cfg_schema_root(ctx) != nullptr)
         zrfuzz::exercise_dump(schema_elem_to_json(cfg_schema_root(ctx)));
-    cfg_free_config(&ctx);
-    cfg_free_schema(nullptr, &schema);
+    zrfuzz::release(ctx);
 }
 
 void decode_element(json_t *json)
@@ -59,7 +57,6 @@ void decode_element(json_t *json)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    zrfuzz::quiet_logging();
     zrfuzz::json_handle value = zrfuzz::parse(data, size);
     if (value == nullptr)
         return 0;

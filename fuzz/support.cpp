@@ -40,6 +40,7 @@ void quiet_logging()
 
 json_handle parse(const uint8_t *data, size_t size)
 {
+    quiet_logging();
     json_error_t error;
     return json_handle(
         json_loadb(reinterpret_cast<const char *>(data), size, JSON_DECODE_ANY, &error));
@@ -57,10 +58,15 @@ json_t *schema_document()
     return doc;
 }
 
-cfg *schema_context()
+cfg *empty_context()
 {
     quiet_logging();
-    cfg *ctx = zrd::new_context();
+    return zrd::new_context();
+}
+
+cfg *schema_context()
+{
+    cfg *ctx = empty_context();
     json_t *doc = schema_document();
     cfg_apply_schema(ctx, json_object_get(doc, "nodes"), json_object_get(doc, "types"),
                      json_object_get(doc, "root"));

@@ -22,14 +22,16 @@ using json_handle = std::unique_ptr<json_t, json_deleter>;
 // Installs a log handler that formats every line and drops it; once.
 void quiet_logging();
 
-// The bytes parsed as any JSON value (null when they are not JSON).
+// The bytes parsed as any JSON value (null when they are not JSON); logging
+// is made quiet first.
 json_handle parse(const uint8_t *data, size_t size);
 
 // The bytes as a NUL-terminated string (cut at the first NUL).
 std::string text(const uint8_t *data, size_t size);
 
-// A new context with the appliance schema only, or with the schema and the
+// A new context with an empty schema, with the appliance schema only, or with the schema and the
 // appliance configuration as a tree under "root-1". Free with release().
+cfg *empty_context();
 cfg *schema_context();
 cfg *tree_context();
 void release(cfg *&ctx);
