@@ -102,9 +102,9 @@ bool has_element_without_id(json_t *value)
     }
     if (!json_is_object(value))
         return false;
-    if (json_object_get(value, "type") != nullptr && json_object_get(value, "value") != nullptr &&
+    if (json_is_integer(json_object_get(value, "type")) &&
         json_object_get(value, "fieldname") == nullptr &&
-        !json_is_string(json_object_get(value, "id")))
+        json_object_get(value, "items") == nullptr && !json_is_string(json_object_get(value, "id")))
         return true;
     const char *key;
     json_t *member;

@@ -41,8 +41,8 @@ json_t *schema_document();
 
 // Known fault, fixed apart: an element object without a string "id"
 // leaks its value. True when value holds such an object anywhere (an
-// object with "type" and "value" but no "fieldname", which conditions
-// have); targets skip those inputs to keep finding other faults.
+// object with an integer "type" but neither "fieldname" nor "items", which
+// conditions have); targets skip those inputs to keep finding other faults.
 bool has_element_without_id(json_t *value);
 
 // A compact dump of value, freed at once: runs the encoders over what a
