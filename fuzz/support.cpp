@@ -102,9 +102,11 @@ bool has_element_without_id(json_t *value)
     }
     if (!json_is_object(value))
         return false;
-    if (json_is_integer(json_object_get(value, "type")) &&
-        json_object_get(value, "fieldname") == nullptr &&
-        json_object_get(value, "items") == nullptr && !json_is_string(json_object_get(value, "id")))
+    json_int_t type = json_integer_value(json_object_get(value, "type"));
+    bool condition = json_object_get(value, "fieldname") != nullptr ||
+                     (json_object_get(value, "items") != nullptr && (type == 1 || type == 2));
+    if (json_is_integer(json_object_get(value, "type")) && !condition &&
+        !json_is_string(json_object_get(value, "id")))
         return true;
     const char *key;
     json_t *member;

@@ -41,8 +41,9 @@ json_t *schema_document();
 
 // Known fault, fixed apart: an element object without a string "id"
 // leaks its value. True when value holds such an object anywhere (an
-// object with an integer "type" but neither "fieldname" nor "items", which
-// conditions have); targets skip those inputs to keep finding other faults.
+// object with an integer "type" that is no condition; conditions have a
+// "fieldname", or "items" under type 1 or 2, which hold no value to leak).
+// Targets skip those inputs to keep finding other faults.
 bool has_element_without_id(json_t *value);
 
 // A compact dump of value, freed at once: runs the encoders over what a
