@@ -16,7 +16,6 @@ namespace {
 
 using renames = std::map<std::string, std::string>;
 
-const char *const config_lists[] = {"added", "changed", "deleted", "appended"};
 const char *const schema_lists[] = {"schema_added", "schema_changed", "schema_deleted"};
 
 const char *item_id(json_t *item)

@@ -57,6 +57,10 @@ class server {
     bool listen(std::string &error);
     // Serves until stop_fd becomes readable (a signal arrived).
     void run(int stop_fd);
+    // Answers one request object (borrowed) for session s as its thread
+    // would; end is set when the session is to close. The fuzz target
+    // drives the dispatcher through this, without a socket.
+    json_t *handle(session &s, json_t *request, bool &end) { return dispatch(s, request, end); }
 
   private:
     void serve(session &s);

@@ -364,10 +364,13 @@ cfg_element *index_loaded(cfg *context, cfg_element *element, const char *uuid)
         cfg_free_element(context, element);
         return nullptr;
     }
-    cfg_element *existing = cfg_find_by_id(context, uuid);
+    // The held element to replace is the one under the id as the record
+    // keeps it: a longer id is cut, and two that differ only past the cut
+    // name the same element.
+    copy_uuid(element->uuid, uuid);
+    cfg_element *existing = cfg_find_by_id(context, element->uuid);
     if (existing != nullptr)
         cfg_free_element(context, existing);
-    copy_uuid(element->uuid, uuid);
     cfg_add_elem(context, element);
     return element;
 }

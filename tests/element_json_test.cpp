@@ -106,6 +106,37 @@ TEST(ElementJson, DecodesEachType)
     EXPECT_EQ(cfg_find_by_id(ctx, "u"), nullptr);
 }
 
+// Inputs the fuzz targets found faults with: the element objects of each
+// row are loaded in order, each into the index; the index then holds that
+// many elements, and nothing leaks (the sanitizer build checks).
+TEST(ElementJson, FuzzReproducers)
+{
+    const std::string cut(255, 'a');
+    struct row {
+        std::string objects;
+        unsigned held;
+    } rows[] = {
+        // Ids differing only past the 255 kept characters name one element:
+        // the second replaces the first instead of being dropped unindexed.
+        {R"([{"type":1,"id":")" + cut + R"(first","value":"true"},
+             {"type":1,"id":")" + cut + R"(second","value":"true"}])",
+         1},
+    };
+    for (const row &r : rows) {
+        context_handle h;
+        json_handle objects = parse_json(r.objects);
+        size_t i;
+        json_t *object;
+        json_array_foreach(objects.get(), i, object)
+        {
+            cfg_element *e = json_to_elem(h.get(), object);
+            ASSERT_NE(e, nullptr) << i;
+            EXPECT_EQ(cfg_find_by_id(h.get(), e->uuid), e) << i; // indexed, so owned
+        }
+        EXPECT_EQ(HASH_COUNT(h.get()->elements), r.held) << r.objects.substr(0, 60);
+    }
+}
+
 TEST(ElementJson, RoundTripDropsReferenceAndFutureParents)
 {
     context_handle h;

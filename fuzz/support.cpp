@@ -1,0 +1,123 @@
+#include "support.h"
+
+#include "common.h"
+#include "plain_data.h"
+
+#include <zrutil.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace zrfuzz {
+
+namespace {
+
+void drop_line(int, const char *, const char *, int, const char *, void *) {}
+
+// A file of examples/appliance parsed once; the process ends when it is
+// missing, since no target means anything without it.
+json_t *example(const char *name)
+{
+    std::string path = std::string(ZRFUZZ_EXAMPLES) + "/" + name;
+    json_error_t error;
+    json_t *value = json_load_file(path.c_str(), 0, &error);
+    if (value == nullptr) {
+        fprintf(stderr, "fuzz: cannot load %s: %s\n", path.c_str(), error.text);
+        abort();
+    }
+    return value;
+}
+
+} // namespace
+
+void quiet_logging()
+{
+    static bool done = false;
+    if (!done)
+        zrlog_set_handler(drop_line, nullptr);
+    done = true;
+}
+
+json_handle parse(const uint8_t *data, size_t size)
+{
+    quiet_logging();
+    json_error_t error;
+    return json_handle(
+        json_loadb(reinterpret_cast<const char *>(data), size, JSON_DECODE_ANY, &error));
+}
+
+std::string text(const uint8_t *data, size_t size)
+{
+    std::string out(reinterpret_cast<const char *>(data), size);
+    return out.substr(0, out.find('\0'));
+}
+
+json_t *schema_document()
+{
+    static json_t *doc = example("schema.json");
+    return doc;
+}
+
+cfg *empty_context()
+{
+    quiet_logging();
+    return zrd::new_context();
+}
+
+cfg *schema_context()
+{
+    cfg *ctx = empty_context();
+    json_t *doc = schema_document();
+    cfg_apply_schema(ctx, json_object_get(doc, "nodes"), json_object_get(doc, "types"),
+                     json_object_get(doc, "root"));
+    return ctx;
+}
+
+cfg *tree_context()
+{
+    static json_t *config = example("config.json");
+    cfg *ctx = schema_context();
+    cfg_element *root = cfg_new_map_with_id(ctx, "root-1");
+    unsigned long next_id = 2;
+    std::string error;
+    if (!zrplain::build_plain_data(ctx, root, ctx->schema->root, config, &next_id, error)) {
+        fprintf(stderr, "fuzz: the appliance tree does not build: %s\n", error.c_str());
+        abort();
+    }
+    return ctx;
+}
+
+void release(cfg *&ctx)
+{
+    zrd::free_context(ctx);
+}
+
+bool has_element_without_id(json_t *value)
+{
+    if (json_is_array(value)) {
+        size_t i;
+        json_t *item;
+        json_array_foreach(value, i, item) if (has_element_without_id(item)) return true;
+        return false;
+    }
+    if (!json_is_object(value))
+        return false;
+    json_int_t type = json_integer_value(json_object_get(value, "type"));
+    bool condition = json_object_get(value, "fieldname") != nullptr ||
+                     (json_object_get(value, "items") != nullptr && (type == 1 || type == 2));
+    if (json_is_integer(json_object_get(value, "type")) && !condition &&
+        !json_is_string(json_object_get(value, "id")))
+        return true;
+    const char *key;
+    json_t *member;
+    json_object_foreach(value, key, member) if (has_element_without_id(member)) return true;
+    return false;
+}
+
+void exercise_dump(json_t *value)
+{
+    free(json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY));
+    json_decref(value);
+}
+
+} // namespace zrfuzz
