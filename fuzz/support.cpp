@@ -92,28 +92,6 @@ void release(cfg *&ctx)
     zrd::free_context(ctx);
 }
 
-bool has_element_without_id(json_t *value)
-{
-    if (json_is_array(value)) {
-        size_t i;
-        json_t *item;
-        json_array_foreach(value, i, item) if (has_element_without_id(item)) return true;
-        return false;
-    }
-    if (!json_is_object(value))
-        return false;
-    json_int_t type = json_integer_value(json_object_get(value, "type"));
-    bool condition = json_object_get(value, "fieldname") != nullptr ||
-                     (json_object_get(value, "items") != nullptr && (type == 1 || type == 2));
-    if (json_is_integer(json_object_get(value, "type")) && !condition &&
-        !json_is_string(json_object_get(value, "id")))
-        return true;
-    const char *key;
-    json_t *member;
-    json_object_foreach(value, key, member) if (has_element_without_id(member)) return true;
-    return false;
-}
-
 void exercise_dump(json_t *value)
 {
     free(json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY));

@@ -39,12 +39,6 @@ void release(cfg *&ctx);
 // The appliance schema document {"root", "nodes", "types"} (borrowed).
 json_t *schema_document();
 
-// Known fault, fixed apart: an element object without a string "id"
-// leaks its value. True when value holds such an object anywhere (an
-// object with an integer "type" that is no condition; conditions have a
-// "fieldname", or "items" under type 1 or 2, which hold no value to leak).
-// Targets skip those inputs to keep finding other faults.
-bool has_element_without_id(json_t *value);
 
 // A compact dump of value, freed at once: runs the encoders over what a
 // decoder built.
