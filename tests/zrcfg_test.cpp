@@ -3,6 +3,10 @@
 #include "context.h"
 #include "daemon_process.h"
 
+#include <cstring>
+#include <functional>
+#include <thread>
+
 namespace zrtest {
 namespace {
 
@@ -104,6 +108,79 @@ TEST(Zrcfg, AnotherSessionsLockRefusesThePush)
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("error: "), std::string::npos);
     EXPECT_EQ(value_at(d, "system.hostname"), "fw1\n");
+}
+
+// Relays one session between zrcfg and the daemon, frame by frame, and runs
+// before_push just before it passes a push on: another session can change
+// the data that zrcfg has already read.
+class push_interceptor {
+  public:
+    push_interceptor(const daemon_process &d, std::function<void()> before_push)
+        : daemon_(d), before_push_(std::move(before_push))
+    {
+        struct sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path_.c_str());
+        listener_ = socket(AF_UNIX, SOCK_STREAM, 0);
+        bind(listener_, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+        listen(listener_, 1);
+        relay_ = std::thread([this] { relay(); });
+    }
+    ~push_interceptor()
+    {
+        shutdown(listener_, SHUT_RDWR);
+        relay_.join();
+        close(listener_);
+    }
+    const std::string &path() const { return path_; }
+
+  private:
+    void relay()
+    {
+        int from = accept(listener_, nullptr, nullptr);
+        int to = daemon_.connect_raw();
+        while (from >= 0 && to >= 0) {
+            json_t *request = cfg_receive_timeout(from, 0);
+            if (request == nullptr)
+                break;
+            const char *method = json_string_value(json_object_get(request, "method"));
+            if (method != nullptr && strcmp(method, "push") == 0)
+                before_push_();
+            cfg_send(to, request);
+            json_decref(request);
+            json_t *answer;
+            while ((answer = cfg_receive_timeout(to, 5000)) != nullptr) {
+                bool keepalive = json_is_true(json_object_get(answer, "keepalive"));
+                cfg_send(from, answer);
+                json_decref(answer);
+                if (!keepalive)
+                    break;
+            }
+        }
+        close(from);
+        close(to);
+    }
+
+    const daemon_process &daemon_;
+    std::function<void()> before_push_;
+    std::string path_ = daemon_.dir().file("relay.sock");
+    int listener_ = -1;
+    std::thread relay_;
+};
+
+TEST(Zrcfg, StaleCopyConflictRefusesThePush)
+{
+    daemon_process d;
+    push_interceptor relay(d, [&d] {
+        client other(d);
+        cfg_set_string(other, cfg_get_by_path(other, "system.hostname"), "other");
+        EXPECT_EQ(cfg_commit(other), 1);
+    });
+    run_result r = zrcfg(d.dir(), {"--socket", relay.path(), "set", "system.hostname", "mine"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("error: Update conflicts with newer data on server"), std::string::npos)
+        << r.err;
+    EXPECT_EQ(value_at(d, "system.hostname"), "other\n");
 }
 
 TEST(Zrcfg, ExitStatusForUsageAndUnreachableDaemon)
