@@ -1231,9 +1231,19 @@ std::vector<std::string> flagged_uuids(cfg *context)
 
 // The element itself when it is bound to a schema element, else its
 // nearest bound ancestor (validated in depth then); nullptr when none is.
+// An unbound element among its own ancestors (a parent link naming itself,
+// or a loop of them) has none: it is refused as a data cycle, like a tree
+// that holds itself, instead of being climbed for ever.
 cfg_element *bound_element(validation_context *vctx, cfg *context, cfg_element *element)
 {
+    std::vector<const cfg_element *> climbed;
     while (element != nullptr && element->schema[0] == '\0') {
+        if (climbed.size() >= zr::schema_walk::max_depth ||
+            std::find(climbed.begin(), climbed.end(), element) != climbed.end()) {
+            cfg_message_add_wrong_type(context, element->uuid);
+            return nullptr;
+        }
+        climbed.push_back(element);
         vctx->shallow = 0;
         element = cfg_get_parent_elem(context, element);
     }

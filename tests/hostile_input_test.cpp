@@ -187,3 +187,15 @@ TEST(HostileInput, CyclesEndValidationAndPopulationWithAMessage)
         EXPECT_EQ(messages_of(ctx.get()), expected);
     }
 }
+
+// Found by fuzzing the daemon's dispatcher: a new, unbound map whose parent
+// link names itself sent changed-data validation climbing for ever.
+TEST(HostileInput, UnboundElementThatIsItsOwnParentEndsChangedDataValidation)
+{
+    rooted_context c;
+    ASSERT_EQ(c.apply(R"({"added": [{"type": 8, "id": "loop", "value": {},
+        "parents": [{"map": "loop", "type": "map", "name": "x"}]}]})"),
+              1);
+    EXPECT_EQ(cfg_validate_changed_data(c.ctx()), 0);
+    EXPECT_EQ(messages_of(c.ctx()), texts{"Element [loop] is of the wrong type"});
+}
