@@ -1,9 +1,11 @@
-// What every source of the daemon shares: its log macro, owning handles for
-// Jansson values and malloc'd text, and building message objects without a
-// context. The daemon uses only the library's public interface.
+// What every source of the daemon shares: its log macro, the public C++
+// layer's owning handles for Jansson values and malloc'd text, and building
+// message objects without a context. The daemon uses only the library's
+// public interface.
 #pragma once
 
 #include <zrconfig.h>
+#include <zrconfig.hpp>
 #include <zrutil.h>
 
 #include <cstdlib>
@@ -18,17 +20,10 @@
 
 namespace zrd {
 
-struct json_decref_deleter {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-// Owns one reference to a Jansson value.
-using json_ptr = std::unique_ptr<json_t, json_decref_deleter>;
-
-struct free_deleter {
-    void operator()(void *p) const { free(p); }
-};
-// Owns text that came from malloc or strdup.
-using cstr_ptr = std::unique_ptr<char, free_deleter>;
+// The public C++ layer's owning handles: one reference to a Jansson value,
+// and text that came from malloc or strdup.
+using json_ptr = zrconfig::json_ptr;
+using cstr_ptr = zrconfig::c_string;
 
 // Message codes the daemon answers with (the library's catalogue numbers).
 enum message_code : int {
