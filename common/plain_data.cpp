@@ -2,6 +2,8 @@
 // plain JSON.
 #include "plain_data.h"
 
+#include <zrconfig.hpp>
+
 #include <cctype>
 #include <cstdlib>
 #include <memory>
@@ -306,10 +308,7 @@ cfg_element *build_plain_value(cfg *ctx, json_t *value, cfg_schema_element *sche
 
 namespace {
 
-struct json_deleter {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using json_owner = std::unique_ptr<json_t, json_deleter>;
+using json_owner = zrconfig::json_ptr;
 
 // The members of a list or map, as cfg_parent_link records.
 cfg_link *member_links(cfg_element *e)

@@ -7,6 +7,8 @@
 
 #include <zrconfig.h>
 
+#include <zrconfig.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,10 +16,7 @@
 
 namespace zrfuzz {
 
-struct json_deleter {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using json_handle = std::unique_ptr<json_t, json_deleter>;
+using json_handle = zrconfig::json_ptr;
 
 // Installs a log handler that formats every line and drops it; once.
 void quiet_logging();
