@@ -145,6 +145,7 @@ extern "C" int cfg_free_schema(cfg *, cfg_schema **handle)
         return 0;
     cfg_schema *schema = *handle;
     release_schema_elements(schema);
+    zr::release_displaced_schema_elements(schema);
     release_types(schema->types);
     release_regex_cache(schema);
     free(schema);

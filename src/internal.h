@@ -71,6 +71,11 @@ const char *mapped_id(cfg *ctx, const char *id);
 // Frees a validator and everything it owns; always nullptr.
 cfg_schema_validator *free_schema_validator(cfg_schema_validator *validator);
 
+// Frees the schema records that lost their place in schema's uuid map to a
+// record loaded under the same id and were kept for callers that may still
+// hold them; called when the schema itself is released.
+void release_displaced_schema_elements(cfg_schema *schema);
+
 // The member at position of list as the context's get_by_id hook finds it;
 // null past the end.
 cfg_element *list_member(cfg *context, cfg_element *list, size_t position);

@@ -4,8 +4,12 @@
 #define ZR_SOURCE "src/schema"
 #include "internal.h"
 
+#include <atomic>
 #include <cstring>
+#include <mutex>
+#include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 using zr::zalloc;
 
@@ -198,8 +202,43 @@ void free_type_part(cfg_schema_element *elem)
     }
 }
 
+// Records displaced from a schema's uuid map by a later record with the same
+// id. A caller may still hold one, so it stays allocated until its schema is
+// released (or until someone frees it: cfg_free_schema_element forgets it).
+// Process-wide, behind a mutex; the count spares the lock while it is empty.
+struct displaced_records {
+    std::mutex lock;
+    std::unordered_map<cfg_schema_element *, cfg_schema *> owner;
+    std::atomic<size_t> count{0};
+};
+
+displaced_records &displaced()
+{
+    static displaced_records records;
+    return records;
+}
+
+void keep_displaced(cfg_schema *schema, cfg_schema_element *elem)
+{
+    displaced_records &records = displaced();
+    std::lock_guard<std::mutex> guard(records.lock);
+    records.owner[elem] = schema;
+    records.count = records.owner.size();
+}
+
+void forget_displaced(cfg_schema_element *elem)
+{
+    displaced_records &records = displaced();
+    if (records.count == 0)
+        return;
+    std::lock_guard<std::mutex> guard(records.lock);
+    records.owner.erase(elem);
+    records.count = records.owner.size();
+}
+
 // A zeroed record of type under uuid (a fresh one when null), registered in
-// the context's schema; nullptr without a context or schema.
+// the context's schema; nullptr without a context or schema. A record that
+// held the id before is kept with the schema, not lost.
 cfg_schema_element *register_element(cfg *context, const char *uuid, int type)
 {
     if (context == nullptr || context->schema == nullptr)
@@ -212,10 +251,13 @@ cfg_schema_element *register_element(cfg *context, const char *uuid, int type)
         copy_uuid(elem->uuid, uuid);
     else
         gen_uuid(elem->uuid);
+    cfg_schema_element *before = cfg_get_schema_node(context, elem->uuid);
     if (!cfg_add_schema_elem(&context->schema->elements, elem)) {
         free(elem);
         return nullptr;
     }
+    if (before != nullptr)
+        keep_displaced(context->schema, before);
     return elem;
 }
 
@@ -1405,10 +1447,33 @@ extern "C" void cfg_delete_schema_members(cfg *context, cfg_schema_element *elem
     elem->flags |= CFG_FLAG_CHANGED;
 }
 
+void zr::release_displaced_schema_elements(cfg_schema *schema)
+{
+    displaced_records &records = displaced();
+    if (records.count == 0)
+        return;
+    std::vector<cfg_schema_element *> released;
+    {
+        std::lock_guard<std::mutex> guard(records.lock);
+        for (auto it = records.owner.begin(); it != records.owner.end();) {
+            if (it->second == schema) {
+                released.push_back(it->first);
+                it = records.owner.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        records.count = records.owner.size();
+    }
+    for (cfg_schema_element *elem : released)
+        cfg_free_schema_element(elem);
+}
+
 extern "C" void cfg_free_schema_element(cfg_schema_element *elem)
 {
     if (elem == nullptr)
         return;
+    forget_displaced(elem);
     for (int i = 0; i < elem->validators_count; i++)
         zr::free_schema_validator(elem->validators[i]);
     free(elem->validators);
