@@ -1,7 +1,7 @@
 // A daemon's answer fed to a request function. The first byte picks the
 // function; the rest, split at NUL bytes, are the frames a peer has already
 // written to its end of a socket pair before closing it. The context holds
-// the appliance tree and is connected as a client's is.
+// the appliance's system and users and is connected as a client's is.
 #include "support.h"
 
 #include <cstdlib>
@@ -98,7 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     if (write_frames(pair[1], data + 1, size - 1)) {
         shutdown(pair[1], SHUT_WR);
-        cfg *ctx = zrfuzz::tree_context();
+        cfg *ctx = zrfuzz::small_tree_context();
         connect_to(ctx, pair[0]);
         call(ctx, data[0]);
         cfg_free_message_stack(ctx);

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 
 namespace zrfuzz {
 
@@ -73,9 +74,12 @@ cfg *schema_context()
     return ctx;
 }
 
-cfg *tree_context()
+namespace {
+
+// A new context holding the appliance schema and config as a tree under
+// "root-1".
+cfg *context_with(json_t *config)
 {
-    static json_t *config = example("config.json");
     cfg *ctx = schema_context();
     cfg_element *root = cfg_new_map_with_id(ctx, "root-1");
     unsigned long next_id = 2;
@@ -85,6 +89,31 @@ cfg *tree_context()
         abort();
     }
     return ctx;
+}
+
+// The appliance configuration with only the sections named.
+json_t *sections_of_example(std::initializer_list<const char *> names)
+{
+    json_t *whole = example("config.json");
+    json_t *part = json_object();
+    for (const char *name : names)
+        json_object_set(part, name, json_object_get(whole, name));
+    json_decref(whole);
+    return part;
+}
+
+} // namespace
+
+cfg *tree_context()
+{
+    static json_t *config = example("config.json");
+    return context_with(config);
+}
+
+cfg *small_tree_context()
+{
+    static json_t *config = sections_of_example({"system", "users"});
+    return context_with(config);
 }
 
 void release(cfg *&ctx)

@@ -33,6 +33,8 @@ std::string text(const uint8_t *data, size_t size);
 cfg *empty_context();
 cfg *schema_context();
 cfg *tree_context();
+// The same with only the system and users sections: cheaper to build.
+cfg *small_tree_context();
 void release(cfg *&ctx);
 
 // The appliance schema document {"root", "nodes", "types"} (borrowed).
