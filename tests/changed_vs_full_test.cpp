@@ -1,5 +1,5 @@
 // Changed-data validation judged against full validation: random edit
-// sequences on the network appliance (with a user-to-certificate reference
+// sequences on the appliance (with a user-to-certificate reference
 // added), each seen by both.
 //
 // A sequence starts from the appliance after a clean full validation (so the
@@ -36,7 +36,7 @@
 // ZR_DIFF_SEQUENCES sets the number of sequences (200 by default),
 // ZR_DIFF_ROUNDS the rounds of one sequence (3) and ZR_DIFF_SEED the first
 // seed.
-#include "network_appliance.h"
+#include "appliance.h"
 
 #include <algorithm>
 #include <chrono>
@@ -104,9 +104,9 @@ std::vector<json_handle> snapshot(cfg *c)
 }
 
 // A fresh appliance context holding a copy of a snapshot.
-struct appliance_copy : network_appliance {
+struct appliance_copy : appliance {
     explicit appliance_copy(const std::vector<json_handle> &elements)
-        : network_appliance(schema_only{})
+        : appliance(schema_only{})
     {
         add_user_certificate_key(ctx());
         for (const json_handle &e : elements)
@@ -116,7 +116,7 @@ struct appliance_copy : network_appliance {
 
 // The edited side: the appliance validated in full, flags cleared, plus the
 // edits applied so far.
-struct edited_appliance : network_appliance {
+struct edited_appliance : appliance {
     std::mt19937 rng;
     std::vector<std::string> edits;
     bool edited_certificate_members = false;

@@ -6,7 +6,11 @@
 #include "mini_daemon.h"
 #include "scripted_daemon.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <set>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -91,6 +95,37 @@ TEST(ClientSession, ConnectFailuresAndIncompleteSchema)
         ASSERT_NE(s.ctx, nullptr) << schema;
         EXPECT_EQ(cfg_schema_root(s.ctx), nullptr) << schema;
     }
+}
+
+// A refused login keeps its socket open (the one descriptor it may leave);
+// a refused connect leaves none.
+TEST(ClientSession, FailedLoginLeavesOnlyItsSocketOpen)
+{
+    auto descriptors = [] { // the listing's own descriptor is closed when checked
+        std::set<int> out;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            out.insert(std::stoi(entry.path().filename()));
+        std::erase_if(out, [](int fd) { return fcntl(fd, F_GETFD) == -1; });
+        return out;
+    };
+    scripted_daemon daemon({step::answer(R"({"result": false})"), step::close()});
+    log_capture log;
+    std::set<int> before = descriptors();
+    EXPECT_EQ(cfg_connect(daemon.socket_path().c_str(), "x"), nullptr);
+    daemon.stop(); // its end of the connection is closed too
+    std::set<int> after = descriptors();
+    std::vector<int> added;
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                        std::back_inserter(added));
+    ASSERT_EQ(added.size(), 1u);
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(added[0]))
+                  .string()
+                  .rfind("socket:", 0),
+              0u);
+    close(added[0]);
+
+    EXPECT_EQ(cfg_connect("/nonexistent-dir/daemon.sock", "x"), nullptr);
+    EXPECT_EQ(descriptors(), before);
 }
 
 TEST(ClientSession, RequestsWithoutAConnectionSendNothing)
@@ -253,6 +288,35 @@ TEST(ClientPull, ConflictsKeepLocalWorkUnlessForced)
         EXPECT_EQ(cfg_conflict_count(c), force ? 0 : 1);
         EXPECT_STREQ(cfg_get_conflict(c, 0), force ? nullptr : "newer");
     }
+}
+
+// The conflict list keeps copies; removal takes the first equal entry and
+// moves the later ones down.
+TEST(ClientPull, ConflictListRemovesTheFirstEqualEntry)
+{
+    context_handle ctx;
+    cfg *c = ctx.get();
+    char id[] = "a";
+    EXPECT_STREQ(cfg_add_conflict(c, id), "a");
+    id[0] = 'x';
+    for (const char *more : {"b", "a", "c"})
+        cfg_add_conflict(c, more);
+    cfg_remove_conflict(c, "a");
+    cfg_remove_conflict(c, "zz");
+    cfg_remove_conflict(c, nullptr);
+    cfg_remove_conflict(nullptr, "b");
+    auto conflicts = [c] {
+        texts out;
+        for (int i = 0; i < cfg_conflict_count(c); i++)
+            out.emplace_back(cfg_get_conflict(c, i));
+        return out;
+    };
+    EXPECT_EQ(conflicts(), (texts{"b", "a", "c"}));
+    cfg_remove_conflict(c, "c");
+    cfg_remove_conflict(c, "b");
+    EXPECT_EQ(conflicts(), texts{"a"});
+    EXPECT_EQ(cfg_get_conflict(c, 1), nullptr);
+    EXPECT_EQ(cfg_get_conflict(c, -1), nullptr);
 }
 
 TEST(ClientPull, FutureMembersCarryOverToTheFetchedList)

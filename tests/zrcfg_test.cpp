@@ -10,6 +10,8 @@
 namespace zrtest {
 namespace {
 
+using Zrcfg = example_appliance_test;
+
 // The command to run: ZRCFG from the environment, else the one built.
 std::string zrcfg_path()
 {
@@ -62,7 +64,7 @@ std::string value_at(const daemon_process &d, const std::string &path)
     return zrcfg(d, {"get", path}).out;
 }
 
-TEST(Zrcfg, GetSetDeleteAndAddRoundTrip)
+TEST_F(Zrcfg, GetSetDeleteAndAddRoundTrip)
 {
     daemon_process d;
     EXPECT_EQ(value_at(d, "system.hostname"), "fw1\n");
@@ -84,7 +86,7 @@ TEST(Zrcfg, GetSetDeleteAndAddRoundTrip)
     EXPECT_EQ(json_integer_value(json_object_get(lab.get(), "mtu")), 1500); // default filled in
 }
 
-TEST(Zrcfg, ValidationFailurePrintsThePathAndCommitsNothing)
+TEST_F(Zrcfg, ValidationFailurePrintsThePathAndCommitsNothing)
 {
     daemon_process d;
     run_result r = zrcfg(d, {"delete", "network.conns[1].address"});
@@ -99,7 +101,7 @@ TEST(Zrcfg, ValidationFailurePrintsThePathAndCommitsNothing)
     EXPECT_EQ(value_at(d, "network.conns[1].mtu"), "1500\n");
 }
 
-TEST(Zrcfg, AnotherSessionsLockRefusesThePush)
+TEST_F(Zrcfg, AnotherSessionsLockRefusesThePush)
 {
     daemon_process d;
     client holder(d);
@@ -168,7 +170,7 @@ class push_interceptor {
     std::thread relay_;
 };
 
-TEST(Zrcfg, StaleCopyConflictRefusesThePush)
+TEST_F(Zrcfg, StaleCopyConflictRefusesThePush)
 {
     daemon_process d;
     push_interceptor relay(d, [&d] {
@@ -183,7 +185,7 @@ TEST(Zrcfg, StaleCopyConflictRefusesThePush)
     EXPECT_EQ(value_at(d, "system.hostname"), "other\n");
 }
 
-TEST(Zrcfg, ExitStatusForUsageAndUnreachableDaemon)
+TEST(ZrcfgUsage, ExitStatusForUsageAndUnreachableDaemon)
 {
     temp_dir dir;
     std::string dead = dir.file("nobody.sock");
@@ -196,7 +198,7 @@ TEST(Zrcfg, ExitStatusForUsageAndUnreachableDaemon)
     EXPECT_EQ(help.out.rfind("usage: zrcfg search", 0), 0u);
 }
 
-TEST(Zrcfg, ExportThenApplyChangesNothingAndAChangedDocumentCommits)
+TEST_F(Zrcfg, ExportThenApplyChangesNothingAndAChangedDocumentCommits)
 {
     daemon_process d;
     run_result exported = zrcfg(d, {"export"});
@@ -218,7 +220,7 @@ TEST(Zrcfg, ExportThenApplyChangesNothingAndAChangedDocumentCommits)
     EXPECT_EQ(zrcfg(d, {"get", "network.conns[3]"}).status, 1);
 }
 
-TEST(Zrcfg, SearchJoinsConditions)
+TEST_F(Zrcfg, SearchJoinsConditions)
 {
     daemon_process d;
     run_result table = zrcfg(d, {"search", "network.conns", "mode = static", "mtu > 1500"});
