@@ -24,18 +24,6 @@ std::string element_text(const char *id, const char *value, int generation)
            R"(", "generation": )" + std::to_string(generation) + "}";
 }
 
-// A connected session that is closed when the test ends.
-struct session {
-    cfg *ctx;
-    explicit session(const mini_daemon &daemon)
-        : ctx(cfg_connect(daemon.socket_path().c_str(), "tester"))
-    {
-    }
-    ~session() { cfg_disconnect(&ctx); }
-    session(const session &) = delete;
-    session &operator=(const session &) = delete;
-};
-
 // A scripted connection whose context fetches through the client hooks.
 struct hooked_context : client_context {
     explicit hooked_context(const scripted_daemon &daemon) : client_context(daemon)
@@ -91,7 +79,7 @@ TEST(ClientSession, ConnectFailuresAndIncompleteSchema)
                                R"({"root": 7, "nodes": {"x": 5, "y": []}, "types": []})"}) {
         mini_daemon daemon;
         daemon.set_schema(schema);
-        session s(daemon);
+        session s(daemon.socket_path(), "tester");
         ASSERT_NE(s.ctx, nullptr) << schema;
         EXPECT_EQ(cfg_schema_root(s.ctx), nullptr) << schema;
     }
@@ -147,7 +135,7 @@ TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
     mini_daemon daemon;
     daemon.put(element_text("s1", "one", 1));
     daemon.put(element_text("s2", "two", 1));
-    session s(daemon);
+    session s(daemon.socket_path(), "tester");
     ASSERT_NE(s.ctx, nullptr);
 
     EXPECT_EQ(string_of(cfg_get_by_id(s.ctx, "s1")), "one");
@@ -270,7 +258,7 @@ TEST(ClientPull, ConflictsKeepLocalWorkUnlessForced)
         daemon.put(element_text("newer", "daemon", 5));
         daemon.put(element_text("same", "daemon", 2));
         daemon.put(element_text("plain", "daemon", 1));
-        session s(daemon);
+        session s(daemon.socket_path(), "tester");
         ASSERT_NE(s.ctx, nullptr);
         cfg *c = s.ctx;
         cfg_set_string(c, cfg_get_by_id(c, "newer"), "local")->generation = 4;
@@ -323,7 +311,7 @@ TEST(ClientPull, FutureMembersCarryOverToTheFetchedList)
 {
     mini_daemon daemon;
     daemon.put(R"({"type": 7, "id": "l", "value": ["a"], "generation": 1})");
-    session s(daemon);
+    session s(daemon.socket_path(), "tester");
     ASSERT_NE(s.ctx, nullptr);
     cfg_element *list = cfg_get_by_id(s.ctx, "l");
     cfg_append_future_listid(list, "a");
@@ -340,7 +328,7 @@ TEST(ClientCommit, PushFreesLocalCopyAndMapsRenamedIds)
     mini_daemon daemon;
     daemon.put(element_text("kept", "old", 1));
     daemon.put(element_text("gone", "old", 1));
-    session s(daemon);
+    session s(daemon.socket_path(), "tester");
     ASSERT_NE(s.ctx, nullptr);
     cfg *c = s.ctx;
     cfg_new_string_with_id(c, "made", "tmp1");

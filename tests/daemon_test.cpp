@@ -3,7 +3,6 @@
 #include "context.h"
 #include "daemon_process.h"
 
-#include <arpa/inet.h>
 #include <atomic>
 #include <fstream>
 #include <random>
@@ -57,11 +56,9 @@ cfg_element *add_connection(cfg *ctx, const char *name)
 // One raw frame out, one back (null when the daemon closed or sent junk).
 json_handle exchange(int fd, const std::string &payload, uint32_t length_override = UINT32_MAX)
 {
-    uint32_t length = htonl(length_override != UINT32_MAX ? length_override
-                                                          : static_cast<uint32_t>(payload.size()));
-    std::string frame(reinterpret_cast<char *>(&length), 4);
-    frame += payload;
-    if (write(fd, frame.data(), frame.size()) != static_cast<ssize_t>(frame.size()))
+    std::string bytes = length_override != UINT32_MAX ? frame_prefix(length_override) + payload
+                                                      : frame(payload);
+    if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
         return nullptr;
     return json_handle(cfg_receive_timeout(fd, 5000));
 }
@@ -310,9 +307,8 @@ TEST_F(Daemon, BadFramesAreAnsweredWithoutHarm)
     }
     // A client that vanishes inside a frame costs only its own session.
     fd = d.connect_raw();
-    uint32_t length = htonl(100);
-    ASSERT_EQ(write(fd, &length, 4), 4);
-    ASSERT_EQ(write(fd, "{\"meth", 6), 6);
+    std::string part = frame_prefix(100) + "{\"meth";
+    ASSERT_EQ(write(fd, part.data(), part.size()), ssize_t(part.size()));
     close(fd);
     {
         client c(d);
