@@ -204,8 +204,12 @@ TEST_F(Daemon, TransactionSavedAtDisconnectIsCommittedLater)
     client later(d);
     free(later->transaction_dir);
     later->transaction_dir = strdup(d.dir().path().c_str());
+    const std::string file = d.dir().file(id + ".transaction");
+    ASSERT_TRUE(std::filesystem::exists(file));
     ASSERT_EQ(cfg_transaction_open(later, id.c_str()), 1);
     ASSERT_EQ(cfg_commit(later), 1) << testing::PrintToString(messages_of(later));
+    EXPECT_EQ(cfg_in_transaction(later), 0);
+    EXPECT_FALSE(std::filesystem::exists(file)) << "a commit removes the file";
     client reader(d);
     EXPECT_EQ(string_at(reader, "system.hostname"), "pending");
 }
