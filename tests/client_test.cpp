@@ -385,7 +385,7 @@ TEST(ClientCommitDeathTest, FutureMembersWithoutFlagAbort)
     cfg_append_future_listid(list, "f");
     list->flags &= ~CFG_FLAG_HAS_FUTURE;
     EXPECT_DEATH(cfg_assemble_update(ctx.get()),
-                 "src/client: assemble_element: Assertion `item->elem->flags & \\(1 << 4\\)' "
+                 "src/[a-z_]+: [a-z_]+: Assertion `item->elem->flags & \\(1 << 4\\)' "
                  "failed");
 }
 

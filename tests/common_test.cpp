@@ -3,6 +3,7 @@
 
 #include <cctype>
 #include <cstring>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -60,9 +61,15 @@ TEST(Lookups, MissingHooksReportWhereTheyFailedRootGoesThroughTheHook)
     EXPECT_EQ(cfg_root(ctx.get()), nullptr);
     char *ids[] = {const_cast<char *>("x"), nullptr};
     EXPECT_EQ(cfg_get_by_ids(ctx.get(), ids, 1), nullptr);
-    const std::string unexpected = "Unexpected internal error (File src/common, Line ";
-    EXPECT_EQ(messages_of(ctx.get()), (texts{unexpected + "422)", unexpected + "422)",
-                                             unexpected + "435)"}));
+    // The message names the library's source and line, whichever they are.
+    texts said = messages_of(ctx.get());
+    ASSERT_EQ(said.size(), 3u);
+    for (const std::string &text : said)
+        EXPECT_TRUE(std::regex_match(
+            text, std::regex(R"(Unexpected internal error \(File src/\w+, Line \d+\))")))
+            << text;
+    EXPECT_EQ(said[0], said[1]);
+    EXPECT_NE(said[1], said[2]);
 
     // The root is looked up through the hook under "root-1".
     static const char *asked_for = nullptr;
