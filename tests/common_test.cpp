@@ -3,7 +3,6 @@
 
 #include <cctype>
 #include <cstring>
-#include <regex>
 #include <set>
 #include <thread>
 
@@ -64,10 +63,13 @@ TEST(Lookups, MissingHooksReportWhereTheyFailedRootGoesThroughTheHook)
     // The message names the library's source and line, whichever they are.
     texts said = messages_of(ctx.get());
     ASSERT_EQ(said.size(), 3u);
-    for (const std::string &text : said)
-        EXPECT_TRUE(std::regex_match(
-            text, std::regex(R"(Unexpected internal error \(File src/\w+, Line \d+\))")))
+    for (const std::string &text : said) {
+        size_t line = text.find(", Line ");
+        EXPECT_EQ(text.rfind("Unexpected internal error (File src/", 0), 0u) << text;
+        EXPECT_TRUE(line != std::string::npos && text.back() == ')' &&
+                    atoi(text.c_str() + line + 7) > 0)
             << text;
+    }
     EXPECT_EQ(said[0], said[1]);
     EXPECT_NE(said[1], said[2]);
 
