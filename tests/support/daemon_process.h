@@ -148,10 +148,8 @@ class daemon_process {
         if (pid_ <= 0)
             return exit_status_;
         kill(pid_, sig);
-        int status = 0;
-        waitpid(pid_, &status, 0);
+        exit_status_ = exit_status(pid_);
         pid_ = -1;
-        exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         return exit_status_;
     }
 
