@@ -1,13 +1,13 @@
 // Changed-data validation: after a full validation has filled the trigger
 // tables, edits to the appliance validate only what they can affect.
-#include "network_appliance.h"
+#include "appliance.h"
 
 using namespace zrtest;
 
 namespace {
 
 // The appliance validated in full, its flags cleared as after a commit.
-struct validated_appliance : network_appliance {
+struct validated_appliance : appliance {
     validated_appliance()
     {
         EXPECT_EQ(cfg_validate_data(ctx()), 1) << testing::PrintToString(messages());

@@ -1,5 +1,5 @@
 // Changed-data validation judged against full validation: random edit
-// sequences on the network appliance (with a user-to-certificate reference
+// sequences on the appliance (with a user-to-certificate reference
 // added), each seen by both.
 //
 // A sequence starts from the appliance after a clean full validation (so the
@@ -36,15 +36,13 @@
 // ZR_DIFF_SEQUENCES sets the number of sequences (200 by default),
 // ZR_DIFF_ROUNDS the rounds of one sequence (3) and ZR_DIFF_SEED the first
 // seed.
-#include "network_appliance.h"
+#include "appliance.h"
 
-#include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <functional>
-#include <iostream>
 #include <random>
 #include <set>
+#include <type_traits>
 #include <syslog.h>
 
 using namespace zrtest;
@@ -104,9 +102,9 @@ std::vector<json_handle> snapshot(cfg *c)
 }
 
 // A fresh appliance context holding a copy of a snapshot.
-struct appliance_copy : network_appliance {
+struct appliance_copy : appliance {
     explicit appliance_copy(const std::vector<json_handle> &elements)
-        : network_appliance(schema_only{})
+        : appliance(schema_only{})
     {
         add_user_certificate_key(ctx());
         for (const json_handle &e : elements)
@@ -116,7 +114,7 @@ struct appliance_copy : network_appliance {
 
 // The edited side: the appliance validated in full, flags cleared, plus the
 // edits applied so far.
-struct edited_appliance : network_appliance {
+struct edited_appliance : appliance {
     std::mt19937 rng;
     std::vector<std::string> edits;
     bool edited_certificate_members = false;
@@ -241,13 +239,11 @@ struct edit_kind {
 
 std::string conn_name(edited_appliance &a)
 {
-    return a.value<std::string>({"wan", "lan", "dmz", "lab", "guest", "mgmt", "vpn"},
-                                {"WAN!", "averyveryverylongname"});
+    return a.value<std::string>({"wan", "lan", "dmz", "lab", "guest"}, {"WAN!"});
 }
 std::string user_name(edited_appliance &a)
 {
-    return a.value<std::string>({"admin", "operator", "guest", "backup", "audit", "ops"},
-                                {"Bad Name"});
+    return a.value<std::string>({"admin", "operator", "guest", "ops"}, {"Bad Name"});
 }
 
 // Members and items that no schema element accounts for, and their removal.
@@ -281,43 +277,49 @@ void repair_structure(edited_appliance &a)
         a.drop(map, "colour");
 }
 
+// Where an edit lands: an item of one of the lists (null when it has none),
+// or a fixed map.
+using target = cfg_element *(*)(edited_appliance &);
+cfg_element *a_connection(edited_appliance &a) { return a.pick_item(a.conns); }
+cfg_element *a_user(edited_appliance &a) { return a.pick_item(a.users); }
+cfg_element *the_system(edited_appliance &a) { return a.system; }
+cfg_element *the_network(edited_appliance &a) { return a.network; }
+
+// Sets key of the target to a value from good, or one time in six from bad.
+template <typename T>
+edit_kind set(const char *name, target where, const char *key, std::vector<T> good,
+              std::vector<T> bad)
+{
+    return {name, [=](edited_appliance &a) {
+                if (cfg_element *map = where(a)) {
+                    if constexpr (std::is_same_v<T, int>)
+                        a.set_int(map, key, a.value(good, bad));
+                    else
+                        a.set_string(map, key, a.value(good, bad));
+                }
+            }};
+}
+edit_kind drop(const char *name, target where, std::vector<const char *> keys)
+{
+    return {name, [=](edited_appliance &a) { a.drop(where(a), a.pick(keys)); }};
+}
+
 // Each edit picks its target and value at random; some make the tree
 // invalid, others repair what earlier ones broke.
 const std::vector<edit_kind> &edit_kinds()
 {
     using A = edited_appliance;
     static const std::vector<edit_kind> kinds{
-        {"rename connection",
-         [](A &a) {
-             if (cfg_element *c = a.pick_item(a.conns))
-                 a.set_string(c, "name", conn_name(a));
-         }},
-        {"switch connection mode",
-         [](A &a) {
-             if (cfg_element *c = a.pick_item(a.conns))
-                 a.set_string(c, "mode", a.value<std::string>({"static", "dhcp"}, {"bridge"}));
-         }},
-        {"set mtu",
-         [](A &a) {
-             if (cfg_element *c = a.pick_item(a.conns))
-                 a.set_int(c, "mtu", a.value<int>({1500, 9000, 576}, {100, 9001}));
-         }},
-        {"set address",
-         [](A &a) {
-             if (cfg_element *c = a.pick_item(a.conns))
-                 a.set_string(c, "address",
-                              a.value<std::string>({"10.0.0.1", "192.168.1.1"}, {"300.1.1.1"}));
-         }},
-        {"set netmask",
-         [](A &a) {
-             if (cfg_element *c = a.pick_item(a.conns))
-                 a.set_int(c, "netmask", a.value<int>({24, 16}, {33}));
-         }},
-        {"drop connection member",
-         [](A &a) {
-             a.drop(a.pick_item(a.conns),
-                    a.pick<const char *>({"name", "mode", "mtu", "address", "netmask", "trace"}));
-         }},
+        set<std::string>("rename connection", a_connection, "name", {"wan", "lan", "dmz", "lab"},
+                         {"WAN!", "averyveryverylongname"}),
+        set<std::string>("switch connection mode", a_connection, "mode", {"static", "dhcp"},
+                         {"bridge"}),
+        set<int>("set mtu", a_connection, "mtu", {1500, 9000, 576}, {100, 9001}),
+        set<std::string>("set address", a_connection, "address", {"10.0.0.1", "192.168.1.1"},
+                         {"300.1.1.1"}),
+        set<int>("set netmask", a_connection, "netmask", {24, 16}, {33}),
+        drop("drop connection member", a_connection,
+             {"name", "mode", "mtu", "address", "netmask", "trace"}),
         {"append connection",
          [](A &a) {
              cfg_element *c = a.add_item(a.conns);
@@ -327,52 +329,19 @@ const std::vector<edit_kind> &edit_kinds()
                  a.set_string(c, "mode", "dhcp");
          }},
         {"delete connection", [](A &a) { a.delete_item(a.conns); }},
-        {"set log level",
-         [](A &a) {
-             a.set_int(a.system, "loglevel", a.value<int>({6, 7, 0}, {8}));
-         }},
-        {"drop system member",
-         [](A &a) {
-             a.drop(a.system, a.pick<const char *>({"loglevel", "timezone", "hostname"}));
-         }},
-        {"set proxy mode",
-         [](A &a) {
-             a.set_string(a.system, "proxy_mode", a.value<std::string>({"off", "http"}, {"ftp"}));
-         }},
-        {"drop proxy mode", [](A &a) { a.drop(a.system, "proxy_mode"); }},
-        {"set proxy port",
-         [](A &a) {
-             a.set_int(a.network, "proxy_port", a.value<int>({8080, 3128}, {0}));
-         }},
-        {"set hostname",
-         [](A &a) {
-             a.set_string(a.system, "hostname",
-                          a.value<std::string>({"gateway", "router-2"}, {"Bad Host", ""}));
-         }},
-        {"set deprecated port",
-         [](A &a) {
-             a.set_int(a.system, "legacy_port", a.pick<int>({1, 5}));
-         }},
-        {"rename user",
-         [](A &a) {
-             if (cfg_element *u = a.pick_item(a.users))
-                 a.set_string(u, "name", user_name(a));
-         }},
-        {"set uid",
-         [](A &a) {
-             if (cfg_element *u = a.pick_item(a.users))
-                 a.set_int(u, "uid", a.value<int>({1000, 1500, 2500}, {999, 70000}));
-         }},
-        {"set role",
-         [](A &a) {
-             if (cfg_element *u = a.pick_item(a.users))
-                 a.set_string(u, "role",
-                              a.value<std::string>({"admin", "viewer", "operator"}, {"root"}));
-         }},
-        {"drop user member",
-         [](A &a) {
-             a.drop(a.pick_item(a.users), a.pick<const char *>({"name", "role", "uid", "cert"}));
-         }},
+        set<int>("set log level", the_system, "loglevel", {6, 7, 0}, {8}),
+        drop("drop system member", the_system, {"loglevel", "timezone", "hostname"}),
+        set<std::string>("set proxy mode", the_system, "proxy_mode", {"off", "http"}, {"ftp"}),
+        drop("drop proxy mode", the_system, {"proxy_mode"}),
+        set<int>("set proxy port", the_network, "proxy_port", {8080, 3128}, {0}),
+        set<std::string>("set hostname", the_system, "hostname", {"gateway", "router-2"},
+                         {"Bad Host", ""}),
+        set<int>("set deprecated port", the_system, "legacy_port", {1, 5}, {1, 5}),
+        set<std::string>("rename user", a_user, "name", {"admin", "operator", "guest", "ops"},
+                         {"Bad Name"}),
+        set<int>("set uid", a_user, "uid", {1000, 1500, 2500}, {999, 70000}),
+        set<std::string>("set role", a_user, "role", {"admin", "viewer", "operator"}, {"root"}),
+        drop("drop user member", a_user, {"name", "role", "uid", "cert"}),
         {"append user",
          [](A &a) {
              cfg_element *u = a.add_item(a.users);
@@ -468,35 +437,9 @@ void check_sequence(unsigned seed, const edited_appliance &a, const verdict &cha
     }
 }
 
-// What the rounds came to, for the closing line.
-struct tally {
-    unsigned rounds = 0, valid = 0, only_full_rejects = 0, same_messages = 0, unaccounted = 0;
-
-    void add(const verdict &changed, const verdict &full)
-    {
-        rounds++;
-        valid += changed.valid && full.valid;
-        only_full_rejects += changed.valid && !full.valid;
-        same_messages +=
-            !full.valid && changed.messages.size() == full.messages.size() &&
-            std::equal(changed.messages.begin(), changed.messages.end(), full.messages.begin(),
-                       [](auto &x, auto &y) { return x.code == y.code && x.uuid == y.uuid; });
-        unaccounted += !full.messages.empty() && full.messages.front().no_match();
-    }
-};
-
-std::ostream &operator<<(std::ostream &out, const tally &t)
-{
-    return out << t.rounds << " rounds: " << t.valid << " valid, " << t.rounds - t.valid
-               << " invalid (" << t.only_full_rejects
-               << " rejected by full validation only, after certificate edits; " << t.same_messages
-               << " with the same messages; " << t.unaccounted
-               << " where full validation found unaccounted elements)";
-}
-
 // One seeded sequence: rounds of edits, each judged by both validations and
 // committed when both accept; a rejected round's edits stay pending.
-void run_sequence(unsigned seed, unsigned rounds, tally &seen)
+void run_sequence(unsigned seed, unsigned rounds)
 {
     edited_appliance a(seed);
     for (unsigned round = 0; round < rounds; round++) {
@@ -508,7 +451,6 @@ void run_sequence(unsigned seed, unsigned rounds, tally &seen)
         verdict full{cfg_validate_data(copy.ctx()), messages_with_elements(copy.ctx())};
         verdict changed{cfg_validate_changed_data(a.ctx()), messages_with_elements(a.ctx())};
         check_sequence(seed, a, changed, full, tree);
-        seen.add(changed, full);
         if (changed.valid && full.valid)
             a.commit();
         else
@@ -532,15 +474,9 @@ TEST(ChangedVersusFull, RandomEditSequencesAgreeByTheRules)
     const unsigned first = env_number("ZR_DIFF_SEED", 1);
     const testing::TestResult &result =
         *testing::UnitTest::GetInstance()->current_test_info()->result();
-    tally seen;
     zrlog_set_handler_ceiling(LOG_WARNING);
-    const auto start = std::chrono::steady_clock::now();
     // A handful of failing sequences tells enough; stop there.
     for (unsigned seed = first; seed < first + count && result.total_part_count() < 5; seed++)
-        run_sequence(seed, rounds, seen);
+        run_sequence(seed, rounds);
     zrlog_set_handler_ceiling(LOG_DEBUG);
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::cout << count << " sequences from seed " << first << ", " << seen << ", " << seconds
-              << " s\n";
 }

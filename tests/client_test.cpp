@@ -6,7 +6,11 @@
 #include "mini_daemon.h"
 #include "scripted_daemon.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <set>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -19,18 +23,6 @@ std::string element_text(const char *id, const char *value, int generation)
     return std::string(R"({"type": 4, "id": ")") + id + R"(", "value": ")" + value +
            R"(", "generation": )" + std::to_string(generation) + "}";
 }
-
-// A connected session that is closed when the test ends.
-struct session {
-    cfg *ctx;
-    explicit session(const mini_daemon &daemon)
-        : ctx(cfg_connect(daemon.socket_path().c_str(), "tester"))
-    {
-    }
-    ~session() { cfg_disconnect(&ctx); }
-    session(const session &) = delete;
-    session &operator=(const session &) = delete;
-};
 
 // A scripted connection whose context fetches through the client hooks.
 struct hooked_context : client_context {
@@ -87,10 +79,41 @@ TEST(ClientSession, ConnectFailuresAndIncompleteSchema)
                                R"({"root": 7, "nodes": {"x": 5, "y": []}, "types": []})"}) {
         mini_daemon daemon;
         daemon.set_schema(schema);
-        session s(daemon);
+        session s(daemon.socket_path(), "tester");
         ASSERT_NE(s.ctx, nullptr) << schema;
         EXPECT_EQ(cfg_schema_root(s.ctx), nullptr) << schema;
     }
+}
+
+// A refused login keeps its socket open (the one descriptor it may leave);
+// a refused connect leaves none.
+TEST(ClientSession, FailedLoginLeavesOnlyItsSocketOpen)
+{
+    auto descriptors = [] { // the listing's own descriptor is closed when checked
+        std::set<int> out;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            out.insert(std::stoi(entry.path().filename()));
+        std::erase_if(out, [](int fd) { return fcntl(fd, F_GETFD) == -1; });
+        return out;
+    };
+    scripted_daemon daemon({step::answer(R"({"result": false})"), step::close()});
+    log_capture log;
+    std::set<int> before = descriptors();
+    EXPECT_EQ(cfg_connect(daemon.socket_path().c_str(), "x"), nullptr);
+    daemon.stop(); // its end of the connection is closed too
+    std::set<int> after = descriptors();
+    std::vector<int> added;
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                        std::back_inserter(added));
+    ASSERT_EQ(added.size(), 1u);
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(added[0]))
+                  .string()
+                  .rfind("socket:", 0),
+              0u);
+    close(added[0]);
+
+    EXPECT_EQ(cfg_connect("/nonexistent-dir/daemon.sock", "x"), nullptr);
+    EXPECT_EQ(descriptors(), before);
 }
 
 TEST(ClientSession, RequestsWithoutAConnectionSendNothing)
@@ -112,7 +135,7 @@ TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
     mini_daemon daemon;
     daemon.put(element_text("s1", "one", 1));
     daemon.put(element_text("s2", "two", 1));
-    session s(daemon);
+    session s(daemon.socket_path(), "tester");
     ASSERT_NE(s.ctx, nullptr);
 
     EXPECT_EQ(string_of(cfg_get_by_id(s.ctx, "s1")), "one");
@@ -235,7 +258,7 @@ TEST(ClientPull, ConflictsKeepLocalWorkUnlessForced)
         daemon.put(element_text("newer", "daemon", 5));
         daemon.put(element_text("same", "daemon", 2));
         daemon.put(element_text("plain", "daemon", 1));
-        session s(daemon);
+        session s(daemon.socket_path(), "tester");
         ASSERT_NE(s.ctx, nullptr);
         cfg *c = s.ctx;
         cfg_set_string(c, cfg_get_by_id(c, "newer"), "local")->generation = 4;
@@ -255,11 +278,40 @@ TEST(ClientPull, ConflictsKeepLocalWorkUnlessForced)
     }
 }
 
+// The conflict list keeps copies; removal takes the first equal entry and
+// moves the later ones down.
+TEST(ClientPull, ConflictListRemovesTheFirstEqualEntry)
+{
+    context_handle ctx;
+    cfg *c = ctx.get();
+    char id[] = "a";
+    EXPECT_STREQ(cfg_add_conflict(c, id), "a");
+    id[0] = 'x';
+    for (const char *more : {"b", "a", "c"})
+        cfg_add_conflict(c, more);
+    cfg_remove_conflict(c, "a");
+    cfg_remove_conflict(c, "zz");
+    cfg_remove_conflict(c, nullptr);
+    cfg_remove_conflict(nullptr, "b");
+    auto conflicts = [c] {
+        texts out;
+        for (int i = 0; i < cfg_conflict_count(c); i++)
+            out.emplace_back(cfg_get_conflict(c, i));
+        return out;
+    };
+    EXPECT_EQ(conflicts(), (texts{"b", "a", "c"}));
+    cfg_remove_conflict(c, "c");
+    cfg_remove_conflict(c, "b");
+    EXPECT_EQ(conflicts(), texts{"a"});
+    EXPECT_EQ(cfg_get_conflict(c, 1), nullptr);
+    EXPECT_EQ(cfg_get_conflict(c, -1), nullptr);
+}
+
 TEST(ClientPull, FutureMembersCarryOverToTheFetchedList)
 {
     mini_daemon daemon;
     daemon.put(R"({"type": 7, "id": "l", "value": ["a"], "generation": 1})");
-    session s(daemon);
+    session s(daemon.socket_path(), "tester");
     ASSERT_NE(s.ctx, nullptr);
     cfg_element *list = cfg_get_by_id(s.ctx, "l");
     cfg_append_future_listid(list, "a");
@@ -276,7 +328,7 @@ TEST(ClientCommit, PushFreesLocalCopyAndMapsRenamedIds)
     mini_daemon daemon;
     daemon.put(element_text("kept", "old", 1));
     daemon.put(element_text("gone", "old", 1));
-    session s(daemon);
+    session s(daemon.socket_path(), "tester");
     ASSERT_NE(s.ctx, nullptr);
     cfg *c = s.ctx;
     cfg_new_string_with_id(c, "made", "tmp1");
@@ -333,7 +385,7 @@ TEST(ClientCommitDeathTest, FutureMembersWithoutFlagAbort)
     cfg_append_future_listid(list, "f");
     list->flags &= ~CFG_FLAG_HAS_FUTURE;
     EXPECT_DEATH(cfg_assemble_update(ctx.get()),
-                 "src/client: assemble_element: Assertion `item->elem->flags & \\(1 << 4\\)' "
+                 "src/[a-z_]+: [a-z_]+: Assertion `item->elem->flags & \\(1 << 4\\)' "
                  "failed");
 }
 

@@ -60,9 +60,18 @@ TEST(Lookups, MissingHooksReportWhereTheyFailedRootGoesThroughTheHook)
     EXPECT_EQ(cfg_root(ctx.get()), nullptr);
     char *ids[] = {const_cast<char *>("x"), nullptr};
     EXPECT_EQ(cfg_get_by_ids(ctx.get(), ids, 1), nullptr);
-    const std::string unexpected = "Unexpected internal error (File src/common, Line ";
-    EXPECT_EQ(messages_of(ctx.get()), (texts{unexpected + "422)", unexpected + "422)",
-                                             unexpected + "435)"}));
+    // The message names the library's source and line, whichever they are.
+    texts said = messages_of(ctx.get());
+    ASSERT_EQ(said.size(), 3u);
+    for (const std::string &text : said) {
+        size_t line = text.find(", Line ");
+        EXPECT_EQ(text.rfind("Unexpected internal error (File src/", 0), 0u) << text;
+        EXPECT_TRUE(line != std::string::npos && text.back() == ')' &&
+                    atoi(text.c_str() + line + 7) > 0)
+            << text;
+    }
+    EXPECT_EQ(said[0], said[1]);
+    EXPECT_NE(said[1], said[2]);
 
     // The root is looked up through the hook under "root-1".
     static const char *asked_for = nullptr;
@@ -110,18 +119,25 @@ TEST(Lookups, IndexEntriesSpanSlabsAndForeignEntriesAreFreed)
     EXPECT_EQ(cfg_find_by_id(a.get(), "own"), nullptr);
 }
 
-// {xxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxx}: braces in place of the first and last
-// hex digit, hyphens at 9, 14, 19 and 24, version 1.
 // Contexts on separate threads share the log state, the message catalogue
-// and the index entry pool; run under the sanitizers, this finds what
-// guards they lack.
-TEST(Context, TwoThreadsCreateContextsAtOnce)
+// and the index entry pool: each thread fills contexts past a slab's worth of
+// entries and frees them while the other does the same. Run under the
+// sanitizers, this finds what guards they lack.
+TEST(Context, TwoThreadsCreateContextsAndIndexEntriesAtOnce)
 {
     auto work = [](std::set<std::string> *ids) {
-        for (int i = 0; i < 100; i++) {
+        for (int round = 0; round < 10; round++) {
             context_handle h;
-            cfg_element *e = cfg_new_int(h.get(), i);
-            ids->insert(e->uuid);
+            std::vector<cfg_element *> made;
+            for (int i = 0; i < 3000; i++)
+                made.push_back(cfg_new_int(h.get(), i));
+            for (size_t i = 0; i < made.size(); i += 2)
+                cfg_free_element(h.get(), made[i]);
+            for (size_t i = 1; i < made.size(); i += 500) {
+                EXPECT_EQ(cfg_find_by_id(h.get(), made[i]->uuid), made[i]);
+                ids->insert(made[i]->uuid);
+            }
+            EXPECT_EQ(HASH_COUNT(h.get()->elements), 1500u);
             cfg_message_add_path_not_found(h.get(), "x");
             EXPECT_STREQ(cfg_get_first_message_string(h.get()),
                          "Could not find element with path 'x'");
@@ -132,9 +148,11 @@ TEST(Context, TwoThreadsCreateContextsAtOnce)
     a.join();
     b.join();
     first.insert(second.begin(), second.end());
-    EXPECT_EQ(first.size(), 200u) << "ids made on two threads never collide";
+    EXPECT_EQ(first.size(), 120u) << "ids made on two threads never collide";
 }
 
+// {xxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxx}: braces in place of the first and last
+// hex digit, hyphens at 9, 14, 19 and 24, version 1.
 TEST(Uuid, FormWithBracesInPlaceOfFirstAndLastDigitAndBoundedCopy)
 {
     std::set<std::string> seen;

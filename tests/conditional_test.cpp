@@ -97,23 +97,26 @@ TEST(Evaluators, OperatorsCompareByType)
 TEST(EvaluateIf, PathsClimbDescendOrStartAtTheRoot)
 {
     appliance a;
+    cfg_element *pending = cfg_load_map(a.ctx(), "conn-3");
+    cfg_append_future_listelem(a.ctx(), a.conns, pending);
+    const if_case host = {"^^^system.hostname", EQ, 3, text_value("gateway")};
     struct {
         cfg_element *map;
         if_case c;
         int expected;
     } cases[] = {
-        {a.dns, {"^mtu", GT, 2, {.int_value = 1400}}, 1},
-        {a.if3, {"^^system.hostname", EQ, 3, text_value("box")}, 1}, // from a pending item
-        {a.if1, {".mode", EQ, 3, text_value("dhcp")}, 1},
-        {a.if2, {".mode", NE, 3, text_value("dhcp")}, 1},
-        {a.root, {"system.mtu", GE, 2, {.int_value = 9000}}, 1},
-        {a.root, {"services.ssh.port", EQ, 2, {.int_value = 22}}, 0},
-        {a.dns, {"^", EQ, 2, {.int_value = 0}}, 0}, // the system map is no int
+        {a.conn2, host, 1},
+        {pending, host, 1}, // from a pending item
+        {a.conn1, {".mode", EQ, 3, text_value("dhcp")}, 1},
+        {a.conn2, {".mode", NE, 3, text_value("dhcp")}, 1},
+        {a.user1, {".uid", GE, 2, {.int_value = 1000}}, 1},
+        {a.root, {"system.loglevel", EQ, 2, {.int_value = 6}}, 0}, // absent
+        {a.conn2, {"^", EQ, 2, {.int_value = 0}}, 0},             // the list is no int
     };
     // Climbing above the top is false (even for !=) and records nothing.
     appliance b;
     EXPECT_EQ(evaluate(b, b.root, {"^system", NE, 2, {.int_value = 0}}), 0);
-    EXPECT_EQ(evaluate(b, b.if1, {"^^^x", NE, 2, {.int_value = 0}}), 0);
+    EXPECT_EQ(evaluate(b, b.conn1, {"^^^^x", NE, 2, {.int_value = 0}}), 0);
     EXPECT_EQ(b.ctx()->reverse_triggers, nullptr);
     EXPECT_EQ(b.ctx()->path_triggers, nullptr);
     for (const auto &t : cases)
@@ -124,29 +127,29 @@ TEST(EvaluateIf, PathsClimbDescendOrStartAtTheRoot)
 TEST(EvaluateIf, RecordsDependenciesByUuidOrByPathOnce)
 {
     appliance a;
-    if_case host = {"^^system.hostname", NE, 3, text_value("appliance")};
-    evaluate(a, a.if1, host);
-    evaluate(a, a.if1, host);
-    evaluate(a, a.if2, host);
-    evaluate(a, a.if2, {".mode", EQ, 3, text_value("dhcp")});
-    evaluate(a, a.dns, {".enabled", EQ, 1, {.int_value = 1}});
-    evaluate(a, a.root, {"services.ssh.port", EQ, 2, {.int_value = 22}});
+    if_case host = {"^^^system.hostname", NE, 3, text_value("gateway")};
+    evaluate(a, a.conn1, host);
+    evaluate(a, a.conn1, host);
+    evaluate(a, a.conn2, host);
+    evaluate(a, a.conn2, {".trace", EQ, 1, {.bool_value = 1}});
+    evaluate(a, a.system, {".proxy_mode", EQ, 3, text_value("http")});
+    evaluate(a, a.root, {"system.loglevel", GE, 2, {.int_value = 7}});
 
     cfg_uuid_trigger *by_uuid = nullptr;
     HASH_FIND_STR(a.ctx()->uuid_triggers, "host-1", by_uuid);
     ASSERT_NE(by_uuid, nullptr);
-    EXPECT_EQ(dependents(by_uuid->dependents), "if-1 if-2");
+    EXPECT_EQ(dependents(by_uuid->dependents), "conn-1 conn-2");
 
     // Absent elements are watched at the static path they would have.
     std::string keys;
     for (cfg_path_trigger *p = a.ctx()->path_triggers; p != nullptr;
          p = static_cast<cfg_path_trigger *>(p->hh.next))
         keys += std::string(p->key) + "=" + dependents(p->dependents) + ";";
-    EXPECT_EQ(keys, "interfaces(2).mode=if-2;system.dns.enabled=dns-1;"
-                    "services.ssh.port=root-1;");
+    EXPECT_EQ(keys, "network.conns(2).trace=conn-2;system.proxy_mode=sys-1;"
+                    "system.loglevel=root-1;");
 
     cfg_reverse_trigger *reverse = nullptr;
-    HASH_FIND_STR(a.ctx()->reverse_triggers, "if-2", reverse);
+    HASH_FIND_STR(a.ctx()->reverse_triggers, "conn-2", reverse);
     ASSERT_NE(reverse, nullptr);
     ASSERT_EQ(cfg_link_list_length(reverse->triggered_by), 2);
     auto *first = static_cast<cfg_trigger_entry *>(reverse->triggered_by->data);
@@ -158,8 +161,8 @@ TEST(EvaluateIf, UnknownValueTypesPushTheSchemaMessageAfterRecording)
 {
     appliance a;
     // An exists condition stores no value type, so it takes this path too.
-    EXPECT_EQ(evaluate(a, a.if1, {".name", EXISTS, 3, text_value("x")}), 0);
-    EXPECT_EQ(evaluate(a, a.if1, {".name", EQ, 7, {.int_value = 0}}), 0);
+    EXPECT_EQ(evaluate(a, a.conn1, {".name", EXISTS, 3, text_value("x")}), 0);
+    EXPECT_EQ(evaluate(a, a.conn1, {".name", EQ, 7, {.int_value = 0}}), 0);
     ASSERT_EQ(cfg_message_count(a.ctx()), 2);
     EXPECT_EQ(a.ctx()->messages[0]->code, 31);
     EXPECT_NE(a.ctx()->uuid_triggers, nullptr);

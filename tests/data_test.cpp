@@ -278,11 +278,6 @@ TEST(Maps, MembershipKeysAndSetters)
         free(keys[i]);
     free(keys);
 
-    void *data = reinterpret_cast<void *>(0x1);
-    size_t size = 9;
-    EXPECT_EQ(cfg_map_get_blob(ctx, map, "none", &data, &size), 0); // outputs cleared
-    EXPECT_EQ(data, nullptr);
-    EXPECT_EQ(size, 0u);
     EXPECT_EQ(cfg_map_delete_key(ctx, map, "b"), 1);
     EXPECT_EQ(cfg_get_mapelem(map, "b"), nullptr);
 }

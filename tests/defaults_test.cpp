@@ -1,5 +1,5 @@
 // Default population: derived uuids, default elements, and populating the
-// appliance tree in normal and deterministic mode.
+// appliance tree (with a pending item) in normal and deterministic mode.
 #include "appliance.h"
 
 #include <map>
@@ -56,66 +56,85 @@ TEST(CreateDefault, ScalarsNeedADefaultContainersAreAlwaysMade)
     auto create = [&](const char *schema, const char *uuid = nullptr) {
         return cfg_create_default(c, cfg_get_schema_by_id(c, schema), uuid);
     };
-    cfg_element *text = create("s-hostname", "d-1");
+    cfg_element *text = create("n-timezone", "d-1");
     ASSERT_NE(text, nullptr);
     EXPECT_EQ(cfg_find_by_id(c, "d-1"), text);
-    EXPECT_EQ(string_of(text), "appliance");
+    EXPECT_EQ(string_of(text), "UTC");
     EXPECT_EQ(text->flags, unsigned(CFG_FLAG_NEW));
-    EXPECT_EQ(create("s-ntp")->type, unsigned(CFG_TYPE_LIST));
-    EXPECT_EQ(create("s-dns")->type, unsigned(CFG_TYPE_MAP));
+    EXPECT_EQ(create("n-conns")->type, unsigned(CFG_TYPE_LIST));
+    EXPECT_EQ(create("n-network")->type, unsigned(CFG_TYPE_MAP));
     // No default, a blob, or a conditional: nothing is made.
-    for (const char *none : {"s-timeout", "s-if-name", "s-if-dhcp"})
+    for (const char *none : {"n-proxy-port", "n-conn-address", "n-cert-pem", "n-if-static"})
         EXPECT_EQ(create(none), nullptr) << none;
-    EXPECT_EQ(cfg_create_default(c, cfg_init_schema_blob(c, nullptr, 0, 0, 0, 0), nullptr),
-              nullptr);
 }
+
+namespace {
+
+// The appliance with its root bound, as population needs, and a pending
+// connection "dmz" (conn-3) that has only its name.
+struct bound_appliance : appliance {
+    cfg_element *conn3 = cfg_load_map(ctx(), "conn-3");
+
+    bound_appliance()
+    {
+        strcpy(root->schema, "n-root");
+        cfg_append_future_listelem(ctx(), conns, conn3);
+        load_string(conn3, "name", "conn-name-3", "dmz");
+    }
+};
+
+} // namespace
 
 TEST(PopulateDefaults, NormalModeFillsRequiredMembersAndHoldingConditionals)
 {
-    appliance a;
+    bound_appliance a;
     cfg_populate_defaults(a.ctx(), a.root, 0);
 
-    EXPECT_EQ(a.member(a.system, "timeout"), nullptr); // no default
-    EXPECT_EQ(a.member(a.system, "banner"), nullptr);  // optional
-    EXPECT_EQ(a.member(a.root, "services"), nullptr);  // optional map
-    cfg_element *ntp = a.member(a.system, "ntp");
-    ASSERT_NE(ntp, nullptr);
-    EXPECT_EQ(ntp->flags & CFG_FLAG_NEW, unsigned(CFG_FLAG_NEW));
+    EXPECT_EQ(int_of(a.member(a.system, "loglevel")), 6);
+    EXPECT_TRUE(cfg_element_is_new(a.member(a.system, "loglevel")));
+    EXPECT_EQ(string_of(a.member(a.system, "timezone")), "UTC");
+    for (const char *absent : {"proxy_mode", "legacy_port"}) // optional, deprecated
+        EXPECT_EQ(a.member(a.system, absent), nullptr) << absent;
+    EXPECT_EQ(a.member(a.network, "proxy_port"), nullptr); // its condition fails
 
-    // The new dns map member holds true, so both dns conditionals apply.
-    EXPECT_EQ(a.member(a.dns, "enabled")->value.int_value, 1);
-    EXPECT_EQ(a.member(a.dns, "edns")->value.int_value, 1);
-    EXPECT_EQ(int_of(a.member(a.dns, "cache")), 512);
-
-    // Interfaces: current and pending items of the named type.
-    EXPECT_EQ(int_of(a.member(a.if1, "lease")), 3600);
-    EXPECT_EQ(a.member(a.if2, "lease"), nullptr);
-    for (cfg_element *item : {a.if1, a.if2, a.if3}) {
-        EXPECT_STREQ(item->schema, "s-interface");
-        ASSERT_NE(a.member(item, "enabled"), nullptr) << item->uuid;
-        EXPECT_STREQ(a.member(item, "label")->value.string_value, "custom");
+    // Connections: current and pending items of the named type. The pending
+    // one's new default mode is static, so that branch applies to it too.
+    for (cfg_element *item : {a.conn1, a.conn2, a.conn3}) {
+        EXPECT_STREQ(item->schema, "n-connection");
+        EXPECT_EQ(int_of(a.member(item, "mtu")), 1500) << item->uuid;
+        EXPECT_EQ(a.member(item, "trace"), nullptr) << item->uuid; // log level below 7
     }
+    EXPECT_EQ(string_of(a.member(a.conn3, "mode")), "static");
+    EXPECT_EQ(int_of(a.member(a.conn3, "netmask")), 24);
+    EXPECT_EQ(a.member(a.conn3, "address"), nullptr); // no default
+    EXPECT_EQ(a.member(a.conn1, "netmask"), nullptr);
 
-    // A condition is evaluated when population runs.
-    cfg_map_set_string(a.ctx(), a.if2, "mode", "dhcp");
-    cfg_populate_defaults(a.ctx(), a.if2, 0);
-    EXPECT_EQ(int_of(a.member(a.if2, "lease")), 3600);
+    // Conditions are evaluated when population runs, climbing ones included.
+    cfg_map_set_string(a.ctx(), a.conn1, "mode", "static");
+    cfg_map_set_int(a.ctx(), a.system, "loglevel", 7);
+    cfg_populate_defaults(a.ctx(), a.conn1, 0);
+    EXPECT_EQ(int_of(a.member(a.conn1, "netmask")), 24);
+    EXPECT_NE(a.member(a.conn1, "trace"), nullptr);
 }
 
 TEST(PopulateDefaults, DeterministicModeDerivesUuidsAndAgreesAcrossRuns)
 {
-    appliance a, b;
-    cfg_populate_defaults(a.ctx(), a.root, 1);
-    cfg_populate_defaults(b.ctx(), b.root, 1);
+    bound_appliance a, b;
+    for (bound_appliance *x : {&a, &b}) {
+        cfg_map_delete_key(x->ctx(), x->root, "users");
+        cfg_populate_defaults(x->ctx(), x->root, 1);
+    }
 
     // A list member is a key only; nothing is indexed under its uuid.
-    EXPECT_STREQ(cfg_get_mapelem(a.system, "ntp"), "sys0-aaaa-@bbbb-cccc-0001_ntp");
-    EXPECT_EQ(cfg_find_by_id(a.ctx(), "sys0-aaaa-@bbbb-cccc-0001_ntp"), nullptr);
+    EXPECT_STREQ(cfg_get_mapelem(a.root, "users"), "root-1-@users");
+    EXPECT_EQ(cfg_find_by_id(a.ctx(), "root-1-@users"), nullptr);
     struct {
         cfg_element *map;
         const char *key, *uuid;
     } made[] = {
-        {a.dns, "edns", "dns-1-edns"}, {a.if1, "lease", "if-1-lease"}, {a.if3, "label", "if-3-label"},
+        {a.system, "loglevel", "sys-1-loglevel"},
+        {a.conn1, "mtu", "conn-1-mtu"},
+        {a.conn3, "netmask", "conn-3-netmask"},
     };
     for (const auto &m : made) {
         cfg_element *member = a.member(m.map, m.key);
@@ -123,7 +142,7 @@ TEST(PopulateDefaults, DeterministicModeDerivesUuidsAndAgreesAcrossRuns)
         EXPECT_STREQ(member->uuid, m.uuid);
         EXPECT_EQ(member->flags, 0u) << m.uuid;
     }
-    EXPECT_EQ(a.dns->flags & CFG_FLAG_CHANGED, 0u);
+    EXPECT_EQ(a.system->flags & CFG_FLAG_CHANGED, 0u);
     EXPECT_EQ(index_of(a.ctx()), index_of(b.ctx()));
 
     // A second run finds everything in place.
@@ -132,23 +151,26 @@ TEST(PopulateDefaults, DeterministicModeDerivesUuidsAndAgreesAcrossRuns)
     EXPECT_EQ(HASH_COUNT(a.ctx()->elements), before);
 
     // A deleted default comes back under the same uuid, unflagged.
-    cfg_map_delete_key(a.ctx(), a.dns, "cache");
-    cfg_populate_defaults(a.ctx(), a.dns, 1);
-    cfg_element *cache = a.member(a.dns, "cache");
-    ASSERT_NE(cache, nullptr);
-    EXPECT_STREQ(cache->uuid, "dns-1-cache");
-    EXPECT_EQ(cache->flags, 0u);
+    cfg_map_delete_key(a.ctx(), a.system, "timezone");
+    cfg_populate_defaults(a.ctx(), a.system, 1);
+    cfg_element *zone = a.member(a.system, "timezone");
+    ASSERT_NE(zone, nullptr);
+    EXPECT_STREQ(zone->uuid, "sys-1-timezone");
+    EXPECT_EQ(zone->flags, 0u);
 }
 
 TEST(PopulateDefaults, MismatchedTypesAndUnknownSchemasAreLeftAlone)
 {
     appliance a;
-    cfg_populate_node(a.ctx(), a.dns, cfg_get_schema_by_id(a.ctx(), "s-ntp"), 0);
-    EXPECT_STREQ(a.dns->schema, "");
-    EXPECT_EQ(a.dns->value.map.members, nullptr);
-    cfg_populate_defaults(a.ctx(), a.system, 0); // no schema binding yet
-    EXPECT_EQ(a.member(a.system, "ntp"), nullptr);
+    cfg *c = a.ctx();
+    cfg_populate_node(c, a.network, cfg_get_schema_by_id(c, "n-conns"), 0);
+    EXPECT_STREQ(a.network->schema, "");
+    EXPECT_EQ(cfg_link_list_length(a.network->value.map.members), 1);
+    cfg_populate_defaults(c, a.system, 0); // no schema binding yet
+    EXPECT_EQ(a.member(a.system, "loglevel"), nullptr);
     // A list of plain strings has no items to populate.
-    cfg_populate_list(a.ctx(), a.interfaces, cfg_get_schema_by_id(a.ctx(), "s-ntp"), 0);
-    EXPECT_EQ(cfg_link_list_length(a.if1->value.map.members), 2);
+    cfg_schema_element *strings =
+        cfg_init_schema_list(c, "x-strings", 0, 0, 0, 0, 1, CFG_TYPE_STRING, nullptr);
+    cfg_populate_list(c, a.users, strings, 0);
+    EXPECT_EQ(cfg_link_list_length(a.user1->value.map.members), 3);
 }

@@ -87,8 +87,6 @@ TEST(Catalogue, RowsThroughTheirAdders)
         EXPECT_EQ(joined(msg, true), row.arg_names);
         EXPECT_EQ(joined(msg, false), row.arg_values);
         EXPECT_STREQ(cfg_get_message_string(msg), row.filled);
-        cfg_message_def *def = cfg_get_message_def(row.code);
-        EXPECT_EQ(def->code, row.code);
     }
     EXPECT_TRUE(logs.lines.empty());
 }

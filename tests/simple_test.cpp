@@ -162,6 +162,60 @@ TEST(SimpleAccess, ValuesAndDoubledNotFoundMessages)
     EXPECT_STREQ(path, "cfg.port");
 }
 
+// The map readers walk a relative path from start (a plain key is one) and
+// answer with the type's accessor: a wrong type leaves the output alone,
+// nothing found clears it.
+TEST(MapReaders, PathsTypesAndClearedOutputs)
+{
+    sample_tree t;
+    cfg *ctx = t.ctx();
+    cfg_map_set_bool(ctx, t.cfgmap, "on", 1);
+    cfg_map_set_reference(ctx, t.cfgmap, "first", "rule-42");
+    cfg_map_set_blob(ctx, t.cfgmap, "key", "ab\0c", 4);
+    char *text = nullptr;
+    int number = 0, flag = 0;
+    void *data = nullptr;
+    size_t size = 0;
+    EXPECT_EQ(cfg_map_get_string(ctx, t.root, "cfg.rules[1].action", &text), 1);
+    EXPECT_EQ(taken(text), "deny");
+    EXPECT_EQ(cfg_map_get_int(ctx, t.cfgmap, "port", &number), 1);
+    EXPECT_EQ(number, 22);
+    EXPECT_EQ(cfg_map_get_bool(ctx, t.root, "cfg.on", &flag), 1);
+    EXPECT_EQ(flag, 1);
+    EXPECT_EQ(cfg_map_get_reference(ctx, t.cfgmap, "first", &text), 1);
+    EXPECT_EQ(taken(text), "rule-42");
+    ASSERT_EQ(cfg_map_get_blob(ctx, t.cfgmap, "key", &data, &size), 1);
+    EXPECT_EQ(std::string(static_cast<char *>(data), size), std::string("ab\0c", 4));
+    free(data);
+
+    char *const marker = reinterpret_cast<char *>(0x1);
+    text = marker;
+    number = flag = 5;
+    EXPECT_EQ(cfg_map_get_string(ctx, t.cfgmap, "port", &text), 0);
+    EXPECT_EQ(cfg_map_get_int(ctx, t.cfgmap, "name", &number), 0);
+    EXPECT_EQ(cfg_map_get_bool(ctx, t.cfgmap, "port", &flag), 0);
+    EXPECT_EQ(text, marker);
+    EXPECT_EQ(number + flag, 10);
+
+    EXPECT_EQ(cfg_map_get_string(ctx, t.cfgmap, "none", &text), 0);
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(cfg_map_get_int(ctx, t.cfgmap, "rules[7]", &number), 0);
+    EXPECT_EQ(cfg_map_get_bool(ctx, t.cfgmap, "none", &flag), 0);
+    EXPECT_EQ(number + flag, 0);
+    text = marker;
+    EXPECT_EQ(cfg_map_get_reference(ctx, t.cfgmap, nullptr, &text), 0);
+    EXPECT_EQ(text, nullptr);
+    data = marker;
+    size = 9;
+    EXPECT_EQ(cfg_map_get_blob(ctx, t.cfgmap, "none", &data, &size), 0);
+    EXPECT_EQ(data, nullptr);
+    EXPECT_EQ(size, 0u);
+    size = 9;
+    EXPECT_EQ(cfg_map_get_blob(ctx, t.cfgmap, "none", nullptr, &size), 0);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(cfg_message_count(ctx), 0);
+}
+
 class BlobFile : public ::testing::Test {
   protected:
     temp_dir dir;

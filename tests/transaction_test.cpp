@@ -1,14 +1,13 @@
 // Transactions: files in a temporary directory, replay into a new context,
-// stale files, and a transaction carried from one session to the next.
+// stale files. (A transaction carried from one session to the next is in the
+// daemon tests.)
 #include "context.h"
-#include "mini_daemon.h"
 #include "temp_dir.h"
 
 #include <fstream>
 #include <sys/stat.h>
 #include <utime.h>
 
-using namespace std::chrono_literals;
 using namespace zrtest;
 
 namespace {
@@ -114,32 +113,4 @@ TEST(Transaction, FailuresLeaveTheContextAlone)
     EXPECT_EQ(cfg_transaction_open(ctx.get(), "junk"), 0);
     EXPECT_EQ(cfg_transaction_open(ctx.get(), "bad"), 0);
     EXPECT_EQ(before, ctx.get()->transaction_id);
-}
-
-TEST(Transaction, DisconnectSavesAndTheNextSessionCommitsIt)
-{
-    temp_dir tmp;
-    mini_daemon daemon;
-    std::string id;
-    {
-        cfg *ctx = cfg_connect(daemon.socket_path().c_str(), "first");
-        ASSERT_NE(ctx, nullptr);
-        use_dir(ctx, tmp.path());
-        id = cfg_transaction_start(ctx);
-        cfg_new_string_with_id(ctx, "pending", "p1");
-        EXPECT_EQ(cfg_disconnect(&ctx), 1);
-    }
-    ASSERT_TRUE(exists(file_of(tmp.path(), id.c_str())));
-
-    cfg *ctx = cfg_connect(daemon.socket_path().c_str(), "second");
-    ASSERT_NE(ctx, nullptr);
-    use_dir(ctx, tmp.path());
-    ASSERT_EQ(cfg_transaction_open(ctx, id.c_str()), 1);
-    EXPECT_EQ(cfg_commit(ctx), 1);
-    EXPECT_EQ(cfg_in_transaction(ctx), 0);
-    EXPECT_FALSE(exists(file_of(tmp.path(), id.c_str())));
-    cfg_element *committed = cfg_get_by_id(ctx, "p1");
-    ASSERT_NE(committed, nullptr);
-    EXPECT_STREQ(committed->uuid, "new-p1");
-    cfg_disconnect(&ctx);
 }

@@ -35,18 +35,16 @@ TEST(TriggerTables, ValidatorPathsFollowTheEscapedStaticPathOnce)
 {
     appliance a;
     cfg_schema_validator *v = validator(a.ctx(), {"\\.name", "\\.mode"});
-    cfg_create_validator_triggers(a.ctx(), a.if1, v);
-    cfg_create_validator_triggers(a.ctx(), a.if1, v);
-    cfg_create_validator_triggers(a.ctx(), a.if2, validator(a.ctx(), {"\\.name"}));
+    cfg_create_validator_triggers(a.ctx(), a.conn1, v);
+    cfg_create_validator_triggers(a.ctx(), a.conn1, v);
+    cfg_create_validator_triggers(a.ctx(), a.conn2, validator(a.ctx(), {"\\.name"}));
 
-    EXPECT_EQ(printed(a.ctx()), rule + "\n" +
-                                    "interfaces\\(1\\)\\.name triggers (if-1)\n"
-                                    "interfaces\\(1\\)\\.mode triggers (if-1)\n"
-                                    "interfaces\\(2\\)\\.name triggers (if-2)\n"
-                                    "if-1 thinks it is triggered by (interfaces\\(1\\)\\.name, "
-                                    "interfaces\\(1\\)\\.mode)\n"
-                                    "if-2 thinks it is triggered by (interfaces\\(2\\)\\.name)\n" +
-                                    rule + "\n");
+    const std::string one = "network\\.conns\\(1\\)", two = "network\\.conns\\(2\\)";
+    EXPECT_EQ(printed(a.ctx()),
+              rule + "\n" + one + "\\.name triggers (conn-1)\n" + one +
+                  "\\.mode triggers (conn-1)\n" + two + "\\.name triggers (conn-2)\n" +
+                  "conn-1 thinks it is triggered by (" + one + "\\.name, " + one + "\\.mode)\n" +
+                  "conn-2 thinks it is triggered by (" + two + "\\.name)\n" + rule + "\n");
 }
 
 TEST(TriggerTables, LocallyMadeElementsDropTheirUuidPrefix)
@@ -63,14 +61,14 @@ TEST(TriggerTables, LocallyMadeElementsDropTheirUuidPrefix)
 TEST(TriggerTables, FreeingEmptiesEveryTable)
 {
     appliance a;
-    cfg_create_validator_triggers(a.ctx(), a.if1, validator(a.ctx(), {})); // no paths: nothing
+    cfg_create_validator_triggers(a.ctx(), a.conn1, validator(a.ctx(), {})); // no paths: nothing
     EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
-    cfg_create_validator_triggers(a.ctx(), a.if1, validator(a.ctx(), {"\\.name"}));
-    cfg_schema_value v{.int_value = 1};
+    cfg_create_validator_triggers(a.ctx(), a.conn1, validator(a.ctx(), {"\\.name"}));
+    cfg_schema_value v{.string_value = const_cast<char *>("wan")};
     EXPECT_TRUE(
-        evaluate_if(a.ctx(), a.dns, cfg_init_schema_if(a.ctx(), nullptr, "^mtu", 4, 2, v, 0)));
+        evaluate_if(a.ctx(), a.conn1, cfg_init_schema_if(a.ctx(), nullptr, ".name", 2, 3, v, 0)));
     EXPECT_FALSE(
-        evaluate_if(a.ctx(), a.dns, cfg_init_schema_if(a.ctx(), nullptr, "missing", 2, 2, v, 0)));
+        evaluate_if(a.ctx(), a.conn1, cfg_init_schema_if(a.ctx(), nullptr, "missing", 2, 3, v, 0)));
     ASSERT_NE(a.ctx()->uuid_triggers, nullptr);
     ASSERT_NE(a.ctx()->path_triggers, nullptr);
 
@@ -87,26 +85,27 @@ TEST(TriggerTables, FreeingEmptiesEveryTable)
 TEST(ValidationContext, SeenElementsAreEnteredOnce)
 {
     appliance a;
+    cfg_element *hostname = a.member(a.system, "hostname");
     auto *vctx = static_cast<validation_context *>(calloc(1, sizeof(validation_context)));
     add_unhandled(vctx, a.system);
-    add_unhandled(vctx, a.dns);
+    add_unhandled(vctx, a.network);
     add_unhandled(vctx, a.system);
     set_handled(vctx, a.system);
     set_handled(vctx, a.system);
     EXPECT_EQ(HASH_COUNT(vctx->unhandled), 1u);
 
     // Handled before it was known: seen, so never unhandled afterwards.
-    set_handled(vctx, a.mtu);
-    add_unhandled(vctx, a.mtu);
+    set_handled(vctx, a.conns);
+    add_unhandled(vctx, a.conns);
     add_unhandled(vctx, a.system);
     EXPECT_EQ(HASH_COUNT(vctx->unhandled), 1u);
     EXPECT_EQ(HASH_COUNT(vctx->seen), 3u);
 
     // Entries keep their own key: the record that replaces a freed one
     // under the same uuid finds its entry.
-    add_unhandled(vctx, a.hostname);
+    add_unhandled(vctx, hostname);
     EXPECT_EQ(HASH_COUNT(vctx->unhandled), 2u);
-    cfg_element *renamed = cfg_set_string(a.ctx(), a.hostname, "other");
+    cfg_element *renamed = cfg_set_string(a.ctx(), hostname, "other");
     set_handled(vctx, renamed);
     EXPECT_EQ(HASH_COUNT(vctx->unhandled), 1u);
     free_context(vctx);

@@ -1,6 +1,6 @@
 // Node validation: the appliance tree validated in full, every type rule with
 // its exact message, defaults, conditionals and custom validators.
-#include "network_appliance.h"
+#include "appliance.h"
 
 #include <cmath>
 #include <functional>
@@ -18,7 +18,7 @@ struct vctx_handle {
 
 TEST(FullValidation, ApplianceGainsDefaultsAndSchemaBindings)
 {
-    network_appliance a;
+    appliance a;
     cfg *c = a.ctx();
     int before = HASH_COUNT(c->elements);
     ASSERT_EQ(cfg_validate_data(c), 1) << testing::PrintToString(a.messages());
@@ -47,7 +47,7 @@ TEST(FullValidation, EditsYieldExactlyOneMessage)
 {
     const test_material &m = material();
     ASSERT_TRUE(m.complete);
-    using na = network_appliance;
+    using na = appliance;
     struct edit_case {
         std::function<void(na &)> edit;
         texts expected;
@@ -82,7 +82,7 @@ TEST(FullValidation, EditsYieldExactlyOneMessage)
           "Element [orphan-1] with name '[unknown]' does not match any schema element"}},
     };
     for (size_t i = 0; i < cases.size(); i++) {
-        network_appliance a;
+        appliance a;
         cases[i].edit(a);
         EXPECT_EQ(cfg_validate_data(a.ctx()), cases[i].expected.empty() ? 1 : 0) << i;
         EXPECT_EQ(a.messages(), cases[i].expected) << i;
@@ -91,7 +91,7 @@ TEST(FullValidation, EditsYieldExactlyOneMessage)
 
 TEST(FullValidation, SubtreeNeedsAKnownBinding)
 {
-    network_appliance a;
+    appliance a;
     EXPECT_EQ(cfg_validate_subtree(a.ctx(), a.conn1), 0); // not bound yet
     EXPECT_TRUE(a.messages().empty());
     strcpy(a.conn1->schema, "n-connection");

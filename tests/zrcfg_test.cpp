@@ -4,11 +4,11 @@
 #include "daemon_process.h"
 
 #include <cstring>
-#include <functional>
-#include <thread>
 
 namespace zrtest {
 namespace {
+
+using Zrcfg = example_appliance_test;
 
 // The command to run: ZRCFG from the environment, else the one built.
 std::string zrcfg_path()
@@ -26,25 +26,10 @@ struct run_result {
 run_result zrcfg(const temp_dir &dir, std::vector<std::string> args)
 {
     args.insert(args.begin(), zrcfg_path());
-    std::vector<char *> argv;
-    for (std::string &a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
     std::string out = dir.file("zrcfg.out"), err = dir.file("zrcfg.err");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
+    unlink(err.c_str());
     run_result r;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
-        int status = 0;
-        waitpid(pid, &status, 0);
-        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
+    r.status = exit_status(spawn(args, err, out));
     r.out = read_file(out);
     r.err = read_file(err);
     return r;
@@ -62,7 +47,7 @@ std::string value_at(const daemon_process &d, const std::string &path)
     return zrcfg(d, {"get", path}).out;
 }
 
-TEST(Zrcfg, GetSetDeleteAndAddRoundTrip)
+TEST_F(Zrcfg, GetSetDeleteAndAddRoundTrip)
 {
     daemon_process d;
     EXPECT_EQ(value_at(d, "system.hostname"), "fw1\n");
@@ -84,7 +69,7 @@ TEST(Zrcfg, GetSetDeleteAndAddRoundTrip)
     EXPECT_EQ(json_integer_value(json_object_get(lab.get(), "mtu")), 1500); // default filled in
 }
 
-TEST(Zrcfg, ValidationFailurePrintsThePathAndCommitsNothing)
+TEST_F(Zrcfg, ValidationFailurePrintsThePathAndCommitsNothing)
 {
     daemon_process d;
     run_result r = zrcfg(d, {"delete", "network.conns[1].address"});
@@ -99,7 +84,7 @@ TEST(Zrcfg, ValidationFailurePrintsThePathAndCommitsNothing)
     EXPECT_EQ(value_at(d, "network.conns[1].mtu"), "1500\n");
 }
 
-TEST(Zrcfg, AnotherSessionsLockRefusesThePush)
+TEST_F(Zrcfg, AnotherSessionsLockRefusesThePush)
 {
     daemon_process d;
     client holder(d);
@@ -110,80 +95,44 @@ TEST(Zrcfg, AnotherSessionsLockRefusesThePush)
     EXPECT_EQ(value_at(d, "system.hostname"), "fw1\n");
 }
 
-// Relays one session between zrcfg and the daemon, frame by frame, and runs
-// before_push just before it passes a push on: another session can change
-// the data that zrcfg has already read.
-class push_interceptor {
-  public:
-    push_interceptor(const daemon_process &d, std::function<void()> before_push)
-        : daemon_(d), before_push_(std::move(before_push))
-    {
-        struct sockaddr_un addr = {};
-        addr.sun_family = AF_UNIX;
-        snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path_.c_str());
-        listener_ = socket(AF_UNIX, SOCK_STREAM, 0);
-        bind(listener_, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
-        listen(listener_, 1);
-        relay_ = std::thread([this] { relay(); });
+// The answer to request from the daemon on fd, keep-alives skipped.
+json_t *forward(int fd, json_t *request)
+{
+    cfg_send(fd, request);
+    json_t *answer = cfg_receive_timeout(fd, 5000);
+    while (answer != nullptr && json_is_true(json_object_get(answer, "keepalive"))) {
+        json_decref(answer);
+        answer = cfg_receive_timeout(fd, 5000);
     }
-    ~push_interceptor()
-    {
-        shutdown(listener_, SHUT_RDWR);
-        relay_.join();
-        close(listener_);
-    }
-    const std::string &path() const { return path_; }
+    return answer;
+}
 
-  private:
-    void relay()
-    {
-        int from = accept(listener_, nullptr, nullptr);
-        int to = daemon_.connect_raw();
-        while (from >= 0 && to >= 0) {
-            json_t *request = cfg_receive_timeout(from, 0);
-            if (request == nullptr)
-                break;
-            const char *method = json_string_value(json_object_get(request, "method"));
-            if (method != nullptr && strcmp(method, "push") == 0)
-                before_push_();
-            cfg_send(to, request);
-            json_decref(request);
-            json_t *answer;
-            while ((answer = cfg_receive_timeout(to, 5000)) != nullptr) {
-                bool keepalive = json_is_true(json_object_get(answer, "keepalive"));
-                cfg_send(from, answer);
-                json_decref(answer);
-                if (!keepalive)
-                    break;
-            }
-        }
-        close(from);
-        close(to);
-    }
-
-    const daemon_process &daemon_;
-    std::function<void()> before_push_;
-    std::string path_ = daemon_.dir().file("relay.sock");
-    int listener_ = -1;
-    std::thread relay_;
-};
-
-TEST(Zrcfg, StaleCopyConflictRefusesThePush)
+// zrcfg's session goes through a relay; just before the relay passes the push
+// on, another session changes the data that zrcfg has already read.
+TEST_F(Zrcfg, StaleCopyConflictRefusesThePush)
 {
     daemon_process d;
-    push_interceptor relay(d, [&d] {
-        client other(d);
-        cfg_set_string(other, cfg_get_by_path(other, "system.hostname"), "other");
-        EXPECT_EQ(cfg_commit(other), 1);
-    });
-    run_result r = zrcfg(d.dir(), {"--socket", relay.path(), "set", "system.hostname", "mine"});
+    int upstream = d.connect_raw();
+    scripted_daemon relay({step::serve([&](json_t *request) {
+        const char *method = json_string_value(json_object_get(request, "method"));
+        if (method != nullptr && strcmp(method, "push") == 0) {
+            client other(d);
+            cfg_set_string(other, cfg_get_by_path(other, "system.hostname"), "other");
+            EXPECT_EQ(cfg_commit(other), 1);
+        }
+        return forward(upstream, request);
+    })});
+    run_result r =
+        zrcfg(d.dir(), {"--socket", relay.socket_path(), "set", "system.hostname", "mine"});
+    relay.stop();
+    close(upstream);
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("error: Update conflicts with newer data on server"), std::string::npos)
         << r.err;
     EXPECT_EQ(value_at(d, "system.hostname"), "other\n");
 }
 
-TEST(Zrcfg, ExitStatusForUsageAndUnreachableDaemon)
+TEST(ZrcfgUsage, ExitStatusForUsageAndUnreachableDaemon)
 {
     temp_dir dir;
     std::string dead = dir.file("nobody.sock");
@@ -196,7 +145,7 @@ TEST(Zrcfg, ExitStatusForUsageAndUnreachableDaemon)
     EXPECT_EQ(help.out.rfind("usage: zrcfg search", 0), 0u);
 }
 
-TEST(Zrcfg, ExportThenApplyChangesNothingAndAChangedDocumentCommits)
+TEST_F(Zrcfg, ExportThenApplyChangesNothingAndAChangedDocumentCommits)
 {
     daemon_process d;
     run_result exported = zrcfg(d, {"export"});
@@ -218,7 +167,7 @@ TEST(Zrcfg, ExportThenApplyChangesNothingAndAChangedDocumentCommits)
     EXPECT_EQ(zrcfg(d, {"get", "network.conns[3]"}).status, 1);
 }
 
-TEST(Zrcfg, SearchJoinsConditions)
+TEST_F(Zrcfg, SearchJoinsConditions)
 {
     daemon_process d;
     run_result table = zrcfg(d, {"search", "network.conns", "mode = static", "mtu > 1500"});

@@ -8,6 +8,8 @@
 namespace zrtest {
 namespace {
 
+using ZrconfigHpp = example_appliance_test;
+
 using zrconfig::element;
 using zrconfig::session;
 
@@ -23,7 +25,7 @@ int find_conn(const session &s, const std::string &name)
     return -1;
 }
 
-TEST(ZrconfigHpp, ReadsChangesCommitsAndReadsBack)
+TEST_F(ZrconfigHpp, ReadsChangesCommitsAndReadsBack)
 {
     daemon_process d;
     {
@@ -55,7 +57,7 @@ TEST(ZrconfigHpp, ReadsChangesCommitsAndReadsBack)
     EXPECT_EQ(again.at("network.conns[1].mtu").as_int(), 1400);
 }
 
-TEST(ZrconfigHpp, RefusedChangeNamesTheElementByPath)
+TEST_F(ZrconfigHpp, RefusedChangeNamesTheElementByPath)
 {
     daemon_process d;
     session s(d.socket_path(), "hpp-test");
@@ -71,7 +73,7 @@ TEST(ZrconfigHpp, RefusedChangeNamesTheElementByPath)
     EXPECT_EQ(checked.messages[0].text, "Required field 'address' is not present");
 }
 
-TEST(ZrconfigHpp, StaleCopyIsRefusedAsAConflict)
+TEST_F(ZrconfigHpp, StaleCopyIsRefusedAsAConflict)
 {
     daemon_process d;
     session first(d.socket_path(), "hpp-test"), second(d.socket_path(), "hpp-test");
@@ -86,7 +88,7 @@ TEST(ZrconfigHpp, StaleCopyIsRefusedAsAConflict)
     EXPECT_EQ(refused.messages[0].code, 32);
 }
 
-TEST(ZrconfigHpp, AppendsAndDeletesListMembers)
+TEST_F(ZrconfigHpp, AppendsAndDeletesListMembers)
 {
     daemon_process d;
     {
@@ -107,7 +109,7 @@ TEST(ZrconfigHpp, AppendsAndDeletesListMembers)
     EXPECT_EQ(names, (std::vector<std::string>{"lan", "dmz", "mgmt", "lab"}));
 }
 
-TEST(ZrconfigHpp, LocalContextAndMovedSession)
+TEST_F(ZrconfigHpp, LocalContextAndMovedSession)
 {
     zrconfig::context local;
     element root = local.root();

@@ -1,144 +1,192 @@
-// A small appliance configuration for validation tests: a schema with
-// required and optional members, defaults, a list of a named type and
-// conditionals (relative, climbing and absolute paths), and a loaded tree
-// that leaves several required members missing.
+// The appliance for the validation, default and trigger tests: a schema
+// loaded from the daemon's JSON form and a loaded, unflagged tree that
+// validates once its missing defaults are filled in. The fixture captures
+// log lines. (The daemon's example appliance lacks the climbing and absolute
+// conditionals and the deprecated member these tests need.)
 //
-// Schema ("s-" uuids; r = required, o = optional):
-//   s-root map: r system (s-system), r interfaces (s-interfaces: list of
-//               type "interface"), o services (s-services)
-//   s-system map: r hostname string "appliance", r mtu int 1500,
-//               r timeout int (no default), r ntp list of strings,
-//               o banner string "welcome", r dns (s-dns)
-//   s-dns map: r enabled bool true;
-//               if "^mtu" > 1400 (s-if-jumbo): r edns bool true
-//               if ".enabled" == true (s-if-dns-on): r cache int 512
-//   s-interface map (type "interface"): r name string (no default),
-//               r enabled bool false, o mode string "static";
-//               if ".mode" == "dhcp" (s-if-dhcp): r lease int 3600
-//               if "^^system.hostname" != "appliance" (s-if-host):
-//               r label string "custom"
-//   s-services map: r ssh map (s-ssh): r port int 22
+// Conditionals: a connection whose mode is "static" requires address and
+// netmask; every connection requires trace once "^^^system.loglevel" is 7 or
+// more; the network requires proxy_port when "system.proxy_mode" (absent
+// from the tree) is "http".
 //
-// Tree (loaded, unflagged; schema bindings left empty except the root's):
-//   root-1 { system sys0-aaaa-bbbb-cccc-0001 { hostname host-1 "box",
-//                                             mtu mtu-1 9000, dns dns-1 {} },
-//            interfaces ifs-1 [ if-1 { name "eth0", mode "dhcp" },
-//                               if-2 { name "eth1" } ]
-//            (if-3 { name "eth2" } pending in ifs-1) }
+// Tree (daemon uuids; "missing" members have schema defaults):
+//   root-1 { system sys-1 { hostname host-1 "gateway",
+//                           (missing loglevel 6, timezone "UTC") },
+//            network net-1 { conns conns-1 [
+//                conn-1 { name "wan", mode "dhcp", (missing mtu 1500) },
+//                conn-2 { name "lan", mode "static", mtu 1500,
+//                         address "192.168.1.1", netmask 24 } ] },
+//            users users-1 [ user-1 { name "admin", role "admin", uid 1000 },
+//                            user-2 { name "operator", role "operator",
+//                                     uid 1001 } ],
+//            certificates certs-1 [ cert-1 { name "web", certificate, key,
+//                                            common_name "device.example" } ] }
 #pragma once
 
 #include "context.h"
-
-#include <cstring>
+#include "log_capture.h"
+#include "test_material.h"
 
 namespace zrtest {
 
+inline const char appliance_schema[] = R"([
+ {"id": "n-root", "type": 8, "required": {"system": "n-system", "network": "n-network",
+   "users": "n-users", "certificates": "n-certs"}},
+ {"id": "n-system", "type": 8,
+   "required": {"hostname": "n-hostname", "loglevel": "n-loglevel", "timezone": "n-timezone"},
+   "optional": {"proxy_mode": "n-proxy-mode"},
+   "deprecated": {"legacy_port": "n-legacy-port"}},
+ {"id": "n-hostname", "type": 4, "min_length": 1, "max_length": 63,
+   "regex": "^[a-z][a-z0-9-]*$"},
+ {"id": "n-loglevel", "type": 2, "min": 0, "max": 7, "default": 6},
+ {"id": "n-timezone", "type": 4, "default": "UTC"},
+ {"id": "n-legacy-port", "type": 2, "min": 1, "max": 2},
+ {"id": "n-proxy-mode", "type": 4, "allowed": ["off", "http"]},
+ {"id": "n-network", "type": 8, "required": {"conns": "n-conns"},
+   "conditionals": ["n-if-proxy"]},
+ {"id": "n-if-proxy", "type": 10,
+   "expression": ["system.proxy_mode", "==", {"type": "string", "value": "http", "id": "v-http"}],
+   "required": {"proxy_port": "n-proxy-port"}},
+ {"id": "n-proxy-port", "type": 2, "min": 1, "max": 65535},
+ {"id": "n-conns", "type": 7, "element_type": "connection", "min_length": 1,
+   "validators": [{"validator": "uniqueness", "parameters": ["name"],
+                   "paths": ["\\(\\d+\\)\\.name"]}]},
+ {"id": "n-connection", "type": 8,
+   "required": {"name": "n-conn-name", "mode": "n-conn-mode", "mtu": "n-conn-mtu"},
+   "conditionals": ["n-if-static", "n-if-debug"]},
+ {"id": "n-conn-name", "type": 4, "max_length": 15, "regex": "^[a-z0-9]+$"},
+ {"id": "n-conn-mode", "type": 4, "allowed": ["static", "dhcp"], "default": "static"},
+ {"id": "n-conn-mtu", "type": 2, "min": 576, "max": 9000, "default": 1500},
+ {"id": "n-if-static", "type": 10, "eval_priority": 0,
+   "expression": [".mode", "==", {"type": "string", "value": "static", "id": "v-static"}],
+   "required": {"address": "n-conn-address", "netmask": "n-conn-netmask"}},
+ {"id": "n-if-debug", "type": 10,
+   "expression": ["^^^system.loglevel", ">=", {"type": "int", "value": 7, "id": "v-debug"}],
+   "required": {"trace": "n-conn-trace"}},
+ {"id": "n-conn-trace", "type": 1, "default": false},
+ {"id": "n-conn-address", "type": 4,
+   "validators": [{"validator": "networkaddress", "parameters": ["ipv4"], "paths": []}]},
+ {"id": "n-conn-netmask", "type": 2, "min": 1, "max": 32, "default": 24},
+ {"id": "n-users", "type": 7, "element_type": "user",
+   "validators": [{"validator": "uniqueness", "parameters": ["name"],
+                   "paths": ["\\(\\d+\\)\\.name"]}]},
+ {"id": "n-user", "type": 8,
+   "required": {"name": "n-user-name", "role": "n-user-role", "uid": "n-user-uid"}},
+ {"id": "n-user-name", "type": 4, "max_length": 32, "regex": "^[a-z_][a-z0-9_-]*$"},
+ {"id": "n-user-role", "type": 4, "allowed": ["admin", "operator", "viewer"],
+   "default": "viewer"},
+ {"id": "n-user-uid", "type": 2, "min": 1000, "max": 60000},
+ {"id": "n-certs", "type": 7, "element_type": "certificate"},
+ {"id": "n-cert", "type": 8,
+   "required": {"name": "n-cert-name", "certificate": "n-cert-pem", "key": "n-cert-key"},
+   "optional": {"common_name": "n-cert-cn"},
+   "validators": [{"validator": "ssl_cert",
+                   "parameters": ["certificate", "key", "common_name"]}]},
+ {"id": "n-cert-name", "type": 4},
+ {"id": "n-cert-pem", "type": 6, "min_length": 1, "max_length": 16384},
+ {"id": "n-cert-key", "type": 6, "min_length": 1, "max_length": 16384},
+ {"id": "n-cert-cn", "type": 4}
+])";
+
 struct appliance : tree_context {
-    cfg_schema_element *s_root = nullptr, *s_system = nullptr, *s_dns = nullptr,
-                       *s_interface = nullptr, *s_services = nullptr;
-    cfg_element *root = nullptr, *system = nullptr, *hostname = nullptr, *mtu = nullptr,
-                *dns = nullptr, *interfaces = nullptr, *if1 = nullptr, *if2 = nullptr,
-                *if3 = nullptr;
+    log_capture log;
+    cfg_element *root = nullptr, *system = nullptr, *network = nullptr, *conns = nullptr,
+                *conn1 = nullptr, *conn2 = nullptr, *users = nullptr, *user1 = nullptr,
+                *user2 = nullptr, *certs = nullptr, *cert1 = nullptr;
 
     appliance()
     {
-        build_schema();
+        load_schema();
         build_tree();
+    }
+    // The schema alone, for a context that receives a copied tree.
+    struct schema_only {};
+    explicit appliance(schema_only) { load_schema(); }
+
+    texts messages() const { return messages_of(ctx()); }
+    void clear_messages() const { cfg_free_message_stack(ctx()); }
+
+    // Clears every element's flags, as a commit would.
+    void clear_flags() const
+    {
+        for (cfg_index_entry *e = ctx()->elements; e != nullptr;
+             e = static_cast<cfg_index_entry *>(e->hh.next))
+            e->element->flags = 0;
+    }
+
+    // Loads a string or int member into map.
+    cfg_element *load_string(cfg_element *map, const char *key, const char *uuid,
+                             const char *text) const
+    {
+        return put(map, key, cfg_load_string(ctx(), uuid, text));
+    }
+    cfg_element *load_int(cfg_element *map, const char *key, const char *uuid, int value) const
+    {
+        return put(map, key, cfg_load_int(ctx(), uuid, value));
     }
 
   private:
-    void add(cfg_schema_element *map, int which, const char *key, cfg_schema_element *m)
-    {
-        cfg_add_schema_mapelem(ctx(), map, which, key, m);
-    }
-    cfg_schema_element *string_schema(const char *uuid, const char *def)
-    {
-        return cfg_init_schema_string(ctx(), uuid, 0, 0, 0, 0, def, nullptr);
-    }
-    cfg_schema_element *int_schema(const char *uuid, bool has_default, int def)
-    {
-        return cfg_init_schema_int(ctx(), uuid, 0, 0, 0, 0, has_default, def);
-    }
-    // A conditional of map whose branch requires key (schema member).
-    void condition(cfg_schema_element *map, const char *uuid, const char *path, int op,
-                   int value_type, cfg_schema_value value, const char *key,
-                   cfg_schema_element *member)
-    {
-        cfg_schema_element *cond = cfg_init_schema_if(ctx(), uuid, path, op, value_type, value, 0);
-        cfg_add_schema_map_conditionalelem(ctx(), map, cond);
-        cfg_load_schema_mapid(cond, 0, key, member->uuid);
-    }
-
-    void build_schema()
+    void load_schema()
     {
         cfg *c = ctx();
-        s_root = cfg_init_schema_map(c, "s-root");
-        c->schema->root = s_root;
-        s_system = cfg_init_schema_map(c, "s-system");
-        s_dns = cfg_init_schema_map(c, "s-dns");
-        s_interface = cfg_init_schema_map(c, "s-interface");
-        s_services = cfg_init_schema_map(c, "s-services");
-        cfg_add_type(c, "interface", "s-interface");
-
-        add(s_root, 0, "system", s_system);
-        add(s_root, 0, "interfaces",
-            cfg_init_schema_list(c, "s-interfaces", 0, 0, 0, 0, 2, 0, "interface"));
-        add(s_root, 1, "services", s_services);
-
-        add(s_system, 0, "hostname", string_schema("s-hostname", "appliance"));
-        add(s_system, 0, "mtu", int_schema("s-mtu", true, 1500));
-        add(s_system, 0, "timeout", int_schema("s-timeout", false, 0));
-        add(s_system, 0, "ntp",
-            cfg_init_schema_list(c, "s-ntp", 0, 0, 0, 0, 1, CFG_TYPE_STRING, nullptr));
-        add(s_system, 1, "banner", string_schema("s-banner", "welcome"));
-        add(s_system, 0, "dns", s_dns);
-
-        add(s_dns, 0, "enabled", cfg_init_schema_bool(c, "s-dns-enabled", 1, 1));
-        condition(s_dns, "s-if-jumbo", "^mtu", 4, 2, {.int_value = 1400}, "edns",
-                  cfg_init_schema_bool(c, "s-edns", 1, 1));
-        condition(s_dns, "s-if-dns-on", ".enabled", 2, 1, {.bool_value = 1}, "cache",
-                  int_schema("s-cache", true, 512));
-
-        add(s_interface, 0, "name", string_schema("s-if-name", nullptr));
-        add(s_interface, 0, "enabled", cfg_init_schema_bool(c, "s-if-enabled", 1, 0));
-        add(s_interface, 1, "mode", string_schema("s-if-mode", "static"));
-        condition(s_interface, "s-if-dhcp", ".mode", 2, 3,
-                  {.string_value = const_cast<char *>("dhcp")}, "lease",
-                  int_schema("s-lease", true, 3600));
-        condition(s_interface, "s-if-host", "^^system.hostname", 3, 3,
-                  {.string_value = const_cast<char *>("appliance")}, "label",
-                  string_schema("s-label", "custom"));
-
-        cfg_schema_element *ssh = cfg_init_schema_map(c, "s-ssh");
-        add(s_services, 0, "ssh", ssh);
-        add(ssh, 0, "port", int_schema("s-port", true, 22));
+        json_handle nodes = parse_json(appliance_schema);
+        size_t i;
+        json_t *value;
+        json_array_foreach(nodes.get(), i, value)
+        {
+            cfg_schema_element *elem = json_to_schema_elem(c, value);
+            ASSERT_NE(elem, nullptr) << i;
+            elem->flags = 0;
+        }
+        c->schema->root = cfg_get_schema_node(c, "n-root");
+        cfg_add_type(c, "connection", "n-connection");
+        cfg_add_type(c, "user", "n-user");
+        cfg_add_type(c, "certificate", "n-cert");
     }
 
-    cfg_element *load_interface(const char *uuid, const char *name, bool pending)
+    cfg_element *map(cfg_element *parent, const char *key, const char *uuid)
     {
-        cfg_element *map = cfg_load_map(ctx(), uuid);
-        if (pending)
-            cfg_append_future_listelem(ctx(), interfaces, map);
-        else
-            put(interfaces, nullptr, map);
-        put(map, "name", cfg_load_string(ctx(), (std::string(uuid) + "-name-elem").c_str(), name));
-        return map;
+        return put(parent, key, cfg_load_map(ctx(), uuid));
     }
 
     void build_tree()
     {
         cfg *c = ctx();
+        const test_material &m = material();
         root = cfg_load_map(c, "root-1");
-        strcpy(root->schema, "s-root");
-        system = put(root, "system", cfg_load_map(c, "sys0-aaaa-bbbb-cccc-0001"));
-        hostname = put(system, "hostname", cfg_load_string(c, "host-1", "box"));
-        mtu = put(system, "mtu", cfg_load_int(c, "mtu-1", 9000));
-        dns = put(system, "dns", cfg_load_map(c, "dns-1"));
-        interfaces = put(root, "interfaces", cfg_load_list(c, "ifs-1"));
-        if1 = load_interface("if-1", "eth0", false);
-        put(if1, "mode", cfg_load_string(c, "mode-1", "dhcp"));
-        if2 = load_interface("if-2", "eth1", false);
-        if3 = load_interface("if-3", "eth2", true);
+        system = map(root, "system", "sys-1");
+        network = map(root, "network", "net-1");
+        conns = put(network, "conns", cfg_load_list(c, "conns-1"));
+        users = put(root, "users", cfg_load_list(c, "users-1"));
+        certs = put(root, "certificates", cfg_load_list(c, "certs-1"));
+
+        cert1 = map(certs, nullptr, "cert-1");
+        load_string(cert1, "name", "cert-name-1", "web");
+        put(cert1, "certificate",
+            cfg_load_blob(c, "cert-pem-1", m.certificate.data(), m.certificate.size()));
+        put(cert1, "key", cfg_load_blob(c, "cert-key-1", m.key.data(), m.key.size()));
+        load_string(cert1, "common_name", "cert-cn-1", "device.example");
+
+        load_string(system, "hostname", "host-1", "gateway");
+
+        conn1 = map(conns, nullptr, "conn-1");
+        load_string(conn1, "name", "conn-name-1", "wan");
+        load_string(conn1, "mode", "conn-mode-1", "dhcp");
+        conn2 = map(conns, nullptr, "conn-2");
+        load_string(conn2, "name", "conn-name-2", "lan");
+        load_string(conn2, "mode", "conn-mode-2", "static");
+        load_int(conn2, "mtu", "conn-mtu-2", 1500);
+        load_string(conn2, "address", "conn-address-2", "192.168.1.1");
+        load_int(conn2, "netmask", "conn-netmask-2", 24);
+
+        user1 = map(users, nullptr, "user-1");
+        load_string(user1, "name", "user-name-1", "admin");
+        load_string(user1, "role", "user-role-1", "admin");
+        load_int(user1, "uid", "user-uid-1", 1000);
+        user2 = map(users, nullptr, "user-2");
+        load_string(user2, "name", "user-name-2", "operator");
+        load_string(user2, "role", "user-role-2", "operator");
+        load_int(user2, "uid", "user-uid-2", 1001);
     }
 };
 

@@ -58,6 +58,20 @@ struct tree_context {
     }
 };
 
+// A library session on a daemon's socket, disconnected when it goes.
+struct session {
+    cfg *ctx;
+    explicit session(const std::string &socket_path, const char *name = "test")
+        : ctx(cfg_connect(socket_path.c_str(), name))
+    {
+    }
+    ~session() { cfg_disconnect(&ctx); }
+    session(const session &) = delete;
+    session &operator=(const session &) = delete;
+    cfg *operator->() const { return ctx; }
+    operator cfg *() const { return ctx; }
+};
+
 // Takes a string the library allocated; "(none)" for null.
 inline std::string taken(char *text)
 {

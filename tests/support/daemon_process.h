@@ -3,6 +3,7 @@
 // always stopped when the object goes, also when a test fails.
 #pragma once
 
+#include "scripted_daemon.h"
 #include "temp_dir.h"
 
 #include "zrconfig.h"
@@ -14,8 +15,6 @@
 #include <csignal>
 #include <spawn.h>
 #include <string>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -33,12 +32,22 @@ inline std::string daemon_path()
     return chosen != nullptr ? chosen : ZRCONFIGD_PATH;
 }
 
-// Starts argv with its standard error appended to log; the pid or -1.
-inline pid_t spawn(std::vector<char *> &argv, const std::string &log)
+// Starts args (the program first) with its standard error going to err,
+// appended, and its standard output to out, truncated, when out is given;
+// the pid, or -1.
+inline pid_t spawn(std::vector<std::string> args, const std::string &err,
+                   const std::string &out = "")
 {
+    std::vector<char *> argv;
+    for (std::string &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(),
+    if (!out.empty())
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
                                      O_WRONLY | O_CREAT | O_APPEND, 0644);
     pid_t pid = -1;
     if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
@@ -47,19 +56,20 @@ inline pid_t spawn(std::vector<char *> &argv, const std::string &log)
     return pid;
 }
 
-// Runs the daemon with args until it exits; its exit status.
-inline int run_daemon(std::vector<std::string> args, const std::string &log)
+// Waits for pid to end; its exit status, or -1.
+inline int exit_status(pid_t pid)
 {
-    args.insert(args.begin(), daemon_path());
-    std::vector<char *> argv;
-    for (std::string &a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = spawn(argv, log);
     int status = 0;
     if (pid <= 0 || waitpid(pid, &status, 0) != pid)
         return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs the daemon with args until it exits; its exit status.
+inline int run_daemon(std::vector<std::string> args, const std::string &log)
+{
+    args.insert(args.begin(), daemon_path());
+    return exit_status(spawn(args, log));
 }
 
 inline std::string appliance_file(const char *name)
@@ -101,11 +111,7 @@ class daemon_process {
         std::vector<std::string> args{daemon_path(), "--socket", socket_, "--db", db_,
                                       "--foreground"};
         args.insert(args.end(), extra.begin(), extra.end());
-        std::vector<char *> argv;
-        for (std::string &a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        pid_ = spawn(argv, log_);
+        pid_ = spawn(args, log_);
         return pid_ > 0 && wait_until_ready();
     }
 
@@ -115,18 +121,7 @@ class daemon_process {
     void kill_now() { end(SIGKILL); }
 
     // A raw connection to the socket; -1 on failure.
-    int connect_raw() const
-    {
-        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        struct sockaddr_un addr = {};
-        addr.sun_family = AF_UNIX;
-        snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_.c_str());
-        if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-            close(fd);
-            return -1;
-        }
-        return fd;
-    }
+    int connect_raw() const { return connect_unix(socket_); }
 
   private:
     bool wait_until_ready()
@@ -153,10 +148,8 @@ class daemon_process {
         if (pid_ <= 0)
             return exit_status_;
         kill(pid_, sig);
-        int status = 0;
-        waitpid(pid_, &status, 0);
+        exit_status_ = exit_status(pid_);
         pid_ = -1;
-        exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         return exit_status_;
     }
 
@@ -170,18 +163,23 @@ class daemon_process {
     int exit_status_ = -1;
 };
 
+// The example appliance's time zone is checked against the zone database,
+// so without tzdata the daemon refuses the example's data: tests that start
+// it need tzdata and skip where the machine has none.
+struct example_appliance_test : testing::Test {
+    void SetUp() override
+    {
+        if (access("/usr/share/zoneinfo/Europe/Berlin", R_OK) != 0)
+            GTEST_SKIP() << "no time zone database (tzdata) on this machine";
+    }
+};
+
 // A library session with the daemon, disconnected when it goes.
-struct client {
-    cfg *ctx;
+struct client : session {
     explicit client(const daemon_process &d, const char *name = "test")
-        : ctx(cfg_connect(d.socket_path().c_str(), name))
+        : session(d.socket_path(), name)
     {
     }
-    ~client() { cfg_disconnect(&ctx); }
-    client(const client &) = delete;
-    client &operator=(const client &) = delete;
-    cfg *operator->() const { return ctx; }
-    operator cfg *() const { return ctx; }
 };
 
 } // namespace zrtest

@@ -9,12 +9,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Only key types every current OpenSSH makes: newer releases cannot make DSA
+// keys, so the DSA line the validators accept is a fixed text in their test.
 const char generate[] =
     "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
     " -keyout key.pem -out cert.pem -subj /CN=device.example -days 2"
     " && openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:prime256v1 -out other.pem"
     " && openssl genrsa -traditional -out rsa.pem 2048"
-    " && for k in dsa:1024 rsa:2048 ed25519:256 ecdsa:256 ecdsa:384 ecdsa:521; do"
+    " && for k in rsa:2048 ed25519:256 ecdsa:256 ecdsa:384 ecdsa:521; do"
     " ssh-keygen -q -N '' -C user@host -t ${k%:*} -b ${k#*:} -f ssh-$k || exit 1; done"
     " && ssh-keygen -q -s ssh-ecdsa:256 -I test -n user ssh-ed25519:256.pub";
 
