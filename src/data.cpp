@@ -1265,63 +1265,6 @@ extern "C" cfg_element *cfg_map_set_blob(cfg *context, cfg_element *map, const c
         [&] { return cfg_new_blob(context, data, size); });
 }
 
-namespace {
-
-// Reads the element at path below start with read; when there is none, *out
-// is cleared and 0 is returned.
-template <typename T>
-int map_get(cfg *context, cfg_element *start, const char *path, T *out,
-            int (*read)(cfg_element *, T *))
-{
-    cfg_element *element =
-        path != nullptr ? cfg_get_child_by_path(context, start, path) : nullptr;
-    if (element == nullptr) {
-        if (out != nullptr)
-            *out = T{};
-        return 0;
-    }
-    return read(element, out);
-}
-
-} // namespace
-
-extern "C" int cfg_map_get_string(cfg *context, cfg_element *start, const char *path,
-                                  char **out)
-{
-    return map_get(context, start, path, out, cfg_string_value);
-}
-
-extern "C" int cfg_map_get_bool(cfg *context, cfg_element *start, const char *path, int *out)
-{
-    return map_get(context, start, path, out, cfg_bool_value);
-}
-
-extern "C" int cfg_map_get_reference(cfg *context, cfg_element *start, const char *path,
-                                     char **out)
-{
-    return map_get(context, start, path, out, cfg_reference_value);
-}
-
-extern "C" int cfg_map_get_int(cfg *context, cfg_element *start, const char *path, int *out)
-{
-    return map_get(context, start, path, out, cfg_int_value);
-}
-
-extern "C" int cfg_map_get_blob(cfg *context, cfg_element *start, const char *path,
-                                void **out, size_t *size)
-{
-    cfg_element *element =
-        path != nullptr ? cfg_get_child_by_path(context, start, path) : nullptr;
-    if (element == nullptr) {
-        if (out != nullptr)
-            *out = nullptr;
-        if (size != nullptr)
-            *size = 0;
-        return 0;
-    }
-    return cfg_blob_value(element, out, size);
-}
-
 // ---- Parent links from loaded data ----
 
 extern "C" cfg_link *cfg_load_referenceparent(cfg_element *element, const char *uuid)

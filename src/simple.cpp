@@ -245,6 +245,65 @@ extern "C" cfg_element *cfg_simple_get_mapelem(cfg *context, cfg_element *map,
     return uuid != nullptr ? cfg_get_by_id(context, uuid) : nullptr;
 }
 
+// ---- Map readers by path ----
+
+namespace {
+
+// Reads the element at path below start with read; when there is none, *out
+// is cleared and 0 is returned.
+template <typename T>
+int map_get(cfg *context, cfg_element *start, const char *path, T *out,
+            int (*read)(cfg_element *, T *))
+{
+    cfg_element *element =
+        path != nullptr ? cfg_get_child_by_path(context, start, path) : nullptr;
+    if (element == nullptr) {
+        if (out != nullptr)
+            *out = T{};
+        return 0;
+    }
+    return read(element, out);
+}
+
+} // namespace
+
+extern "C" int cfg_map_get_string(cfg *context, cfg_element *start, const char *path,
+                                  char **out)
+{
+    return map_get(context, start, path, out, cfg_string_value);
+}
+
+extern "C" int cfg_map_get_bool(cfg *context, cfg_element *start, const char *path, int *out)
+{
+    return map_get(context, start, path, out, cfg_bool_value);
+}
+
+extern "C" int cfg_map_get_reference(cfg *context, cfg_element *start, const char *path,
+                                     char **out)
+{
+    return map_get(context, start, path, out, cfg_reference_value);
+}
+
+extern "C" int cfg_map_get_int(cfg *context, cfg_element *start, const char *path, int *out)
+{
+    return map_get(context, start, path, out, cfg_int_value);
+}
+
+extern "C" int cfg_map_get_blob(cfg *context, cfg_element *start, const char *path,
+                                void **out, size_t *size)
+{
+    cfg_element *element =
+        path != nullptr ? cfg_get_child_by_path(context, start, path) : nullptr;
+    if (element == nullptr) {
+        if (out != nullptr)
+            *out = nullptr;
+        if (size != nullptr)
+            *size = 0;
+        return 0;
+    }
+    return cfg_blob_value(element, out, size);
+}
+
 // ---- Rendering paths ----
 
 extern "C" cfg_parent_link *cfg_get_most_solid_parent_link(cfg_element *element)
