@@ -3,6 +3,7 @@
 // object, commit and the conflict list.
 #define ZR_SOURCE "src/client"
 #include "internal.h"
+#include "common.h"
 
 #include <cerrno>
 #include <cstring>
@@ -39,21 +40,6 @@ bool result_is_true(json_t *response)
 {
     return json_is_true(json_object_get(response, "result"));
 }
-
-} // namespace
-
-// The returned text lives as long as id or the map entry.
-const char *zr::mapped_id(cfg *ctx, const char *id)
-{
-    cfg_client *client = client_of(ctx);
-    if (client == nullptr || client->uuid_map == nullptr || id == nullptr)
-        return id;
-    cfg_uuid_map_entry *entry = nullptr;
-    HASH_FIND(hh, client->uuid_map, id, strlen(id), entry);
-    return entry != nullptr ? entry->new_ : id;
-}
-
-namespace {
 
 using zr::mapped_id;
 

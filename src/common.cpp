@@ -2,6 +2,7 @@
 // uuids and element flag queries.
 #define ZR_SOURCE "src/common"
 #include "internal.h"
+#include "common.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -210,6 +211,31 @@ extern "C" cfg_element *cfg_find_by_id(cfg *context, const char *uuid)
     cfg_index_entry *entry = nullptr;
     HASH_FIND(hh, context->elements, uuid, strlen(uuid), entry);
     return entry != nullptr ? entry->element : nullptr;
+}
+
+// The returned text lives as long as id or the map entry.
+const char *zr::mapped_id(cfg *ctx, const char *id)
+{
+    auto *client = ctx != nullptr ? static_cast<cfg_client *>(ctx->client_data) : nullptr;
+    if (client == nullptr || client->uuid_map == nullptr || id == nullptr)
+        return id;
+    cfg_uuid_map_entry *entry = nullptr;
+    HASH_FIND(hh, client->uuid_map, id, strlen(id), entry);
+    return entry != nullptr ? entry->new_ : id;
+}
+
+bool zr::looks_up_locally(const cfg *context)
+{
+    return context->get_by_id == cfg_find_by_id || context->get_by_id == client_cfg_get_by_id;
+}
+
+cfg_element *zr::local_answer(cfg *context, const char *uuid)
+{
+    if (context->get_by_id == cfg_find_by_id)
+        return cfg_find_by_id(context, uuid);
+    if (context->get_by_id == client_cfg_get_by_id)
+        return cfg_find_by_id(context, mapped_id(context, uuid));
+    return nullptr;
 }
 
 extern "C" cfg_element *cfg_root(cfg *context)

@@ -2,6 +2,7 @@
 // map membership, references, deletion (marking) and release (freeing).
 #define ZR_SOURCE "src/data"
 #include "internal.h"
+#include "common.h"
 
 #include <atomic>
 #include <cstring>
@@ -897,22 +898,11 @@ extern "C" void cfg_delete_elem(cfg *context, cfg_element *element)
 
 namespace {
 
-// True when the context looks elements up with one of the library's own
-// hooks, which answer a held uuid with the indexed element and nothing else.
-bool looks_up_locally(const cfg *context)
-{
-    return context->get_by_id == cfg_find_by_id || context->get_by_id == client_cfg_get_by_id;
-}
-
 // True when the context's hook would answer element's uuid with element
 // itself, from the local index.
 bool answers_with(cfg *context, cfg_element *element)
 {
-    if (context->get_by_id == cfg_find_by_id)
-        return cfg_find_by_id(context, element->uuid) == element;
-    if (context->get_by_id == client_cfg_get_by_id)
-        return cfg_find_by_id(context, zr::mapped_id(context, element->uuid)) == element;
-    return false;
+    return zr::local_answer(context, element->uuid) == element;
 }
 
 // Remembers the member just appended at position, as list_member would
@@ -944,7 +934,7 @@ cfg_element *zr::list_member(cfg *context, cfg_element *list, size_t position)
     cfg_link *node = indexed_node(list->value.list.members, members, position);
     if (node == nullptr)
         return nullptr;
-    if (!looks_up_locally(context))
+    if (!zr::looks_up_locally(context))
         return cfg_get_by_id(context, record_of(node)->uuid);
     uint64_t stamp = current(index_removals);
     const resolved_member &held = members.slot(context, position);

@@ -64,10 +64,6 @@ void index_changed();
 cfg_index_entry *new_index_entry();
 void free_index_entry(cfg_index_entry *entry);
 
-// The id the daemon gave to id on a push, or id itself when it was not
-// renamed (or the context has no connection).
-const char *mapped_id(cfg *ctx, const char *id);
-
 // Frees a validator and everything it owns; always nullptr.
 cfg_schema_validator *free_schema_validator(cfg_schema_validator *validator);
 

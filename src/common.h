@@ -1,0 +1,23 @@
+// Lookups that the areas above the context share.
+#ifndef ZRCONFIG_COMMON_H
+#define ZRCONFIG_COMMON_H
+
+#include "zrconfig.h"
+
+namespace zr {
+
+// The id the daemon gave to id on a push, or id itself when it was not
+// renamed (or the context has no connection).
+const char *mapped_id(cfg *ctx, const char *id);
+
+// True when the context looks elements up with one of the library's own
+// hooks, which answer a held uuid with the indexed element and nothing else.
+bool looks_up_locally(const cfg *context);
+
+// The element the context's hook answers uuid with from the local index;
+// null when there is none or the hook is not one of the library's own.
+cfg_element *local_answer(cfg *context, const char *uuid);
+
+} // namespace zr
+
+#endif // ZRCONFIG_COMMON_H
