@@ -260,6 +260,104 @@ extern "C" int cfg_apply_changeset(cfg *ctx, json_t *changeset, int from_daemon,
 }
 
 // ------------------------------------------------------------------------
+// Update object
+// ------------------------------------------------------------------------
+
+namespace {
+
+json_t *appended_pair(const char *parent, const char *child)
+{
+    json_t *pair = json_object();
+    json_object_set_new(pair, "parent_id", json_string(parent));
+    json_object_set_new(pair, "child_id", json_string(child));
+    return pair;
+}
+
+// The list whose future members are being listed.
+struct future_owner {
+    cfg_element *elem;
+};
+
+// Sorts one element into "deleted", "added" or "changed" by its flags and
+// lists a list's future members under "appended".
+void assemble_element(cfg_element *element, json_t *update)
+{
+    unsigned int flags = element->flags;
+    if (flags & CFG_FLAG_DELETED) {
+        if (!(flags & CFG_FLAG_NEW))
+            json_array_append_new(json_object_get(update, "deleted"), json_string(element->uuid));
+    } else if (flags & CFG_FLAG_NEW) {
+        json_array_append_new(json_object_get(update, "added"), elem_to_json(element));
+    } else if (flags & CFG_FLAG_CHANGED) {
+        json_array_append_new(json_object_get(update, "changed"), elem_to_json(element));
+    }
+    if (element->type != CFG_TYPE_LIST)
+        return;
+    const future_owner owner{element}, *item = &owner;
+    for (cfg_link *node = element->value.list.future_members; node != nullptr;
+         node = node->next) {
+        ZR_ASSERT(item->elem->flags & (1 << 4));
+        json_array_append_new(json_object_get(update, "appended"),
+                              appended_pair(element->uuid,
+                                            static_cast<cfg_parent_link *>(node->data)->uuid));
+    }
+}
+
+void assemble_schema_element(cfg_schema_element *elem, json_t *update)
+{
+    unsigned int flags = elem->flags;
+    const char *list = nullptr;
+    if (flags & CFG_FLAG_DELETED) {
+        if (!(flags & CFG_FLAG_NEW))
+            json_array_append_new(json_object_get(update, "schema_deleted"),
+                                  json_string(elem->uuid));
+        return;
+    }
+    if (flags & CFG_FLAG_NEW)
+        list = "schema_added";
+    else if (flags & CFG_FLAG_CHANGED)
+        list = "schema_changed";
+    if (list != nullptr)
+        json_array_append_new(json_object_get(update, list), schema_elem_to_json(elem));
+}
+
+} // namespace
+
+// The update object of every flagged element, schema element and type.
+extern "C" json_t *cfg_assemble_update(cfg *ctx)
+{
+    if (ctx == nullptr)
+        return nullptr;
+    json_t *update = json_object();
+    for (const char *list : {"deleted", "added", "changed", "appended", "schema_deleted",
+                             "schema_changed", "schema_added"})
+        json_object_set_new(update, list, json_array());
+    json_t *types = json_object();
+    json_object_set_new(update, "types", types);
+    cfg_schema_element *root = cfg_schema_root(ctx);
+    json_object_set_new(update, "schema_root",
+                        root != nullptr ? json_string(root->uuid) : json_null());
+    cfg_index_entry *entry, *next;
+    HASH_ITER(hh, ctx->elements, entry, next)
+    {
+        assemble_element(entry->element, update);
+    }
+    if (ctx->schema == nullptr)
+        return update;
+    cfg_schema_index_entry *node, *after;
+    HASH_ITER(hh, ctx->schema->elements, node, after)
+    {
+        assemble_schema_element(node->element, update);
+    }
+    for (cfg_link *link = ctx->schema->types; link != nullptr; link = link->next) {
+        auto *type = static_cast<cfg_schema_type *>(link->data);
+        if (type != nullptr && type->name != nullptr)
+            json_object_set_new(types, type->name, json_string(type->uuid));
+    }
+    return update;
+}
+
+// ------------------------------------------------------------------------
 // Transactions
 // ------------------------------------------------------------------------
 
