@@ -71,6 +71,55 @@ json_t *ids_request(const std::vector<const char *> &ids)
 } // namespace
 
 // ------------------------------------------------------------------------
+// Request envelope
+// ------------------------------------------------------------------------
+
+namespace {
+
+bool is_keepalive(json_t *response)
+{
+    return json_is_true(json_object_get(response, "keepalive"));
+}
+
+} // namespace
+
+// Builds a request envelope with the connection's next id; steals data.
+extern "C" json_t *cfg_build_request(cfg *ctx, const char *method, json_t *data)
+{
+    auto *client = static_cast<cfg_client *>(ctx->client_data);
+    json_t *request = json_object();
+    json_object_set_new(request, "method", json_string(method));
+    // The counter wraps after INT_MAX requests rather than overflowing.
+    client->request_id = static_cast<int>(static_cast<unsigned>(client->request_id) + 1u);
+    json_object_set_new(request, "id", json_integer(client->request_id));
+    if (data != nullptr)
+        json_object_set_new(request, "data", data);
+    return request;
+}
+
+// Sends request and waits for the answer, skipping keep-alive frames; the
+// answer's messages go onto the context's stack.
+extern "C" json_t *cfg_send_request(cfg *ctx, json_t *request)
+{
+    auto *client = ctx != nullptr ? static_cast<cfg_client *>(ctx->client_data) : nullptr;
+    if (client == nullptr)
+        return nullptr;
+    if (!cfg_send(client->socket, request))
+        return nullptr;
+    for (;;) {
+        json_t *response = cfg_receive(client->socket);
+        if (response == nullptr)
+            return nullptr;
+        if (is_keepalive(response)) {
+            json_decref(response);
+            continue;
+        }
+        append_json_config_messages_to_context(ctx, json_object_get(response, "messages"));
+        return response;
+    }
+}
+
+// ------------------------------------------------------------------------
 // Fetch hooks and data requests
 // ------------------------------------------------------------------------
 
