@@ -13,7 +13,6 @@
 #include <cstring>
 #include <ctime>
 #include <ossp/uuid.h>
-#include <pcre.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -42,116 +41,6 @@ extern "C" cfg *cfg_create_new_config(cfg_schema *schema)
         return nullptr;
     }
     return context;
-}
-
-namespace {
-
-// Trigger tables belong to validation, which fills and releases them.
-void release_trigger_tables(cfg *context)
-{
-    cfg_free_trigger_tables(context);
-}
-
-// Element records are released by the data tree, which owns their layout.
-void release_element(cfg *context, cfg_element *element)
-{
-    cfg_free_element(context, element);
-}
-
-// Empties the uuid index, releasing every element in index order.
-void release_elements(cfg *context)
-{
-    zr::index_changed();
-    cfg_index_entry *entry, *tmp;
-    HASH_ITER(hh, context->elements, entry, tmp)
-    {
-        HASH_DEL(context->elements, entry);
-        release_element(context, entry->element);
-        zr::free_index_entry(entry);
-    }
-}
-
-} // namespace
-
-extern "C" int cfg_free_config(cfg **handle)
-{
-    if (handle == nullptr || *handle == nullptr)
-        return 0;
-    cfg *context = *handle;
-    release_trigger_tables(context);
-    release_elements(context);
-    cfg_free_message_stack(context);
-    for (int i = 0; i < context->conflicts_count; i++)
-        free(context->conflicts[i]);
-    free(context->conflicts);
-    context->conflicts = nullptr;
-    context->conflicts_count = 0;
-    if (context->free_client_data != nullptr)
-        context->free_client_data(context);
-    free(context->client_data);
-    free(context->transaction_dir);
-    free(context->transaction_id);
-    free(context);
-    *handle = nullptr;
-    return 1;
-}
-
-namespace {
-
-// Empties the schema's uuid map, releasing every schema element it holds.
-void release_schema_elements(cfg_schema *schema)
-{
-    cfg_schema_index_entry *entry, *tmp;
-    HASH_ITER(hh, schema->elements, entry, tmp)
-    {
-        HASH_DEL(schema->elements, entry);
-        cfg_free_schema_element(entry->element);
-        free(entry);
-    }
-}
-
-// Frees the type registry; a map-kind record owns its name.
-void release_types(cfg_link *types)
-{
-    while (types != nullptr) {
-        cfg_link *next = types->next;
-        auto *type = static_cast<cfg_schema_type *>(types->data);
-        if (type != nullptr && type->type == CFG_TYPE_MAP)
-            free(type->name);
-        free(type);
-        free(types);
-        types = next;
-    }
-}
-
-// Frees every compiled pattern of the cache with its pattern text.
-void release_regex_cache(cfg_schema *schema)
-{
-    cfg_regex_cache_entry *entry, *tmp;
-    HASH_ITER(hh, schema->regex_cache, entry, tmp)
-    {
-        HASH_DEL(schema->regex_cache, entry);
-        if (entry->compiled != nullptr)
-            pcre_free(entry->compiled);
-        free(entry->pattern);
-        free(entry);
-    }
-}
-
-} // namespace
-
-extern "C" int cfg_free_schema(cfg *, cfg_schema **handle)
-{
-    if (handle == nullptr || *handle == nullptr)
-        return 0;
-    cfg_schema *schema = *handle;
-    release_schema_elements(schema);
-    zr::release_displaced_schema_elements(schema);
-    release_types(schema->types);
-    release_regex_cache(schema);
-    free(schema);
-    *handle = nullptr;
-    return 1;
 }
 
 extern "C" void free_uuid_map(cfg_uuid_item *head)
@@ -243,11 +132,6 @@ extern "C" cfg_element *cfg_root(cfg *context)
     if (context == nullptr)
         return nullptr;
     return cfg_get_by_id(context, "root-1");
-}
-
-extern "C" struct cfg_schema_element *cfg_get_schema_by_id(cfg *context, const char *uuid)
-{
-    return cfg_get_schema_node(context, uuid);
 }
 
 extern "C" json_t *strings_to_list(char **strings)

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <pcre.h>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -1231,6 +1232,11 @@ extern "C" cfg_schema_element *cfg_get_schema_node(cfg *context, const char *uui
     return entry != nullptr ? entry->element : nullptr;
 }
 
+extern "C" struct cfg_schema_element *cfg_get_schema_by_id(cfg *context, const char *uuid)
+{
+    return cfg_get_schema_node(context, uuid);
+}
+
 // ------------------------------------------------------------------------
 // Members and conditionals of map and if elements
 // ------------------------------------------------------------------------
@@ -1631,4 +1637,66 @@ extern "C" bool cfg_schema_purge_deprecated(cfg *context, cfg_schema_element *el
 {
     element_set seen;
     return purge_deprecated(context, elem, seen);
+}
+
+// ------------------------------------------------------------------------
+// Release
+// ------------------------------------------------------------------------
+
+namespace {
+
+// Empties the schema's uuid map, releasing every schema element it holds.
+void release_schema_elements(cfg_schema *schema)
+{
+    cfg_schema_index_entry *entry, *tmp;
+    HASH_ITER(hh, schema->elements, entry, tmp)
+    {
+        HASH_DEL(schema->elements, entry);
+        cfg_free_schema_element(entry->element);
+        free(entry);
+    }
+}
+
+// Frees the type registry; a map-kind record owns its name.
+void release_types(cfg_link *types)
+{
+    while (types != nullptr) {
+        cfg_link *next = types->next;
+        auto *type = static_cast<cfg_schema_type *>(types->data);
+        if (type != nullptr && type->type == CFG_TYPE_MAP)
+            free(type->name);
+        free(type);
+        free(types);
+        types = next;
+    }
+}
+
+// Frees every compiled pattern of the cache with its pattern text.
+void release_regex_cache(cfg_schema *schema)
+{
+    cfg_regex_cache_entry *entry, *tmp;
+    HASH_ITER(hh, schema->regex_cache, entry, tmp)
+    {
+        HASH_DEL(schema->regex_cache, entry);
+        if (entry->compiled != nullptr)
+            pcre_free(entry->compiled);
+        free(entry->pattern);
+        free(entry);
+    }
+}
+
+} // namespace
+
+extern "C" int cfg_free_schema(cfg *, cfg_schema **handle)
+{
+    if (handle == nullptr || *handle == nullptr)
+        return 0;
+    cfg_schema *schema = *handle;
+    release_schema_elements(schema);
+    zr::release_displaced_schema_elements(schema);
+    release_types(schema->types);
+    release_regex_cache(schema);
+    free(schema);
+    *handle = nullptr;
+    return 1;
 }
