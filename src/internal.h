@@ -51,6 +51,18 @@ template <typename T> T *zalloc()
     return static_cast<T *>(calloc(1, sizeof(T)));
 }
 
+// Empties a uthash table, handing each record to release.
+template <typename R, typename Release> void clear_table(R *&table, Release release)
+{
+    R *record, *tmp;
+    HASH_ITER(hh, table, record, tmp)
+    {
+        HASH_DEL(table, record);
+        release(record);
+    }
+    table = nullptr;
+}
+
 } // namespace zr
 
 namespace zr {

@@ -1,0 +1,413 @@
+// Trigger tables: which elements must be validated again when another one
+// changes. Records keyed by uuid, static path and path pattern name their
+// dependents; a reverse record per dependent names the records that hold it.
+// Also the validator triggers of one element, printing and release.
+#define ZR_SOURCE "src/triggers"
+#include "internal.h"
+#include "triggers.h"
+
+#include <cstring>
+#include <pcre.h>
+#include <string>
+
+using zr::clear_table;
+using zr::zalloc;
+
+// ------------------------------------------------------------------------
+// Trigger records
+// ------------------------------------------------------------------------
+
+namespace zr::triggers {
+
+namespace {
+
+// Dependents are kept as fixed-size copies of this many bytes.
+constexpr size_t dependent_size = 260;
+
+// text cut to what a key field of field_size bytes holds.
+std::string bounded(const char *text, size_t field_size)
+{
+    return std::string(text, strnlen(text, field_size - 1));
+}
+
+template <typename R> R *&table_of(cfg *context);
+template <> cfg_uuid_trigger *&table_of<cfg_uuid_trigger>(cfg *context)
+{
+    return context->uuid_triggers;
+}
+template <> cfg_path_trigger *&table_of<cfg_path_trigger>(cfg *context)
+{
+    return context->path_triggers;
+}
+template <> cfg_pattern_trigger *&table_of<cfg_pattern_trigger>(cfg *context)
+{
+    return context->pattern_triggers;
+}
+template <> cfg_reverse_trigger *&table_of<cfg_reverse_trigger>(cfg *context)
+{
+    return context->reverse_triggers;
+}
+
+cfg_link **dependents_of(const cfg_trigger_entry &entry)
+{
+    if (entry.uuid_trigger != nullptr)
+        return &entry.uuid_trigger->dependents;
+    if (entry.path_trigger != nullptr)
+        return &entry.path_trigger->dependents;
+    if (entry.pattern_trigger != nullptr)
+        return &entry.pattern_trigger->dependents;
+    return nullptr;
+}
+
+const char *key_of(const cfg_trigger_entry &entry)
+{
+    if (entry.uuid_trigger != nullptr)
+        return entry.uuid_trigger->key;
+    if (entry.path_trigger != nullptr)
+        return entry.path_trigger->key;
+    if (entry.pattern_trigger != nullptr)
+        return entry.pattern_trigger->key;
+    return "";
+}
+
+bool same_record(const cfg_trigger_entry &a, const cfg_trigger_entry &b)
+{
+    return a.uuid_trigger == b.uuid_trigger && a.path_trigger == b.path_trigger &&
+           a.pattern_trigger == b.pattern_trigger;
+}
+
+// Unlinks and frees the first node whose data satisfies matches, with its data.
+template <typename Match> bool unlink_first(cfg_link **head, Match matches)
+{
+    for (cfg_link **at = head; *at != nullptr; at = &(*at)->next) {
+        if (!matches((*at)->data))
+            continue;
+        cfg_link *node = *at;
+        *at = node->next;
+        free(node->data);
+        free(node);
+        return true;
+    }
+    return false;
+}
+
+bool dependent_is(void *data, const char *uuid)
+{
+    return strcmp(static_cast<const char *>(data), uuid) == 0;
+}
+
+template <typename R> void free_record(R *record)
+{
+    cfg_link_list_free(record->dependents);
+    free(record);
+}
+
+void free_record(cfg_pattern_trigger *record)
+{
+    if (record->compiled != nullptr)
+        pcre_free(record->compiled);
+    cfg_link_list_free(record->dependents);
+    free(record);
+}
+
+void free_record(cfg_reverse_trigger *record)
+{
+    cfg_link_list_free(record->triggered_by);
+    free(record);
+}
+
+template <typename R> void delete_record(cfg *context, R *record)
+{
+    R *&table = table_of<R>(context);
+    HASH_DEL(table, record);
+    free_record(record);
+}
+
+void delete_entry_record(cfg *context, const cfg_trigger_entry &entry)
+{
+    if (entry.uuid_trigger != nullptr)
+        delete_record(context, entry.uuid_trigger);
+    else if (entry.path_trigger != nullptr)
+        delete_record(context, entry.path_trigger);
+    else if (entry.pattern_trigger != nullptr)
+        delete_record(context, entry.pattern_trigger);
+}
+
+// Removes the reverse entry of uuid that names entry's record; a reverse
+// record left without entries is freed.
+void drop_reverse_entry(cfg *context, const cfg_trigger_entry &entry, const char *uuid)
+{
+    cfg_reverse_trigger *reverse = find_record<cfg_reverse_trigger>(context, uuid);
+    if (reverse == nullptr)
+        return;
+    unlink_first(&reverse->triggered_by, [&entry](void *data) {
+        return same_record(*static_cast<cfg_trigger_entry *>(data), entry);
+    });
+    if (reverse->triggered_by == nullptr)
+        delete_record(context, reverse);
+}
+
+template <typename R> void free_table(R *&table)
+{
+    clear_table(table, [](R *record) { free_record(record); });
+}
+
+} // namespace
+
+template <typename R> R *find_record(cfg *context, const char *key)
+{
+    if (context == nullptr || key == nullptr)
+        return nullptr;
+    std::string wanted = bounded(key, sizeof(R::key));
+    R *record = nullptr;
+    HASH_FIND_STR(table_of<R>(context), wanted.c_str(), record);
+    return record;
+}
+
+// The record under key, added empty to its table when there is none.
+template <typename R> R *find_or_add(cfg *context, const char *key)
+{
+    if (context == nullptr || key == nullptr)
+        return nullptr;
+    R *record = find_record<R>(context, key);
+    if (record != nullptr)
+        return record;
+    record = zalloc<R>();
+    if (record == nullptr)
+        exit(-1);
+    std::string text = bounded(key, sizeof record->key);
+    memcpy(record->key, text.c_str(), text.size() + 1);
+    R *&table = table_of<R>(context);
+    HASH_ADD_STR(table, key, record);
+    return record;
+}
+
+bool static_path(cfg *context, cfg_element *element, std::string &out)
+{
+    char *path = nullptr;
+    if (!cfg_get_static_path(context, element, &path) || path == nullptr)
+        return false;
+    zr::cstr_ptr holder(path);
+    if (path[0] == '{') {
+        const char *colon = strchr(path, ':');
+        out = colon != nullptr ? colon + 1 : "";
+    } else {
+        out = path;
+    }
+    return true;
+}
+
+#define ZR_TRIGGER_RECORD(R)                                 \
+    template R *find_record<R>(cfg *context, const char *key); \
+    template R *find_or_add<R>(cfg *context, const char *key);
+ZR_TRIGGER_RECORD(cfg_uuid_trigger)
+ZR_TRIGGER_RECORD(cfg_path_trigger)
+ZR_TRIGGER_RECORD(cfg_pattern_trigger)
+ZR_TRIGGER_RECORD(cfg_reverse_trigger)
+#undef ZR_TRIGGER_RECORD
+
+cfg_trigger_entry entry_for(cfg_uuid_trigger *record)
+{
+    return {record, nullptr, nullptr};
+}
+cfg_trigger_entry entry_for(cfg_path_trigger *record)
+{
+    return {nullptr, record, nullptr};
+}
+cfg_trigger_entry entry_for(cfg_pattern_trigger *record)
+{
+    return {nullptr, nullptr, record};
+}
+
+bool has_dependent(const cfg_trigger_entry &entry, const char *uuid)
+{
+    cfg_link **dependents = dependents_of(entry);
+    if (dependents == nullptr || uuid == nullptr)
+        return false;
+    for (cfg_link *n = *dependents; n != nullptr; n = n->next)
+        if (dependent_is(n->data, uuid))
+            return true;
+    return false;
+}
+
+bool add_dependent(cfg_reverse_trigger *reverse, const cfg_trigger_entry &entry,
+                   const char *uuid)
+{
+    cfg_link **dependents = dependents_of(entry);
+    if (reverse == nullptr || dependents == nullptr || uuid == nullptr ||
+        has_dependent(entry, uuid))
+        return false;
+    auto *copy = static_cast<char *>(calloc(1, dependent_size));
+    auto *back = zalloc<cfg_trigger_entry>();
+    if (copy == nullptr || back == nullptr)
+        exit(-1);
+    memcpy(copy, uuid, strnlen(uuid, dependent_size - 1));
+    *back = entry;
+    cfg_add_link(dependents, copy);
+    cfg_add_link(&reverse->triggered_by, back);
+    return true;
+}
+
+bool drop_dependent(cfg *context, const cfg_trigger_entry &entry, const char *uuid)
+{
+    cfg_link **dependents = dependents_of(entry);
+    if (dependents == nullptr || uuid == nullptr)
+        return false;
+    std::string dependent(uuid); // uuid may point into the node freed below
+    if (unlink_first(dependents, [&](void *data) { return dependent_is(data, dependent.c_str()); }))
+        drop_reverse_entry(context, entry, dependent.c_str());
+    return *dependents == nullptr;
+}
+
+void remove_record(cfg *context, const cfg_trigger_entry &entry)
+{
+    cfg_link **dependents = dependents_of(entry);
+    if (dependents == nullptr)
+        return;
+    for (cfg_link *n = *dependents; n != nullptr; n = n->next)
+        drop_reverse_entry(context, entry, static_cast<const char *>(n->data));
+    delete_entry_record(context, entry);
+}
+
+void forget_dependent(cfg *context, const char *uuid)
+{
+    cfg_reverse_trigger *reverse = find_record<cfg_reverse_trigger>(context, uuid);
+    if (reverse == nullptr)
+        return;
+    HASH_DEL(context->reverse_triggers, reverse);
+    std::string dependent(reverse->key);
+    for (cfg_link *n = reverse->triggered_by; n != nullptr; n = n->next) {
+        const auto &entry = *static_cast<cfg_trigger_entry *>(n->data);
+        cfg_link **dependents = dependents_of(entry);
+        unlink_first(dependents, [&](void *data) { return dependent_is(data, dependent.c_str()); });
+        if (*dependents == nullptr)
+            delete_entry_record(context, entry);
+    }
+    free_record(reverse);
+}
+
+void *compiled_pattern(cfg_pattern_trigger *record)
+{
+    if (record == nullptr)
+        return nullptr;
+    if (record->compiled == nullptr) {
+        const char *error = nullptr;
+        int offset = 0;
+        record->compiled = pcre_compile(record->key, 0, &error, &offset, nullptr);
+    }
+    return record->compiled;
+}
+
+} // namespace zr::triggers
+
+// ------------------------------------------------------------------------
+// Validator triggers, printing and release
+// ------------------------------------------------------------------------
+
+namespace {
+
+namespace trig = zr::triggers;
+
+// Room for one pattern, its terminating zero included.
+constexpr size_t pattern_size = 1024;
+
+// The static path with "(", ")" and "." escaped, then the validator path,
+// cut to what a pattern record holds.
+std::string validator_pattern(const std::string &static_path, const char *validator_path)
+{
+    std::string pattern;
+    for (char c : static_path) {
+        if (c == '(' || c == ')' || c == '.')
+            pattern += '\\';
+        pattern += c;
+    }
+    pattern += validator_path;
+    if (pattern.size() > pattern_size - 1)
+        pattern.resize(pattern_size - 1);
+    return pattern;
+}
+
+// The texts that name gives for the data of each node, joined by ", ".
+template <typename Name> std::string join(cfg_link *head, Name name)
+{
+    std::string text;
+    for (cfg_link *n = head; n != nullptr; n = n->next) {
+        if (n != head)
+            text += ", ";
+        text += name(n->data);
+    }
+    return text;
+}
+
+const char *dependent_text(void *data)
+{
+    return static_cast<const char *>(data);
+}
+
+const char *entry_key(void *data)
+{
+    return trig::key_of(*static_cast<cfg_trigger_entry *>(data));
+}
+
+template <typename R> void print_triggers(R *table)
+{
+    for (R *record = table; record != nullptr; record = static_cast<R *>(record->hh.next))
+        printf("%s triggers (%s)\n", record->key, join(record->dependents, dependent_text).c_str());
+}
+
+void print_reverse(cfg_reverse_trigger *table)
+{
+    for (cfg_reverse_trigger *record = table; record != nullptr;
+         record = static_cast<cfg_reverse_trigger *>(record->hh.next))
+        printf("%s thinks it is triggered by (%s)\n", record->key,
+               join(record->triggered_by, entry_key).c_str());
+}
+
+const char rule[] = "-----------------------------------------------------";
+
+} // namespace
+
+extern "C" void cfg_create_validator_triggers(cfg *context, cfg_element *element,
+                                              cfg_schema_validator *validator)
+{
+    if (context == nullptr || element == nullptr || validator == nullptr ||
+        validator->paths_count <= 0 || validator->paths == nullptr)
+        return;
+    std::string static_path;
+    if (!trig::static_path(context, element, static_path))
+        return;
+    cfg_reverse_trigger *reverse = trig::find_or_add<cfg_reverse_trigger>(context, element->uuid);
+    for (int i = 0; i < validator->paths_count; i++) {
+        if (validator->paths[i] == nullptr)
+            continue;
+        std::string pattern = validator_pattern(static_path, validator->paths[i]);
+        cfg_pattern_trigger *record =
+            trig::find_or_add<cfg_pattern_trigger>(context, pattern.c_str());
+        trig::add_dependent(reverse, trig::entry_for(record), element->uuid);
+    }
+}
+
+extern "C" int cfg_print_trigger_tables(cfg *context)
+{
+    static_assert(sizeof rule == 54);
+    printf("%s\n", rule);
+    if (context != nullptr) {
+        print_triggers(context->pattern_triggers);
+        print_triggers(context->uuid_triggers);
+        print_triggers(context->path_triggers);
+        print_reverse(context->reverse_triggers);
+    }
+    int result = printf("%s\n", rule);
+    fflush(stdout);
+    return result;
+}
+
+extern "C" void cfg_free_trigger_tables(cfg *context)
+{
+    if (context == nullptr)
+        return;
+    trig::free_table(context->reverse_triggers);
+    trig::free_table(context->pattern_triggers);
+    trig::free_table(context->uuid_triggers);
+    trig::free_table(context->path_triggers);
+}
