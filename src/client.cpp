@@ -4,6 +4,7 @@
 #define ZR_SOURCE "src/client"
 #include "internal.h"
 #include "common.h"
+#include "data.h"
 
 #include <cerrno>
 #include <cstring>

@@ -3,6 +3,8 @@
 #define ZR_SOURCE "src/data"
 #include "internal.h"
 #include "common.h"
+#include "data.h"
+#include "entry_pool.h"
 
 #include <atomic>
 #include <cstring>

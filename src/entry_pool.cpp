@@ -4,6 +4,7 @@
 // every entry. Slabs are shared by all contexts and freed once empty.
 #define ZR_SOURCE "src/entry_pool"
 #include "internal.h"
+#include "entry_pool.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -65,29 +65,4 @@ template <typename R, typename Release> void clear_table(R *&table, Release rele
 
 } // namespace zr
 
-namespace zr {
-
-// Tells the data tree that an element left a uuid index, an index was
-// swapped, or a lookup hook's answers changed.
-void index_changed();
-
-// An entry for a uuid index, zeroed; running out of memory ends the
-// process. Entries are released with free_index_entry.
-cfg_index_entry *new_index_entry();
-void free_index_entry(cfg_index_entry *entry);
-
-// Frees a validator and everything it owns; always nullptr.
-cfg_schema_validator *free_schema_validator(cfg_schema_validator *validator);
-
-// Frees the schema records that lost their place in schema's uuid map to a
-// record loaded under the same id and were kept for callers that may still
-// hold them; called when the schema itself is released.
-void release_displaced_schema_elements(cfg_schema *schema);
-
-// The member at position of list as the context's get_by_id hook finds it;
-// null past the end.
-cfg_element *list_member(cfg *context, cfg_element *list, size_t position);
-
-} // namespace zr
-
 #endif // ZRCONFIG_INTERNAL_H

@@ -5,6 +5,7 @@
 #define HASH_NONFATAL_OOM 1
 #define uthash_nonfatal_oom(obj) (hash_oom = true)
 #include "internal.h"
+#include "schema.h"
 
 #include <cerrno>
 #include <cstring>

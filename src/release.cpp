@@ -3,6 +3,8 @@
 // settings. It sits above every area whose records it frees.
 #define ZR_SOURCE "src/release"
 #include "internal.h"
+#include "data.h"
+#include "entry_pool.h"
 
 namespace {
 

@@ -3,6 +3,7 @@
 // marking, the type registry and the purging of deprecated members.
 #define ZR_SOURCE "src/schema"
 #include "internal.h"
+#include "schema.h"
 
 #include <atomic>
 #include <cstring>

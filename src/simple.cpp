@@ -2,6 +2,7 @@
 // its parent links, writing Blob elements to files, and the text dump.
 #define ZR_SOURCE "src/simple"
 #include "internal.h"
+#include "data.h"
 
 #include <cerrno>
 #include <cstdarg>
