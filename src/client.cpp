@@ -1,6 +1,8 @@
-// The client side of the daemon protocol: the session (connect, subscribe,
-// disconnect), the fetch hooks and data requests, pull and reset, the update
-// object, commit and the conflict list.
+// The client side of the daemon protocol: the request envelope and round
+// trip, the fetch hooks and data requests (by id, list, search, path; the
+// daemon's lock; its schema), pull and reset, commit with the daemon's
+// renames, the conflict list, and the session (connect, subscribe,
+// disconnect, close).
 #define ZR_SOURCE "src/client"
 #include "internal.h"
 #include "common.h"

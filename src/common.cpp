@@ -1,5 +1,9 @@
-// The configuration context: creation and release, lookups by identifier,
-// uuids and element flag queries.
+// The configuration context and the lowest layer under everything else:
+// creating a context and a schema, the uuid map of a pushed tree, lookups by
+// id through the context's hooks (with the daemon's renames, and which hooks
+// are the library's own), the schema root, uuids (making, comparing,
+// copying), element flag queries, a JSON list of strings, and the wire
+// framing of JSON frames.
 #define ZR_SOURCE "src/common"
 #include "internal.h"
 #include "common.h"
@@ -209,7 +213,7 @@ extern "C" char *uuidcpy(char *dst, const char *src)
 }
 
 // ------------------------------------------------------------------------
-// Framing and the request round trip
+// Framing
 // ------------------------------------------------------------------------
 
 namespace {

@@ -1,5 +1,6 @@
-// Configuration elements: typed records, replacement, link lists, list and
-// map membership, references, deletion (marking) and release (freeing).
+// Configuration elements: typed records, replacement, link lists, the uuid
+// index, list and map membership (with the cached answers of list members),
+// references, parent links, deletion (marking) and release (freeing).
 #define ZR_SOURCE "src/data"
 #include "internal.h"
 #include "common.h"

@@ -1,4 +1,4 @@
-// Index entries come from 64 KiB slabs, so that the entries of a large index
+// The pool of uuid-index entries. Entries come from 64 KiB slabs, so that the entries of a large index
 // lie close together: a lookup walking a bucket chain then stays within a few
 // pages instead of landing on a new page, among the element records, at
 // every entry. Slabs are shared by all contexts and freed once empty.

@@ -1,4 +1,7 @@
-// JSON codecs: messages and their arguments.
+// JSON codecs: messages and their arguments (both ways, and a stack onto a
+// context), configuration elements and their parent links (both ways),
+// JSON paths into a decoded document, and schema elements with their
+// validators (both ways).
 #define ZR_SOURCE "src/json"
 // An argument table that cannot grow leaves the argument out (and says so
 // through the flag hash_oom at the adding site) instead of ending the process.

@@ -1,5 +1,6 @@
 // The message catalogue and the message stack: coded messages with named
-// text arguments, filled into their templates on demand.
+// text arguments, filled into their templates on demand; the stack's
+// queries, and one adder per catalogue row.
 #define ZR_SOURCE "src/message"
 #include "internal.h"
 

@@ -1,6 +1,7 @@
 // Schema elements: records and their constraints, allowed values, tags and
 // validators; the schema's uuid map, member and conditional links, deletion
-// marking, the type registry and the purging of deprecated members.
+// marking, the type registry, the purging of deprecated members and the
+// release of a schema.
 #define ZR_SOURCE "src/schema"
 #include "internal.h"
 #include "schema.h"

@@ -1,5 +1,6 @@
-// Paths: walking them, printf-style access, rendering an element's path from
-// its parent links, writing Blob elements to files, and the text dump.
+// Paths: walking them, printf-style access, map readers by path, rendering an
+// element's path from its parent links, writing Blob elements to files, and
+// the text dump.
 #define ZR_SOURCE "src/simple"
 #include "internal.h"
 #include "data.h"

@@ -1,6 +1,7 @@
-// Validation bookkeeping: the trigger tables that say which elements must be
-// validated again when another one changes, and the validation context of
-// one validation walk.
+// Validation: the validation context of one walk (elements still to check,
+// elements seen), node validation by type with the walk's cycle guards, full
+// validation of the tree, and changed-data validation, which validates only
+// the flagged elements and what the trigger tables say depends on them.
 #define ZR_SOURCE "src/validation"
 #include "internal.h"
 #include "triggers.h"
