@@ -377,12 +377,16 @@ std::string transaction_path(cfg *ctx, const char *id)
     return path;
 }
 
-// Makes id the open transaction, releasing the id it replaces.
-void set_transaction_id(cfg *ctx, const char *id)
+// Makes id the open transaction, releasing the id it replaces; false, and
+// nothing changed, when there is no memory for the copy.
+bool set_transaction_id(cfg *ctx, const char *id)
 {
     char *copy = strdup(id);
+    if (copy == nullptr)
+        return false;
     free(ctx->transaction_id);
     ctx->transaction_id = copy;
+    return true;
 }
 
 } // namespace
@@ -393,8 +397,7 @@ extern "C" const char *cfg_transaction_start(cfg *ctx)
         return nullptr;
     char id[CFG_UUID_SIZE];
     gen_uuid(id);
-    set_transaction_id(ctx, id);
-    return ctx->transaction_id;
+    return set_transaction_id(ctx, id) ? ctx->transaction_id : nullptr;
 }
 
 // Writes the pending changes of the open transaction to its file.
@@ -446,8 +449,7 @@ extern "C" int cfg_transaction_open(cfg *ctx, const char *id)
         return 0;
     if (!cfg_apply_changeset(ctx, content.get(), 0, nullptr, nullptr))
         return 0;
-    set_transaction_id(ctx, id);
-    return 1;
+    return set_transaction_id(ctx, id) ? 1 : 0;
 }
 
 extern "C" int cfg_transaction_cancel(cfg *ctx, const char *id)

@@ -410,12 +410,15 @@ void record_renames(cfg_client *client, json_t *uuids)
         // A pair lacking either id cannot be recorded; it is skipped.
         if (old_id == nullptr || new_id == nullptr)
             continue;
+        // Without memory a rename goes unrecorded; the push itself succeeded.
         cfg_uuid_map_entry *entry = zr::zalloc<cfg_uuid_map_entry>();
         if (entry == nullptr)
-            exit(-1);
+            continue;
         snprintf(entry->old, sizeof entry->old, "%s", old_id);
         snprintf(entry->new_, sizeof entry->new_, "%s", new_id);
         HASH_ADD_KEYPTR(hh, client->uuid_map, entry->old, strlen(entry->old), entry);
+        if (!zr::hash_added(entry))
+            free(entry);
     }
     zr::index_changed();
 }
@@ -463,12 +466,15 @@ extern "C" const char *cfg_add_conflict(cfg *ctx, const char *uuid)
     ZR_ASSERT(uuid != ((void *)0));
     if (ctx == nullptr)
         return nullptr;
-    auto *grown = static_cast<char **>(
+    char *copy = strdup(uuid);
+    auto *grown = copy == nullptr ? nullptr : static_cast<char **>(
         realloc(ctx->conflicts, sizeof(char *) * static_cast<size_t>(ctx->conflicts_count + 1)));
-    if (grown == nullptr)
+    if (grown == nullptr) {
+        free(copy);
         return nullptr;
+    }
     ctx->conflicts = grown;
-    ctx->conflicts[ctx->conflicts_count] = strdup(uuid);
+    ctx->conflicts[ctx->conflicts_count] = copy;
     return ctx->conflicts[ctx->conflicts_count++];
 }
 

@@ -30,6 +30,10 @@ cfg_condition *new_basic(const char *fieldname, int oper, int datatype)
     if (condition == nullptr)
         return nullptr;
     condition->fieldname = strdup(fieldname);
+    if (condition->fieldname == nullptr) {
+        free(condition);
+        return nullptr;
+    }
     condition->oper = oper;
     condition->datatype = datatype;
     return condition;
@@ -59,6 +63,19 @@ const char *sql_operator(int oper)
     if (oper < 1 || oper > CFG_OPER_IS_NULL)
         return nullptr;
     return operators[oper];
+}
+
+// Gives condition a copy of text as its value; null, with condition freed,
+// when there is no memory for the copy.
+cfg_condition *with_text_value(cfg_condition *condition, const char *text)
+{
+    if (condition == nullptr)
+        return nullptr;
+    condition->value.string_value = strdup(text);
+    if (condition->value.string_value != nullptr)
+        return condition;
+    cfg_free_conditions(condition);
+    return nullptr;
 }
 
 char *copy_out(const std::string &text)
@@ -120,9 +137,7 @@ extern "C" cfg_condition *cfg_new_string_condition(const char *fieldname, int op
     if (value == nullptr)
         return nullptr;
     cfg_condition *condition = new_basic(fieldname, oper, CFG_TYPE_STRING);
-    if (condition != nullptr)
-        condition->value.string_value = strdup(value);
-    return condition;
+    return with_text_value(condition, value);
 }
 
 extern "C" cfg_condition *cfg_new_reference_condition(const char *fieldname, int oper,
@@ -131,9 +146,7 @@ extern "C" cfg_condition *cfg_new_reference_condition(const char *fieldname, int
     if (uuid == nullptr || !is_equality(oper))
         return nullptr;
     cfg_condition *condition = new_basic(fieldname, oper, CFG_TYPE_REFERENCE);
-    if (condition != nullptr)
-        condition->value.string_value = strdup(uuid);
-    return condition;
+    return with_text_value(condition, uuid);
 }
 
 extern "C" cfg_condition *cfg_new_bool_condition(const char *fieldname, int oper, int value)

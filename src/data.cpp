@@ -879,8 +879,14 @@ extern "C" int cfg_add_elem(cfg *context, cfg_element *element)
     if (cfg_find_by_id(context, element->uuid) != nullptr)
         return 0;
     cfg_index_entry *entry = zr::new_index_entry();
+    if (entry == nullptr)
+        return 0;
     entry->element = element;
     HASH_ADD_KEYPTR(hh, context->elements, element->uuid, strlen(element->uuid), entry);
+    if (!zr::hash_added(entry)) {
+        zr::free_index_entry(entry);
+        return 0;
+    }
     return 1;
 }
 
@@ -1158,8 +1164,15 @@ extern "C" int cfg_map_keys(cfg_element *map, char ***keys, unsigned int *count)
     if (copies == nullptr)
         return 0;
     unsigned int i = 0;
-    for (cfg_link *n = map->value.map.members; n != nullptr && i < total; n = n->next)
-        copies[i++] = strdup(record_of(n)->name != nullptr ? record_of(n)->name : "");
+    for (cfg_link *n = map->value.map.members; n != nullptr && i < total; n = n->next) {
+        copies[i] = strdup(record_of(n)->name != nullptr ? record_of(n)->name : "");
+        if (copies[i++] == nullptr) {
+            for (unsigned int j = 0; j < i; j++)
+                free(copies[j]);
+            free(copies);
+            return 0;
+        }
+    }
     *keys = copies;
     return 1;
 }

@@ -82,15 +82,14 @@ slab *slab_holding(const void *address)
     return reinterpret_cast<slab *>(after[-1]);
 }
 
-// Running out of memory here ends the process, as the index's own
-// allocations do.
-void register_slab(slab *s)
+// False, and nothing registered, when the table cannot grow.
+bool register_slab(slab *s)
 {
     if (pool.slab_count == pool.capacity) {
         size_t capacity = pool.capacity != 0 ? 2 * pool.capacity : 16;
         void *grown = realloc(pool.slabs, capacity * sizeof(uintptr_t));
         if (grown == nullptr)
-            exit(-1);
+            return false;
         pool.slabs = static_cast<uintptr_t *>(grown);
         pool.capacity = capacity;
     }
@@ -100,6 +99,7 @@ void register_slab(slab *s)
     std::move_backward(place, end, end + 1);
     *place = at;
     pool.slab_count++;
+    return true;
 }
 
 void unregister_slab(slab *s)
@@ -137,11 +137,14 @@ slab *new_slab()
 {
     auto *s = static_cast<slab *>(malloc(slab_bytes));
     if (s == nullptr)
-        exit(-1);
+        return nullptr;
+    if (!register_slab(s)) {
+        free(s);
+        return nullptr;
+    }
     *s = slab{};
     s->fresh = first_slot;
     ZR_POISON(&slots_of(s)[first_slot], usable_slots * sizeof(slot));
-    register_slab(s);
     open_slab(s, true);
     return s;
 }
@@ -161,6 +164,8 @@ cfg_index_entry *zr::new_index_entry()
 {
     std::lock_guard<std::mutex> guard(pool.lock);
     slab *s = pool.open != nullptr ? pool.open : new_slab();
+    if (s == nullptr)
+        return nullptr;
     slot *taken = take_slot(s);
     if (++s->live == usable_slots)
         close_slab(s);

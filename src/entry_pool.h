@@ -8,8 +8,8 @@
 
 namespace zr {
 
-// An entry for a uuid index, zeroed; running out of memory ends the
-// process. Entries are released with free_index_entry.
+// An entry for a uuid index, zeroed; null when there is no memory for it.
+// Entries are released with free_index_entry.
 cfg_index_entry *new_index_entry();
 void free_index_entry(cfg_index_entry *entry);
 

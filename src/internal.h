@@ -3,6 +3,10 @@
 #ifndef ZRCONFIG_INTERNAL_H
 #define ZRCONFIG_INTERNAL_H
 
+// A uthash table that cannot allocate never ends the process: a table that
+// cannot grow keeps its buckets, and an item whose table cannot be made is
+// left out with hh.tbl null (see zr::hash_added).
+#define HASH_NONFATAL_OOM 1
 #include "zrconfig.h"
 #include "zrutil.h"
 
@@ -44,6 +48,13 @@ struct free_deleter {
 };
 // Owns text (or any block) that came from malloc or strdup.
 using cstr_ptr = std::unique_ptr<char, free_deleter>;
+
+// True when item went into its table; false when the table could not be
+// made for it, and the caller still owns it.
+template <typename T> bool hash_added(const T *item)
+{
+    return item->hh.tbl != nullptr;
+}
 
 // Allocates one zero-filled T with calloc, as the C side expects.
 template <typename T> T *zalloc()

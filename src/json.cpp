@@ -3,9 +3,8 @@
 // JSON paths into a decoded document, and schema elements with their
 // validators (both ways).
 #define ZR_SOURCE "src/json"
-// An argument table that cannot grow leaves the argument out (and says so
-// through the flag hash_oom at the adding site) instead of ending the process.
-#define HASH_NONFATAL_OOM 1
+// An argument that its table cannot take is left out, and says so through the
+// flag hash_oom at the adding site.
 #define uthash_nonfatal_oom(obj) (hash_oom = true)
 #include "internal.h"
 #include "schema.h"

@@ -240,6 +240,12 @@ extern "C" cfg_message *cfg_new_message(int code, int nargs, char **values)
         arg->key = const_cast<char *>(name);
         arg->value = values[i];
         HASH_ADD_KEYPTR(hh, msg->args, arg->key, strlen(arg->key), arg);
+        if (!zr::hash_added(arg)) {
+            free(arg);
+            free_values(values, i, nargs);
+            cfg_free_message(&msg);
+            return nullptr;
+        }
     }
     return msg;
 }

@@ -1208,6 +1208,10 @@ extern "C" bool cfg_add_schema_elem(cfg_schema_index_entry **map, cfg_schema_ele
     entry->element = elem;
     memcpy(entry->uuid, elem->uuid, sizeof entry->uuid);
     HASH_ADD_KEYPTR(hh, *map, entry->uuid, strlen(entry->uuid), entry);
+    if (!zr::hash_added(entry)) {
+        free(entry);
+        return false;
+    }
     return true;
 }
 
@@ -1261,23 +1265,27 @@ cfg_schema_mapid *find_mapid(cfg_link *list, const char *key)
     return nullptr;
 }
 
-// A new array of copies of the texts that text_of gives for each node.
+// A new array of copies of the texts that text_of gives for each node;
+// false, with no array and a count of 0, when there is no memory for them.
 template <typename TextOf>
-void copy_texts(cfg_link *list, char ***texts, int *count, TextOf text_of)
+bool copy_texts(cfg_link *list, char ***texts, int *count, TextOf text_of)
 {
     int n = link_count(list);
-    char **copies = nullptr;
-    if (n > 0) {
-        copies = static_cast<char **>(calloc(n, sizeof(char *)));
-        int i = 0;
-        for (; list != nullptr; list = list->next)
-            copies[i++] = strdup(text_of(list->data));
+    char **copies = n > 0 ? static_cast<char **>(calloc(n, sizeof(char *))) : nullptr;
+    bool ok = n == 0 || copies != nullptr;
+    for (int i = 0; ok && list != nullptr; list = list->next)
+        ok = (copies[i++] = strdup(text_of(list->data))) != nullptr;
+    if (!ok) {
+        free_strings(copies, n);
+        copies = nullptr;
+        n = 0;
     }
     if (texts != nullptr)
         *texts = copies;
     else
         free_strings(copies, n);
     put(count, n);
+    return ok;
 }
 
 // Numbers conditional links by their position again.
@@ -1301,9 +1309,8 @@ extern "C" bool cfg_schema_map_keys(cfg_schema_element *elem, int which, char **
     cfg_link **list = member_list(elem, which);
     if (list == nullptr)
         return false;
-    copy_texts(*list, keys, count,
-               [](void *data) { return static_cast<cfg_schema_mapid *>(data)->key; });
-    return true;
+    return copy_texts(*list, keys, count,
+                      [](void *data) { return static_cast<cfg_schema_mapid *>(data)->key; });
 }
 
 extern "C" const char *cfg_get_schema_mapelem(cfg_schema_element *elem, int which,
@@ -1591,9 +1598,8 @@ extern "C" bool cfg_delete_type(cfg *context, const char *name)
 extern "C" bool cfg_types(cfg *context, char ***names, int *count)
 {
     cfg_link **types = type_list(context);
-    copy_texts(types != nullptr ? *types : nullptr, names, count,
-               [](void *data) { return static_cast<cfg_schema_type *>(data)->name; });
-    return true;
+    return copy_texts(types != nullptr ? *types : nullptr, names, count,
+                      [](void *data) { return static_cast<cfg_schema_type *>(data)->name; });
 }
 
 // ------------------------------------------------------------------------

@@ -174,11 +174,15 @@ template <typename R> R *find_or_add(cfg *context, const char *key)
         return record;
     record = zalloc<R>();
     if (record == nullptr)
-        exit(-1);
+        return nullptr;
     std::string text = bounded(key, sizeof record->key);
     memcpy(record->key, text.c_str(), text.size() + 1);
     R *&table = table_of<R>(context);
     HASH_ADD_STR(table, key, record);
+    if (!zr::hash_added(record)) {
+        free(record);
+        return nullptr;
+    }
     return record;
 }
 
@@ -239,8 +243,11 @@ bool add_dependent(cfg_reverse_trigger *reverse, const cfg_trigger_entry &entry,
         return false;
     auto *copy = static_cast<char *>(calloc(1, dependent_size));
     auto *back = zalloc<cfg_trigger_entry>();
-    if (copy == nullptr || back == nullptr)
-        exit(-1);
+    if (copy == nullptr || back == nullptr) {
+        free(copy);
+        free(back);
+        return false;
+    }
     memcpy(copy, uuid, strnlen(uuid, dependent_size - 1));
     *back = entry;
     cfg_add_link(dependents, copy);

@@ -35,17 +35,23 @@ cfg_index_entry *find_entry(cfg_index_entry *map, const cfg_element *element)
 }
 
 // Adds element to map under a copy of its uuid kept right behind the entry,
-// so the key stays valid whatever becomes of the element's record.
-void add_entry(cfg_index_entry *&map, cfg_element *element)
+// so the key stays valid whatever becomes of the element's record. False,
+// and map unchanged, when there is no memory for it.
+bool add_entry(cfg_index_entry *&map, cfg_element *element)
 {
     size_t length = strnlen(element->uuid, CFG_UUID_SIZE - 1);
     auto *entry = static_cast<cfg_index_entry *>(calloc(1, sizeof(cfg_index_entry) + length + 1));
     if (entry == nullptr)
-        exit(-1);
+        return false;
     char *key = reinterpret_cast<char *>(entry + 1);
     memcpy(key, element->uuid, length);
     entry->element = element;
     HASH_ADD_KEYPTR(hh, map, key, length, entry);
+    if (!zr::hash_added(entry)) {
+        free(entry);
+        return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -54,8 +60,8 @@ extern "C" void add_unhandled(validation_context *vctx, cfg_element *element)
 {
     if (vctx == nullptr || element == nullptr || find_entry(vctx->seen, element) != nullptr)
         return;
-    add_entry(vctx->unhandled, element);
-    add_entry(vctx->seen, element);
+    if (add_entry(vctx->unhandled, element))
+        add_entry(vctx->seen, element);
 }
 
 extern "C" void set_handled(validation_context *vctx, cfg_element *element)
@@ -153,12 +159,19 @@ pcre *cached_pattern(cfg_schema *schema, const char *pattern)
     pcre *compiled = pcre_compile(pattern, 0, &error, &offset, nullptr);
     if (compiled == nullptr)
         return nullptr;
+    // A pattern that cannot be cached for want of memory is treated as one
+    // that does not compile.
     entry = zalloc<cfg_regex_cache_entry>();
-    if (entry == nullptr || (entry->pattern = strdup(pattern)) == nullptr)
-        exit(-1);
-    entry->compiled = compiled;
-    HASH_ADD_KEYPTR(hh, schema->regex_cache, entry->pattern, length, entry);
-    return compiled;
+    if (entry != nullptr && (entry->pattern = strdup(pattern)) != nullptr) {
+        entry->compiled = compiled;
+        HASH_ADD_KEYPTR(hh, schema->regex_cache, entry->pattern, length, entry);
+        if (zr::hash_added(entry))
+            return compiled;
+        free(entry->pattern);
+    }
+    free(entry);
+    pcre_free(compiled);
+    return nullptr;
 }
 
 // Whether pattern occurs anywhere in text; a pattern that does not compile
