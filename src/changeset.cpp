@@ -273,11 +273,6 @@ json_t *appended_pair(const char *parent, const char *child)
     return pair;
 }
 
-// The list whose future members are being listed.
-struct future_owner {
-    cfg_element *elem;
-};
-
 // Sorts one element into "deleted", "added" or "changed" by its flags and
 // lists a list's future members under "appended".
 void assemble_element(cfg_element *element, json_t *update)
@@ -293,10 +288,9 @@ void assemble_element(cfg_element *element, json_t *update)
     }
     if (element->type != CFG_TYPE_LIST)
         return;
-    const future_owner owner{element}, *item = &owner;
     for (cfg_link *node = element->value.list.future_members; node != nullptr;
          node = node->next) {
-        ZR_ASSERT(item->elem->flags & (1 << 4));
+        ZR_ASSERT(element->flags & CFG_FLAG_HAS_FUTURE, "item->elem->flags & (1 << 4)");
         json_array_append_new(json_object_get(update, "appended"),
                               appended_pair(element->uuid,
                                             static_cast<cfg_parent_link *>(node->data)->uuid));

@@ -5,6 +5,7 @@
 // disconnect, close).
 #define ZR_SOURCE "src/client"
 #include "internal.h"
+#include "codes.h"
 #include "common.h"
 #include "data.h"
 
@@ -213,7 +214,7 @@ extern "C" cfg_element *cfg_search(cfg *ctx, const char *table_name, cfg_conditi
 extern "C" int cfg_lock(cfg *ctx, int operation)
 {
     static const char *const operations[] = {"none", "write", "read"};
-    if (operation < 0 || operation > 2) {
+    if (operation < zr::lock::none || operation > zr::lock::read) {
         cfg_message_add_unknown_lock(ctx);
         return 0;
     }
@@ -463,7 +464,7 @@ extern "C" int cfg_commit(cfg *ctx)
 
 extern "C" const char *cfg_add_conflict(cfg *ctx, const char *uuid)
 {
-    ZR_ASSERT(uuid != ((void *)0));
+    ZR_ASSERT(uuid != nullptr, "uuid != ((void *)0)");
     if (ctx == nullptr)
         return nullptr;
     char *copy = strdup(uuid);
@@ -611,7 +612,7 @@ extern "C" cfg *cfg_connect_timeout(const char *socket_path, const char *client_
     if (timeout_s > 0) {
         struct timeval timeout = {timeout_s, 0};
         int sso_ret = setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        ZR_ASSERT(sso_ret == 0);
+        ZR_ASSERT(sso_ret == 0, "sso_ret == 0");
     }
     json_ptr hello;
     if (!say_hello(ctx, client_name, &hello)) {

@@ -1105,7 +1105,7 @@ extern "C" int cfg_list_delete_future_at(cfg *context, cfg_element *list, unsign
 extern "C" cfg_link *cfg_add_mapkey(cfg *, cfg_element *map_elem, const char *key,
                                     const char *uuid)
 {
-    ZR_ASSERT(map_elem->type == 8);
+    ZR_ASSERT(map_elem->type == CFG_TYPE_MAP, "map_elem->type == 8");
     return cfg_load_mapid(map_elem, key, uuid);
 }
 
@@ -1119,7 +1119,7 @@ extern "C" cfg_link *cfg_load_mapid(cfg_element *map, const char *key, const cha
 extern "C" cfg_link *cfg_add_mapelem(cfg *context, cfg_element *map_elem, const char *key,
                                      cfg_element *child)
 {
-    ZR_ASSERT(map_elem->type == 8);
+    ZR_ASSERT(map_elem->type == CFG_TYPE_MAP, "map_elem->type == 8");
     if (key == nullptr || child == nullptr)
         return nullptr;
     const char *held = cfg_get_mapelem(map_elem, key);
@@ -1338,7 +1338,7 @@ void detach_from_future_parent(cfg *context, cfg_element *elem)
     if (elem->future_parent == nullptr)
         return;
     cfg_element *future_parent = cfg_get_by_id(context, elem->future_parent->uuid);
-    ZR_ASSERT(future_parent);
+    ZR_ASSERT(future_parent != nullptr, "future_parent");
     if (future_parent->type == CFG_TYPE_LIST) {
         remove_future_links(context, future_parent, elem->uuid);
         if (future_parent->value.list.future_members == nullptr)
@@ -1352,9 +1352,10 @@ void delete_future_children(cfg *context, cfg_element *elem)
 {
     for (const std::string &uuid : link_uuids(elem->value.list.future_members)) {
         cfg_element *future_child = cfg_get_by_id(context, uuid.c_str());
-        ZR_ASSERT(future_child);
-        ZR_ASSERT(future_child->future_parent);
-        ZR_ASSERT(uuidcmp(future_child->future_parent->uuid, elem->uuid) == 0);
+        ZR_ASSERT(future_child != nullptr, "future_child");
+        ZR_ASSERT(future_child->future_parent != nullptr, "future_child->future_parent");
+        ZR_ASSERT(uuidcmp(future_child->future_parent->uuid, elem->uuid) == 0,
+                  "uuidcmp(future_child->future_parent->uuid, elem->uuid) == 0");
         if (future_child->parents == nullptr && !(future_child->flags & CFG_FLAG_DELETED))
             cfg_delete_element(context, future_child);
         future_child->flags &= ~CFG_FLAG_FUTURE_CHILD;
@@ -1443,7 +1444,7 @@ void delete_sole_members(cfg *context, cfg_element *list,
 
 extern "C" void cfg_delete_element(cfg *context, cfg_element *elem)
 {
-    ZR_ASSERT(elem);
+    ZR_ASSERT(elem != nullptr, "elem");
     elem->flags |= CFG_FLAG_DELETED;
     detach_from_parents(context, elem);
     delete_below(context, elem);

@@ -31,9 +31,11 @@ namespace zr {
 
 } // namespace zr
 
-// Always on, whatever NDEBUG says; the message quotes the expression.
-#define ZR_ASSERT(expr) \
-    ((expr) ? (void)0 : zr::assertion_failed(ZR_SOURCE, __func__, #expr))
+// Always on, whatever NDEBUG says. The message quotes text, the expression
+// as the library has always reported it, which need not be how condition is
+// spelt here.
+#define ZR_ASSERT(condition, text) \
+    ((condition) ? (void)0 : zr::assertion_failed(ZR_SOURCE, __func__, (text)))
 
 namespace zr {
 

@@ -3,6 +3,7 @@
 // queries, and one adder per catalogue row.
 #define ZR_SOURCE "src/message"
 #include "internal.h"
+#include "codes.h"
 
 #include <cstdarg>
 #include <cstring>
@@ -10,6 +11,8 @@
 #include <initializer_list>
 #include <string>
 #include <vector>
+
+namespace msg = zr::msg;
 
 namespace {
 
@@ -25,85 +28,84 @@ struct catalogue_row {
     const char *names[max_arg_names];
 };
 
-// Codes 62 and 63 are not assigned: the daemon shares these numbers.
 const catalogue_row rows[] = {
-    {0, 3, 1, "Unexpected internal error (File {{file}}, Line {{line}})", {"file", "line"}},
-    {1, 3, 1, "Locking failed with unknown error", {}},
-    {2, 3, 1, "File I/O error", {}},
-    {3, 4, 1, "Pull failed with unknown error", {}},
-    {4, 4, 1, "Protocol error talking to remote host", {}},
-    {5, 2, 1, "Number exceeds the maximum allowed value of {{max}}", {"max", "uuid"}},
-    {6, 2, 1, "Number is below the minimum allowed value of {{min}}", {"min", "uuid"}},
-    {7, 2, 1, "Number is not in the list of allowed values", {"uuid"}},
-    {8, 2, 1, "Number exceeds the maximum allowed value of {{max}}", {"max", "uuid"}},
-    {9, 2, 1, "Number is below the minimum allowed value of {{min}}", {"min", "uuid"}},
-    {10, 2, 1, "Number is not in the list of allowed values", {"uuid"}},
-    {11, 2, 1, "Element exceeds the maximum allowed length of {{max}} characters", {"max", "uuid"}},
-    {12, 2, 1, "Element is below the minimum allowed length of {{min}} character(s)", {"min", "uuid"}},
-    {13, 2, 1, "'{{value}}' is not in the list of allowed values", {"uuid", "value"}},
-    {14, 2, 1, "String did not conform to the expected format.", {"uuid"}},
-    {15, 2, 1, "Element exceeds the maximum allowed size of {{max}} characters", {"max", "uuid"}},
-    {16, 2, 1, "Element is below the minimum allowed size of {{min}} characters", {"min", "uuid"}},
-    {17, 2, 1, "List has more than the maximum allowable size of {{max}} items", {"max", "uuid"}},
-    {18, 2, 1, "List has fewer than the minimum allowable size of {{min}} items", {"min", "uuid"}},
-    {19, 2, 1, "List element is of the wrong type", {"uuid"}},
-    {20, 2, 1, "Required field '{{name}}' is not present", {"name", "uuid"}},
-    {21, 2, 1, "Invalid reference", {"uuid"}},
-    {22, 2, 1, "Element [{{uuid}}] is of the wrong type", {"uuid"}},
-    {23, 2, 1, "Element [{{uuid}}] with name '{{name}}' does not match any schema element", {"uuid", "name"}},
-    {24, 2, 1, "Plaintext and hashed passwords do not match", {"uuid"}},
-    {25, 2, 1, "'{{address}}' is not a valid network address", {"address", "uuid"}},
-    {26, 2, 1, "Duplicate '{{field}}' fields with value '{{value}}'", {"field", "value", "uuid"}},
-    {27, 2, 1, "'{{common_name}}' is not a valid common name", {"common_name", "uuid"}},
-    {28, 5, 1, "Could not find element with path '{{path}}'", {"path"}},
-    {29, 5, 1, "Could not find element with UUID '{{uuid}}'", {"uuid"}},
-    {30, 5, 1, "Database error", {}},
-    {31, 5, 1, "Schema error", {}},
-    {32, 1, 1, "Update conflicts with newer data on server", {}},
-    {33, 1, 1, "Push command failed", {}},
-    {34, 1, 1, "Get schema command failed", {}},
-    {35, 1, 1, "Get data by path command failed", {}},
-    {36, 1, 1, "Get data by id command failed", {}},
-    {37, 1, 1, "Lock command failed", {}},
-    {38, 1, 1, "Subscribe command failed", {}},
-    {39, 4, 1, "Invalid request body", {}},
-    {40, 4, 1, "Required field '{{param}}' was not provided in the request", {"param"}},
-    {41, 7, 1, "Invalid login credentials", {}},
-    {42, 7, 1, "Invalid session ID", {}},
-    {43, 5, 1, "Request tried to change read-only data", {}},
-    {44, 3, 1, "Error talking to job queue", {}},
-    {45, 5, 1, "Registration package is not currently available for this node", {}},
-    {46, 7, 1, "Permission denied", {}},
-    {47, 1, 1, "Specified action '{{action}}' does not exist", {"action"}},
-    {48, 4, 1, "Invalid parameter '{{param}}' was provided", {"param"}},
-    {49, 2, 1, "Invalid json '{{value}}' for parameter '{{param}}'", {"param", "value", "error", "line", "column", "position"}},
-    {50, 5, 1, "Certificate / Key combination failed validation", {}},
-    {51, 5, 1, "Query string is not a valid condition tree", {}},
-    {52, 5, 1, "Unknown {{type}}: {{item}}", {"type", "item"}},
-    {53, 2, 1, "'{{address}}' is not a valid network address", {"address", "uuid"}},
-    {54, 4, 1, "Invalid parameter value was provided, parameter: '{{param}}', value: '{{value}}'", {"param", "value"}},
-    {55, 2, 1, "Can not use a tag with name '{{tag_name}}' in this context", {"tag_name"}},
-    {56, 2, 1, "Provided SSL key was not in a supported format.", {}},
-    {57, 2, 1, "Could not generate a valid certificate signing request with the provided data.", {}},
-    {58, 2, 1, "'{{mac}}' is not a valid MAC address", {"mac", "uuid"}},
-    {59, 2, 1, "Cannot have more than one DHCP connection per physical interface.", {}},
-    {60, 2, 1, "'{{rolename}}' is not a valid role for this group mode ({{mode}}).", {"rolename", "mode"}},
-    {61, 2, 1, "Number is outside the allowed range of {{min}}-{{max}}.", {"min", "max", "uuid"}},
-    {64, 4, 3, "Field '{{fieldname}}' was updated to '{{value}}'.", {"fieldname", "value"}},
-    {65, 5, 1, "Requested operation is not supported.", {}},
-    {66, 5, 1, "Template uses reserved value: {{value}}.", {"value"}},
-    {67, 5, 3, "Data updated: {{dataset}}.", {"dataset"}},
-    {68, 5, 3, "Template application required no changes.", {}},
-    {69, 4, 2, "Request to node failed with: {{message}}.", {"message"}},
-    {70, 4, 1, "Error communicating with node.", {}},
-    {71, 4, 1, "Node currently offline.", {}},
-    {72, 5, 2, "Remote data may be in a bad state", {}},
-    {73, 2, 1, "Invalid file format.", {}},
-    {74, 4, 3, "Script executed successfully", {}},
-    {75, 4, 1, "Script executed with exit code {{code}}", {"code"}},
-    {76, 4, 1, "Script timed out", {}},
-    {77, 2, 1, "If no_password is set to true, the hashed_password must be deleted.", {}},
-    {78, 2, 1, "If no_password is set to false, the hashed_password must be set.", {}},};
+    {msg::unexpected, 3, 1, "Unexpected internal error (File {{file}}, Line {{line}})", {"file", "line"}},
+    {msg::unknown_lock, 3, 1, "Locking failed with unknown error", {}},
+    {msg::file_io, 3, 1, "File I/O error", {}},
+    {msg::unknown_pull, 4, 1, "Pull failed with unknown error", {}},
+    {msg::protocol, 4, 1, "Protocol error talking to remote host", {}},
+    {msg::int_above_max, 2, 1, "Number exceeds the maximum allowed value of {{max}}", {"max", "uuid"}},
+    {msg::int_below_min, 2, 1, "Number is below the minimum allowed value of {{min}}", {"min", "uuid"}},
+    {msg::int_invalid_value, 2, 1, "Number is not in the list of allowed values", {"uuid"}},
+    {msg::float_above_max, 2, 1, "Number exceeds the maximum allowed value of {{max}}", {"max", "uuid"}},
+    {msg::float_below_min, 2, 1, "Number is below the minimum allowed value of {{min}}", {"min", "uuid"}},
+    {msg::float_invalid_value, 2, 1, "Number is not in the list of allowed values", {"uuid"}},
+    {msg::string_above_max, 2, 1, "Element exceeds the maximum allowed length of {{max}} characters", {"max", "uuid"}},
+    {msg::string_below_min, 2, 1, "Element is below the minimum allowed length of {{min}} character(s)", {"min", "uuid"}},
+    {msg::string_invalid_value, 2, 1, "'{{value}}' is not in the list of allowed values", {"uuid", "value"}},
+    {msg::string_format, 2, 1, "String did not conform to the expected format.", {"uuid"}},
+    {msg::blob_above_max, 2, 1, "Element exceeds the maximum allowed size of {{max}} characters", {"max", "uuid"}},
+    {msg::blob_below_min, 2, 1, "Element is below the minimum allowed size of {{min}} characters", {"min", "uuid"}},
+    {msg::list_above_max, 2, 1, "List has more than the maximum allowable size of {{max}} items", {"max", "uuid"}},
+    {msg::list_below_min, 2, 1, "List has fewer than the minimum allowable size of {{min}} items", {"min", "uuid"}},
+    {msg::list_wrong_type, 2, 1, "List element is of the wrong type", {"uuid"}},
+    {msg::missing_required, 2, 1, "Required field '{{name}}' is not present", {"name", "uuid"}},
+    {msg::invalid_reference, 2, 1, "Invalid reference", {"uuid"}},
+    {msg::wrong_type, 2, 1, "Element [{{uuid}}] is of the wrong type", {"uuid"}},
+    {msg::no_match, 2, 1, "Element [{{uuid}}] with name '{{name}}' does not match any schema element", {"uuid", "name"}},
+    {msg::password_mismatch, 2, 1, "Plaintext and hashed passwords do not match", {"uuid"}},
+    {msg::invalid_networkaddress, 2, 1, "'{{address}}' is not a valid network address", {"address", "uuid"}},
+    {msg::duplicate, 2, 1, "Duplicate '{{field}}' fields with value '{{value}}'", {"field", "value", "uuid"}},
+    {msg::common_name_error, 2, 1, "'{{common_name}}' is not a valid common name", {"common_name", "uuid"}},
+    {msg::path_not_found, 5, 1, "Could not find element with path '{{path}}'", {"path"}},
+    {msg::uuid_not_found, 5, 1, "Could not find element with UUID '{{uuid}}'", {"uuid"}},
+    {msg::database, 5, 1, "Database error", {}},
+    {msg::schema, 5, 1, "Schema error", {}},
+    {msg::conflict, 1, 1, "Update conflicts with newer data on server", {}},
+    {msg::push_failed, 1, 1, "Push command failed", {}},
+    {msg::get_schema_failed, 1, 1, "Get schema command failed", {}},
+    {msg::get_data_by_path_failed, 1, 1, "Get data by path command failed", {}},
+    {msg::get_data_by_id_failed, 1, 1, "Get data by id command failed", {}},
+    {msg::lock_failed, 1, 1, "Lock command failed", {}},
+    {msg::subscribe_failed, 1, 1, "Subscribe command failed", {}},
+    {msg::invalid_request, 4, 1, "Invalid request body", {}},
+    {msg::incomplete_data, 4, 1, "Required field '{{param}}' was not provided in the request", {"param"}},
+    {msg::invalid_credentials, 7, 1, "Invalid login credentials", {}},
+    {msg::invalid_session, 7, 1, "Invalid session ID", {}},
+    {msg::changed_ro, 5, 1, "Request tried to change read-only data", {}},
+    {msg::worker, 3, 1, "Error talking to job queue", {}},
+    {msg::reg_not_ready, 5, 1, "Registration package is not currently available for this node", {}},
+    {msg::permission_denied, 7, 1, "Permission denied", {}},
+    {msg::invalid_action, 1, 1, "Specified action '{{action}}' does not exist", {"action"}},
+    {msg::invalid_parameter, 4, 1, "Invalid parameter '{{param}}' was provided", {"param"}},
+    {msg::invalid_json, 2, 1, "Invalid json '{{value}}' for parameter '{{param}}'", {"param", "value", "error", "line", "column", "position"}},
+    {msg::invalid_cert, 5, 1, "Certificate / Key combination failed validation", {}},
+    {msg::invalid_query, 5, 1, "Query string is not a valid condition tree", {}},
+    {msg::unknown_data_of_type, 5, 1, "Unknown {{type}}: {{item}}", {"type", "item"}},
+    {msg::invalid_ip, 2, 1, "'{{address}}' is not a valid network address", {"address", "uuid"}},
+    {msg::invalid_parameter_value, 4, 1, "Invalid parameter value was provided, parameter: '{{param}}', value: '{{value}}'", {"param", "value"}},
+    {msg::bad_tag_name, 2, 1, "Can not use a tag with name '{{tag_name}}' in this context", {"tag_name"}},
+    {msg::bad_key, 2, 1, "Provided SSL key was not in a supported format.", {}},
+    {msg::csr_generate_failed, 2, 1, "Could not generate a valid certificate signing request with the provided data.", {}},
+    {msg::invalid_mac, 2, 1, "'{{mac}}' is not a valid MAC address", {"mac", "uuid"}},
+    {msg::dhcp_limit, 2, 1, "Cannot have more than one DHCP connection per physical interface.", {}},
+    {msg::invalid_role, 2, 1, "'{{rolename}}' is not a valid role for this group mode ({{mode}}).", {"rolename", "mode"}},
+    {msg::int_outside_range, 2, 1, "Number is outside the allowed range of {{min}}-{{max}}.", {"min", "max", "uuid"}},
+    {msg::field_updated, 4, 3, "Field '{{fieldname}}' was updated to '{{value}}'.", {"fieldname", "value"}},
+    {msg::cfg_push_unsupported_operation, 5, 1, "Requested operation is not supported.", {}},
+    {msg::cfg_push_ug_reserved_value, 5, 1, "Template uses reserved value: {{value}}.", {"value"}},
+    {msg::cfg_push_dataset_updated, 5, 3, "Data updated: {{dataset}}.", {"dataset"}},
+    {msg::cfg_push_no_changes_required, 5, 3, "Template application required no changes.", {}},
+    {msg::cfg_push_request_failed, 4, 2, "Request to node failed with: {{message}}.", {"message"}},
+    {msg::cfg_push_communication_failure, 4, 1, "Error communicating with node.", {}},
+    {msg::cfg_push_node_offline, 4, 1, "Node currently offline.", {}},
+    {msg::cfg_push_bad_remote_data, 5, 2, "Remote data may be in a bad state", {}},
+    {msg::invalid_file_format, 2, 1, "Invalid file format.", {}},
+    {msg::cfg_push_script_exec_success, 4, 3, "Script executed successfully", {}},
+    {msg::cfg_push_script_exec_failure, 4, 1, "Script executed with exit code {{code}}", {"code"}},
+    {msg::cfg_push_script_exec_timeout, 4, 1, "Script timed out", {}},
+    {msg::hashed_password_found, 2, 1, "If no_password is set to true, the hashed_password must be deleted.", {}},
+    {msg::hashed_password_not_found, 2, 1, "If no_password is set to false, the hashed_password must be set.", {}},};
 
 struct catalogue {
     cfg_message_def defs[catalogue_size];
@@ -510,385 +512,385 @@ extern "C" char *zrmsg_ftoa(double value)
 
 extern "C" bool cfg_message_add_unexpected(cfg *c, const char *file, int line)
 {
-    return add_coded(c, 0, {arg_text("file", file), zrmsg_itoa(line)});
+    return add_coded(c, msg::unexpected, {arg_text("file", file), zrmsg_itoa(line)});
 }
 
 extern "C" bool cfg_message_add_unknown_lock(cfg *c)
 {
-    return add_coded(c, 1, {});
+    return add_coded(c, msg::unknown_lock, {});
 }
 
 extern "C" bool cfg_message_add_file_io(cfg *c)
 {
-    return add_coded(c, 2, {});
+    return add_coded(c, msg::file_io, {});
 }
 
 extern "C" bool cfg_message_add_unknown_pull(cfg *c)
 {
-    return add_coded(c, 3, {});
+    return add_coded(c, msg::unknown_pull, {});
 }
 
 extern "C" bool cfg_message_add_protocol(cfg *c)
 {
-    return add_coded(c, 4, {});
+    return add_coded(c, msg::protocol, {});
 }
 
 extern "C" bool cfg_message_add_int_above_max(cfg *c, int max, const char *uuid)
 {
-    return add_coded(c, 5, {zrmsg_itoa(max), arg_text("uuid", uuid)});
+    return add_coded(c, msg::int_above_max, {zrmsg_itoa(max), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_int_below_min(cfg *c, int min, const char *uuid)
 {
-    return add_coded(c, 6, {zrmsg_itoa(min), arg_text("uuid", uuid)});
+    return add_coded(c, msg::int_below_min, {zrmsg_itoa(min), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_int_invalid_value(cfg *c, const char *uuid)
 {
-    return add_coded(c, 7, {arg_text("uuid", uuid)});
+    return add_coded(c, msg::int_invalid_value, {arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_float_above_max(cfg *c, double max, const char *uuid)
 {
-    return add_coded(c, 8, {zrmsg_ftoa(max), arg_text("uuid", uuid)});
+    return add_coded(c, msg::float_above_max, {zrmsg_ftoa(max), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_float_below_min(cfg *c, double min, const char *uuid)
 {
-    return add_coded(c, 9, {zrmsg_ftoa(min), arg_text("uuid", uuid)});
+    return add_coded(c, msg::float_below_min, {zrmsg_ftoa(min), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_float_invalid_value(cfg *c, const char *uuid)
 {
-    return add_coded(c, 10, {arg_text("uuid", uuid)});
+    return add_coded(c, msg::float_invalid_value, {arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_string_above_max(cfg *c, int max, const char *uuid)
 {
-    return add_coded(c, 11, {zrmsg_itoa(max), arg_text("uuid", uuid)});
+    return add_coded(c, msg::string_above_max, {zrmsg_itoa(max), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_string_below_min(cfg *c, int min, const char *uuid)
 {
-    return add_coded(c, 12, {zrmsg_itoa(min), arg_text("uuid", uuid)});
+    return add_coded(c, msg::string_below_min, {zrmsg_itoa(min), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_string_invalid_value(cfg *c, const char *uuid, const char *value)
 {
-    return add_coded(c, 13, {arg_text("uuid", uuid), arg_text("value", value)});
+    return add_coded(c, msg::string_invalid_value, {arg_text("uuid", uuid), arg_text("value", value)});
 }
 
 extern "C" bool cfg_message_add_string_format(cfg *c, const char *uuid)
 {
-    return add_coded(c, 14, {arg_text("uuid", uuid)});
+    return add_coded(c, msg::string_format, {arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_blob_above_max(cfg *c, int max, const char *uuid)
 {
-    return add_coded(c, 15, {zrmsg_itoa(max), arg_text("uuid", uuid)});
+    return add_coded(c, msg::blob_above_max, {zrmsg_itoa(max), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_blob_below_min(cfg *c, int min, const char *uuid)
 {
-    return add_coded(c, 16, {zrmsg_itoa(min), arg_text("uuid", uuid)});
+    return add_coded(c, msg::blob_below_min, {zrmsg_itoa(min), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_list_above_max(cfg *c, int max, const char *uuid)
 {
-    return add_coded(c, 17, {zrmsg_itoa(max), arg_text("uuid", uuid)});
+    return add_coded(c, msg::list_above_max, {zrmsg_itoa(max), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_list_below_min(cfg *c, int min, const char *uuid)
 {
-    return add_coded(c, 18, {zrmsg_itoa(min), arg_text("uuid", uuid)});
+    return add_coded(c, msg::list_below_min, {zrmsg_itoa(min), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_list_wrong_type(cfg *c, const char *uuid)
 {
-    return add_coded(c, 19, {arg_text("uuid", uuid)});
+    return add_coded(c, msg::list_wrong_type, {arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_missing_required(cfg *c, const char *name, const char *uuid)
 {
-    return add_coded(c, 20, {arg_text("name", name), arg_text("uuid", uuid)});
+    return add_coded(c, msg::missing_required, {arg_text("name", name), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_invalid_reference(cfg *c, const char *uuid)
 {
-    return add_coded(c, 21, {arg_text("uuid", uuid)});
+    return add_coded(c, msg::invalid_reference, {arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_wrong_type(cfg *c, const char *uuid)
 {
-    return add_coded(c, 22, {arg_text("uuid", uuid)});
+    return add_coded(c, msg::wrong_type, {arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_no_match(cfg *c, const char *uuid, const char *name)
 {
-    return add_coded(c, 23, {arg_text("uuid", uuid), arg_text("name", name)});
+    return add_coded(c, msg::no_match, {arg_text("uuid", uuid), arg_text("name", name)});
 }
 
 extern "C" bool cfg_message_add_password_mismatch(cfg *c, const char *uuid)
 {
-    return add_coded(c, 24, {arg_text("uuid", uuid)});
+    return add_coded(c, msg::password_mismatch, {arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_invalid_networkaddress(cfg *c, const char *address, const char *uuid)
 {
-    return add_coded(c, 25, {arg_text("address", address), arg_text("uuid", uuid)});
+    return add_coded(c, msg::invalid_networkaddress, {arg_text("address", address), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_duplicate(cfg *c, const char *field, const char *value, const char *uuid)
 {
-    return add_coded(c, 26, {arg_text("field", field), arg_text("value", value), arg_text("uuid", uuid)});
+    return add_coded(c, msg::duplicate, {arg_text("field", field), arg_text("value", value), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_common_name_error(cfg *c, const char *common_name, const char *uuid)
 {
-    return add_coded(c, 27, {arg_text("common_name", common_name), arg_text("uuid", uuid)});
+    return add_coded(c, msg::common_name_error, {arg_text("common_name", common_name), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_path_not_found(cfg *c, const char *path)
 {
-    return add_coded(c, 28, {arg_text("path", path)});
+    return add_coded(c, msg::path_not_found, {arg_text("path", path)});
 }
 
 extern "C" bool cfg_message_add_uuid_not_found(cfg *c, const char *uuid)
 {
-    return add_coded(c, 29, {arg_text("uuid", uuid)});
+    return add_coded(c, msg::uuid_not_found, {arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_database(cfg *c)
 {
-    return add_coded(c, 30, {});
+    return add_coded(c, msg::database, {});
 }
 
 extern "C" bool cfg_message_add_schema(cfg *c)
 {
-    return add_coded(c, 31, {});
+    return add_coded(c, msg::schema, {});
 }
 
 extern "C" bool cfg_message_add_conflict(cfg *c)
 {
-    return add_coded(c, 32, {});
+    return add_coded(c, msg::conflict, {});
 }
 
 extern "C" bool cfg_message_add_push_failed(cfg *c)
 {
-    return add_coded(c, 33, {});
+    return add_coded(c, msg::push_failed, {});
 }
 
 extern "C" bool cfg_message_add_get_schema_failed(cfg *c)
 {
-    return add_coded(c, 34, {});
+    return add_coded(c, msg::get_schema_failed, {});
 }
 
 extern "C" bool cfg_message_add_get_data_by_path_failed(cfg *c)
 {
-    return add_coded(c, 35, {});
+    return add_coded(c, msg::get_data_by_path_failed, {});
 }
 
 extern "C" bool cfg_message_add_get_data_by_id_failed(cfg *c)
 {
-    return add_coded(c, 36, {});
+    return add_coded(c, msg::get_data_by_id_failed, {});
 }
 
 extern "C" bool cfg_message_add_lock_failed(cfg *c)
 {
-    return add_coded(c, 37, {});
+    return add_coded(c, msg::lock_failed, {});
 }
 
 extern "C" bool cfg_message_add_subscribe_failed(cfg *c)
 {
-    return add_coded(c, 38, {});
+    return add_coded(c, msg::subscribe_failed, {});
 }
 
 extern "C" bool cfg_message_add_invalid_request(cfg *c)
 {
-    return add_coded(c, 39, {});
+    return add_coded(c, msg::invalid_request, {});
 }
 
 extern "C" bool cfg_message_add_incomplete_data(cfg *c, const char *param)
 {
-    return add_coded(c, 40, {arg_text("param", param)});
+    return add_coded(c, msg::incomplete_data, {arg_text("param", param)});
 }
 
 extern "C" bool cfg_message_add_invalid_credentials(cfg *c)
 {
-    return add_coded(c, 41, {});
+    return add_coded(c, msg::invalid_credentials, {});
 }
 
 extern "C" bool cfg_message_add_invalid_session(cfg *c)
 {
-    return add_coded(c, 42, {});
+    return add_coded(c, msg::invalid_session, {});
 }
 
 extern "C" bool cfg_message_add_changed_ro(cfg *c)
 {
-    return add_coded(c, 43, {});
+    return add_coded(c, msg::changed_ro, {});
 }
 
 extern "C" bool cfg_message_add_worker(cfg *c)
 {
-    return add_coded(c, 44, {});
+    return add_coded(c, msg::worker, {});
 }
 
 extern "C" bool cfg_message_add_reg_not_ready(cfg *c)
 {
-    return add_coded(c, 45, {});
+    return add_coded(c, msg::reg_not_ready, {});
 }
 
 extern "C" bool cfg_message_add_permission_denied(cfg *c)
 {
-    return add_coded(c, 46, {});
+    return add_coded(c, msg::permission_denied, {});
 }
 
 extern "C" bool cfg_message_add_invalid_action(cfg *c, const char *action)
 {
-    return add_coded(c, 47, {arg_text("action", action)});
+    return add_coded(c, msg::invalid_action, {arg_text("action", action)});
 }
 
 extern "C" bool cfg_message_add_invalid_parameter(cfg *c, const char *param)
 {
-    return add_coded(c, 48, {arg_text("param", param)});
+    return add_coded(c, msg::invalid_parameter, {arg_text("param", param)});
 }
 
 extern "C" bool cfg_message_add_invalid_json(cfg *c, const char *param, const char *value, const char *error, int line, int column, int position)
 {
-    return add_coded(c, 49, {arg_text("param", param), arg_text("value", value), arg_text("error", error), zrmsg_itoa(line), zrmsg_itoa(column), zrmsg_itoa(position)});
+    return add_coded(c, msg::invalid_json, {arg_text("param", param), arg_text("value", value), arg_text("error", error), zrmsg_itoa(line), zrmsg_itoa(column), zrmsg_itoa(position)});
 }
 
 extern "C" bool cfg_message_add_invalid_cert(cfg *c)
 {
-    return add_coded(c, 50, {});
+    return add_coded(c, msg::invalid_cert, {});
 }
 
 extern "C" bool cfg_message_add_invalid_query(cfg *c)
 {
-    return add_coded(c, 51, {});
+    return add_coded(c, msg::invalid_query, {});
 }
 
 extern "C" bool cfg_message_add_unknown_data_of_type(cfg *c, const char *type, const char *item)
 {
-    return add_coded(c, 52, {arg_text("type", type), arg_text("item", item)});
+    return add_coded(c, msg::unknown_data_of_type, {arg_text("type", type), arg_text("item", item)});
 }
 
 extern "C" bool cfg_message_add_invalid_ip(cfg *c, const char *address, const char *uuid)
 {
-    return add_coded(c, 53, {arg_text("address", address), arg_text("uuid", uuid)});
+    return add_coded(c, msg::invalid_ip, {arg_text("address", address), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_invalid_parameter_value(cfg *c, const char *param, const char *value)
 {
-    return add_coded(c, 54, {arg_text("param", param), arg_text("value", value)});
+    return add_coded(c, msg::invalid_parameter_value, {arg_text("param", param), arg_text("value", value)});
 }
 
 extern "C" bool cfg_message_add_bad_tag_name(cfg *c, const char *tag_name)
 {
-    return add_coded(c, 55, {arg_text("tag_name", tag_name)});
+    return add_coded(c, msg::bad_tag_name, {arg_text("tag_name", tag_name)});
 }
 
 extern "C" bool cfg_message_add_bad_key(cfg *c)
 {
-    return add_coded(c, 56, {});
+    return add_coded(c, msg::bad_key, {});
 }
 
 extern "C" bool cfg_message_add_csr_generate_failed(cfg *c)
 {
-    return add_coded(c, 57, {});
+    return add_coded(c, msg::csr_generate_failed, {});
 }
 
 extern "C" bool cfg_message_add_invalid_mac(cfg *c, const char *mac, const char *uuid)
 {
-    return add_coded(c, 58, {arg_text("mac", mac), arg_text("uuid", uuid)});
+    return add_coded(c, msg::invalid_mac, {arg_text("mac", mac), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_dhcp_limit(cfg *c)
 {
-    return add_coded(c, 59, {});
+    return add_coded(c, msg::dhcp_limit, {});
 }
 
 extern "C" bool cfg_message_add_invalid_role(cfg *c, const char *rolename, const char *mode)
 {
-    return add_coded(c, 60, {arg_text("rolename", rolename), arg_text("mode", mode)});
+    return add_coded(c, msg::invalid_role, {arg_text("rolename", rolename), arg_text("mode", mode)});
 }
 
 extern "C" bool cfg_message_add_int_outside_range(cfg *c, int min, int max, const char *uuid)
 {
-    return add_coded(c, 61, {zrmsg_itoa(min), zrmsg_itoa(max), arg_text("uuid", uuid)});
+    return add_coded(c, msg::int_outside_range, {zrmsg_itoa(min), zrmsg_itoa(max), arg_text("uuid", uuid)});
 }
 
 extern "C" bool cfg_message_add_field_updated(cfg *c, const char *fieldname, const char *value)
 {
-    return add_coded(c, 64, {arg_text("fieldname", fieldname), arg_text("value", value)});
+    return add_coded(c, msg::field_updated, {arg_text("fieldname", fieldname), arg_text("value", value)});
 }
 
 extern "C" bool cfg_message_add_cfg_push_unsupported_operation(cfg *c)
 {
-    return add_coded(c, 65, {});
+    return add_coded(c, msg::cfg_push_unsupported_operation, {});
 }
 
 extern "C" bool cfg_message_add_cfg_push_ug_reserved_value(cfg *c, const char *value)
 {
-    return add_coded(c, 66, {arg_text("value", value)});
+    return add_coded(c, msg::cfg_push_ug_reserved_value, {arg_text("value", value)});
 }
 
 extern "C" bool cfg_message_add_cfg_push_dataset_updated(cfg *c, const char *dataset)
 {
-    return add_coded(c, 67, {arg_text("dataset", dataset)});
+    return add_coded(c, msg::cfg_push_dataset_updated, {arg_text("dataset", dataset)});
 }
 
 extern "C" bool cfg_message_add_cfg_push_no_changes_required(cfg *c)
 {
-    return add_coded(c, 68, {});
+    return add_coded(c, msg::cfg_push_no_changes_required, {});
 }
 
 extern "C" bool cfg_message_add_cfg_push_request_failed(cfg *c, const char *message)
 {
-    return add_coded(c, 69, {arg_text("message", message)});
+    return add_coded(c, msg::cfg_push_request_failed, {arg_text("message", message)});
 }
 
 extern "C" bool cfg_message_add_cfg_push_communication_failure(cfg *c)
 {
-    return add_coded(c, 70, {});
+    return add_coded(c, msg::cfg_push_communication_failure, {});
 }
 
 extern "C" bool cfg_message_add_cfg_push_node_offline(cfg *c)
 {
-    return add_coded(c, 71, {});
+    return add_coded(c, msg::cfg_push_node_offline, {});
 }
 
 extern "C" bool cfg_message_add_cfg_push_bad_remote_data(cfg *c)
 {
-    return add_coded(c, 72, {});
+    return add_coded(c, msg::cfg_push_bad_remote_data, {});
 }
 
 extern "C" bool cfg_message_add_invalid_file_format(cfg *c)
 {
-    return add_coded(c, 73, {});
+    return add_coded(c, msg::invalid_file_format, {});
 }
 
 extern "C" bool cfg_message_add_cfg_push_script_exec_success(cfg *c)
 {
-    return add_coded(c, 74, {});
+    return add_coded(c, msg::cfg_push_script_exec_success, {});
 }
 
 extern "C" bool cfg_message_add_cfg_push_script_exec_failure(cfg *c, int code)
 {
-    return add_coded(c, 75, {zrmsg_itoa(code)});
+    return add_coded(c, msg::cfg_push_script_exec_failure, {zrmsg_itoa(code)});
 }
 
 extern "C" bool cfg_message_add_cfg_push_script_exec_timeout(cfg *c)
 {
-    return add_coded(c, 76, {});
+    return add_coded(c, msg::cfg_push_script_exec_timeout, {});
 }
 
 extern "C" bool cfg_message_add_hashed_password_found(cfg *c)
 {
-    return add_coded(c, 77, {});
+    return add_coded(c, msg::hashed_password_found, {});
 }
 
 extern "C" bool cfg_message_add_hashed_password_not_found(cfg *c)
 {
-    return add_coded(c, 78, {});
+    return add_coded(c, msg::hashed_password_not_found, {});
 }

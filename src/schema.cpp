@@ -1448,7 +1448,7 @@ void mark_deleted(cfg *context, cfg_schema_element *elem, element_set &seen)
 
 extern "C" void cfg_delete_schema_element(cfg *context, cfg_schema_element *elem)
 {
-    ZR_ASSERT(elem);
+    ZR_ASSERT(elem != nullptr, "elem");
     element_set seen;
     mark_deleted(context, elem, seen);
 }

@@ -476,19 +476,18 @@ bool file_equals(int fd, const unsigned char *data, size_t size)
     unsigned char chunk[4096];
     size_t offset = 0;
     for (;;) {
-        ssize_t file_r = read(fd, chunk, sizeof chunk);
-        if (file_r < 0)
+        ssize_t got = read(fd, chunk, sizeof chunk);
+        if (got < 0)
             return false;
-        if (file_r == 0)
+        if (got == 0)
             return offset == size;
-        auto remaining = static_cast<ssize_t>(size - offset);
-        if (file_r > remaining)
+        auto length = static_cast<size_t>(got);
+        if (length > size - offset)
             return false;
-        ssize_t cmp_sz = file_r < remaining ? file_r : remaining;
-        ZR_ASSERT(cmp_sz == file_r);
-        if (memcmp(chunk, data + offset, static_cast<size_t>(cmp_sz)) != 0)
+        ZR_ASSERT(offset + length <= size, "cmp_sz == file_r");
+        if (memcmp(chunk, data + offset, length) != 0)
             return false;
-        offset += static_cast<size_t>(cmp_sz);
+        offset += length;
     }
 }
 
