@@ -1,6 +1,28 @@
 // Configuration elements: typed records, replacement, link lists, the uuid
 // index, list and map membership (with the cached answers of list members),
 // references, parent links, deletion (marking) and release (freeing).
+//
+// Beside its public record every element keeps private caches of its link
+// lists (the last parent link; for lists and maps the nodes of the members
+// and future members by position, and the elements the members resolved
+// to). Invariants:
+//  1. Every element record is the first member of an element_box, so a
+//     cfg_element pointer is also a pointer to its box.
+//  2. A cache describes the list whose first node is its head, as of the
+//     link_removals count it holds. Before use it is checked against both
+//     and rebuilt from the list when either differs; so a change made behind
+//     its back (a new head, or nodes removed through the public link
+//     functions, which advance link_removals) is never missed.
+//  3. Code here that removes nodes from a list resets that list's cache.
+//  4. A synced position cache holds at nodes[i] the node at position i.
+//  5. Resolved members belong to one context and one uuid index; when
+//     either changes they are dropped before use.
+//  6. A resolved member is used only while its stamp equals index_removals.
+//     Whatever takes an element out of a uuid index, swaps an index, or
+//     changes what a lookup hook answers calls zr::index_changed().
+//  7. Only the library's own lookup hooks are cached, and an answer is kept
+//     only when no removal happened while the hook ran and the node at its
+//     position is still the same.
 #define ZR_SOURCE "src/data"
 #include "internal.h"
 #include "common.h"
@@ -43,6 +65,7 @@ struct link_tail {
     cfg_link *tail = nullptr;
     uint64_t removals = 0;
 
+    // Keeps invariant 2.
     cfg_link *last(cfg_link *actual)
     {
         if (actual != head || removals != current(link_removals) || tail == nullptr) {
@@ -80,6 +103,7 @@ struct link_index {
     const cfg_index_entry *index = nullptr;
     std::vector<resolved_member> resolved;
 
+    // Keeps invariants 2 and 4.
     void sync(cfg_link *actual)
     {
         if (actual != head || removals != current(link_removals)) {
@@ -110,7 +134,8 @@ struct link_index {
         nodes.clear();
         resolved.clear();
     }
-    // The slot of position for lookups in context's current index.
+    // The slot of position for lookups in context's current index; keeps
+    // invariant 5.
     resolved_member &slot(cfg *in, size_t position)
     {
         if (in != context || in->elements != index) {
@@ -308,7 +333,8 @@ unsigned int future_count(cfg_element *list)
 
 int delete_links_naming(cfg *context, cfg_link **head, const char *uuid);
 
-// Removes the member links naming uuid (renumbering those after them).
+// Removes the member links naming uuid (renumbering those after them);
+// keeps invariant 3, as do the other removals here.
 void remove_member_links(cfg *context, cfg_element *container, const char *uuid)
 {
     delete_links_naming(context, members_of(container), uuid);
@@ -861,7 +887,8 @@ int delete_links_naming(cfg *context, cfg_link **head, const char *uuid)
 
 } // namespace
 
-// Position indexes cannot see removals made through here, so they are told.
+// Position indexes cannot see removals made through here, so they are told
+// (keeps invariant 2).
 extern "C" int cfg_link_list_delete_by_uuid(cfg *context, cfg_link **head, const char *uuid)
 {
     int removed = delete_links_naming(context, head, uuid);
@@ -900,7 +927,7 @@ extern "C" void cfg_delete_elem(cfg *context, cfg_element *element)
         return;
     HASH_DEL(context->elements, entry);
     zr::free_index_entry(entry);
-    zr::index_changed();
+    zr::index_changed(); // keeps invariant 6
 }
 
 // ---- Lists ----
@@ -933,8 +960,9 @@ void zr::index_changed()
 }
 
 // The hook's answer is kept beside the list, so walking a list by position
-// costs no lookup until an element leaves an index. An answer is kept only
-// when nothing left an index while the hook ran (the list itself among them).
+// costs no lookup until an element leaves an index. Keeps invariants 6 and 7:
+// an answer is kept only when nothing left an index while the hook ran (the
+// list itself among them).
 cfg_element *zr::list_member(cfg *context, cfg_element *list, size_t position)
 {
     if (context == nullptr || !is_type(list, CFG_TYPE_LIST))

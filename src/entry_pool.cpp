@@ -1,7 +1,20 @@
-// The pool of uuid-index entries. Entries come from 64 KiB slabs, so that the entries of a large index
-// lie close together: a lookup walking a bucket chain then stays within a few
-// pages instead of landing on a new page, among the element records, at
-// every entry. Slabs are shared by all contexts and freed once empty.
+// The pool of uuid-index entries. Entries come from 64 KiB slabs, so that
+// the entries of a large index lie close together: a lookup walking a bucket
+// chain then stays within a few pages instead of landing on a new page, among
+// the element records, at every entry. Slabs are shared by all contexts and
+// freed once empty.
+//
+// Invariants, all under pool.lock:
+//  1. pool.slabs holds the address of every live slab, each once, in
+//     ascending order; slab_count of them, within capacity.
+//  2. A slab's live count is the number of its slots handed out and not
+//     freed; a slab whose count drops to 0 is unregistered and freed at once.
+//  3. A slab is on the open list exactly when it has room (live below
+//     usable_slots); the flag open says which, and entries come from the
+//     first open slab.
+//  4. Slots below fresh were handed out at least once; a slot that is free
+//     again is on its slab's free_slots list, and under AddressSanitizer
+//     poisoned until handed out again.
 #define ZR_SOURCE "src/entry_pool"
 #include "internal.h"
 #include "entry_pool.h"
@@ -82,7 +95,8 @@ slab *slab_holding(const void *address)
     return reinterpret_cast<slab *>(after[-1]);
 }
 
-// False, and nothing registered, when the table cannot grow.
+// False, and nothing registered, when the table cannot grow. Keeps
+// invariant 1.
 bool register_slab(slab *s)
 {
     if (pool.slab_count == pool.capacity) {
@@ -160,6 +174,7 @@ slot *take_slot(slab *s)
 
 } // namespace
 
+// Keeps invariants 2 to 4.
 cfg_index_entry *zr::new_index_entry()
 {
     std::lock_guard<std::mutex> guard(pool.lock);
@@ -174,6 +189,7 @@ cfg_index_entry *zr::new_index_entry()
 }
 
 // An entry the pool did not make (a caller's own malloc'd one) is freed.
+// Keeps invariants 1 to 4.
 void zr::free_index_entry(cfg_index_entry *entry)
 {
     if (entry == nullptr)

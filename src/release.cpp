@@ -23,7 +23,7 @@ void release_element(cfg *context, cfg_element *element)
 // Empties the uuid index, releasing every element in index order.
 void release_elements(cfg *context)
 {
-    zr::index_changed();
+    zr::index_changed(); // the data tree's cached members go stale
     cfg_index_entry *entry, *tmp;
     HASH_ITER(hh, context->elements, entry, tmp)
     {

@@ -2,6 +2,18 @@
 // changes. Records keyed by uuid, static path and path pattern name their
 // dependents; a reverse record per dependent names the records that hold it.
 // Also the validator triggers of one element, printing and release.
+//
+// Invariants of a context's four tables:
+//  1. A table holds at most one record per key. Keys are cut to the record's
+//     key field both when stored and when looked up.
+//  2. A uuid is at most once among the dependents of one record.
+//  3. uuid is a dependent of record R exactly when the reverse record keyed
+//     by uuid holds an entry naming R: every change adds or removes both.
+//  4. A removal that leaves a reverse record without entries frees it. A
+//     uuid, path or pattern record left without dependents stays in its
+//     table until its caller removes it.
+//  5. A pattern record's compiled expression, once made, is that of its key
+//     and is freed with the record.
 #define ZR_SOURCE "src/triggers"
 #include "internal.h"
 #include "triggers.h"
@@ -134,7 +146,7 @@ void delete_entry_record(cfg *context, const cfg_trigger_entry &entry)
 }
 
 // Removes the reverse entry of uuid that names entry's record; a reverse
-// record left without entries is freed.
+// record left without entries is freed (keeps invariant 4).
 void drop_reverse_entry(cfg *context, const cfg_trigger_entry &entry, const char *uuid)
 {
     cfg_reverse_trigger *reverse = find_record<cfg_reverse_trigger>(context, uuid);
@@ -164,7 +176,8 @@ template <typename R> R *find_record(cfg *context, const char *key)
     return record;
 }
 
-// The record under key, added empty to its table when there is none.
+// The record under key, added empty to its table when there is none; keeps
+// invariant 1.
 template <typename R> R *find_or_add(cfg *context, const char *key)
 {
     if (context == nullptr || key == nullptr)
@@ -234,6 +247,7 @@ bool has_dependent(const cfg_trigger_entry &entry, const char *uuid)
     return false;
 }
 
+// Keeps invariant 2 by refusing a uuid that is there already.
 bool add_dependent(cfg_reverse_trigger *reverse, const cfg_trigger_entry &entry,
                    const char *uuid)
 {
@@ -250,11 +264,21 @@ bool add_dependent(cfg_reverse_trigger *reverse, const cfg_trigger_entry &entry,
     }
     memcpy(copy, uuid, strnlen(uuid, dependent_size - 1));
     *back = entry;
-    cfg_add_link(dependents, copy);
-    cfg_add_link(&reverse->triggered_by, back);
+    // Both sides or neither (keeps invariant 3).
+    if (cfg_add_link(dependents, copy) == nullptr) {
+        free(copy);
+        free(back);
+        return false;
+    }
+    if (cfg_add_link(&reverse->triggered_by, back) == nullptr) {
+        unlink_first(dependents, [copy](void *data) { return data == copy; });
+        free(back);
+        return false;
+    }
     return true;
 }
 
+// Keeps invariant 3: the dependent and its reverse entry go together.
 bool drop_dependent(cfg *context, const cfg_trigger_entry &entry, const char *uuid)
 {
     cfg_link **dependents = dependents_of(entry);
@@ -266,6 +290,7 @@ bool drop_dependent(cfg *context, const cfg_trigger_entry &entry, const char *uu
     return *dependents == nullptr;
 }
 
+// Keeps invariant 3 for every dependent of the record.
 void remove_record(cfg *context, const cfg_trigger_entry &entry)
 {
     cfg_link **dependents = dependents_of(entry);
@@ -276,6 +301,7 @@ void remove_record(cfg *context, const cfg_trigger_entry &entry)
     delete_entry_record(context, entry);
 }
 
+// Keeps invariant 3 from the reverse side.
 void forget_dependent(cfg *context, const char *uuid)
 {
     cfg_reverse_trigger *reverse = find_record<cfg_reverse_trigger>(context, uuid);
