@@ -5,6 +5,26 @@
  * touched, the schema that describes them, and a stack of coded messages on
  * which every failure is reported. Functions return 1 or a pointer on
  * success, 0 or NULL on failure; the reason is on the message stack.
+ *
+ * Threads. A context and everything reached from it (elements, schema,
+ * messages, trigger tables, connection) is used by one thread at a time; the
+ * library takes no lock on it. Contexts on separate threads, each with its
+ * own schema, may be used at once: created, filled, converted, validated,
+ * released, and each talking to the daemon over its own connection. The
+ * process-wide state they share allows it: the message catalogue is built
+ * once and then only read; the compiled address and key patterns are
+ * compiled once and then only matched; the pool of uuid-index entries sits
+ * behind its own lock; the lookup counters are atomic (a change in one
+ * context only makes the others look list members up again); each thread
+ * makes uuids with its own generator; and the log state sits behind its own
+ * lock (a handler set with zrlog_set_handler may run on several threads at
+ * once). Not safe from several threads at once: one context; one schema
+ * shared by several contexts (validation adds to its cache of compiled
+ * patterns); and the formatted-path buffer, of which the process has one:
+ * cfg_simple_get_by_path and the functions built on it, and the text they
+ * hand back through path_out, must not overlap with the same calls on
+ * another thread. Every context creation calls zrlog_init_raw, which sets
+ * the log's ident and sinks for the whole process.
  */
 #ifndef ZRCONFIG_H
 #define ZRCONFIG_H
