@@ -14,7 +14,8 @@
  * process-wide state they share allows it: the message catalogue is built
  * once and then only read; the compiled address and key patterns are
  * compiled once and then only matched; the pool of uuid-index entries sits
- * behind its own lock; the lookup counters are atomic (a change in one
+ * behind its own lock, and so do the schema records kept after a reload
+ * displaced them; the lookup counters are atomic (a change in one
  * context only makes the others look list members up again); each thread
  * makes uuids with its own generator; and the log state sits behind its own
  * lock (a handler set with zrlog_set_handler may run on several threads at
