@@ -1,7 +1,11 @@
 // Changesets: applying them (from the daemon or replayed local work),
 // assembling the update object of local changes, and the transaction file
 // that keeps that object between sessions.
-#define ZR_SOURCE "src/changeset"
+//
+// Its log lines and assertions carry the context area's name, "src/common":
+// callers filter the library's lines by it, and changesets and transactions
+// have always been logged there.
+#define ZR_SOURCE "src/common"
 #include "internal.h"
 
 #include <cstring>
