@@ -372,6 +372,19 @@ std::vector<std::string> link_uuids(cfg_link *head)
     return uuids;
 }
 
+// Indexes element and returns it. When the index runs out of memory the
+// element is freed and nullptr returned; an id already indexed leaves the
+// element outside the index, as it always has.
+cfg_element *indexed_or_freed(cfg *context, cfg_element *element)
+{
+    bool taken = cfg_find_by_id(context, element->uuid) != nullptr;
+    if (cfg_add_elem(context, element) == 0 && !taken) {
+        cfg_free_element(context, element);
+        return nullptr;
+    }
+    return element;
+}
+
 // Marks an element new, names it and indexes it.
 cfg_element *index_new(cfg *context, cfg_element *element, const char *uuid)
 {
@@ -382,8 +395,7 @@ cfg_element *index_new(cfg *context, cfg_element *element, const char *uuid)
         copy_uuid(element->uuid, uuid);
     else
         gen_uuid(element->uuid);
-    cfg_add_elem(context, element);
-    return element;
+    return indexed_or_freed(context, element);
 }
 
 // Releases a local element of this uuid, then indexes the record under it.
@@ -401,8 +413,7 @@ cfg_element *index_loaded(cfg *context, cfg_element *element, const char *uuid)
     cfg_element *existing = cfg_find_by_id(context, element->uuid);
     if (existing != nullptr)
         cfg_free_element(context, existing);
-    cfg_add_elem(context, element);
-    return element;
+    return indexed_or_freed(context, element);
 }
 
 // Replaces old by the record that load makes under old's uuid; see cfg_set_*.
@@ -421,8 +432,7 @@ template <typename Load> cfg_element *replace(cfg *context, cfg_element *old, Lo
     if (is_container(old))
         cfg_delete_members(context, old);
     cfg_free_element(context, old);
-    cfg_add_elem(context, fresh);
-    return fresh;
+    return indexed_or_freed(context, fresh);
 }
 
 } // namespace
@@ -629,8 +639,7 @@ extern "C" cfg_element *cfg_new_reference_with_id(cfg *context, const char *targ
         cfg_free_element(context, element);
         return nullptr;
     }
-    cfg_add_elem(context, element);
-    return element;
+    return indexed_or_freed(context, element);
 }
 
 extern "C" cfg_element *cfg_new_reference(cfg *context, const char *target_uuid)
@@ -654,8 +663,7 @@ extern "C" cfg_element *cfg_load_reference(cfg *context, const char *uuid,
         cfg_free_element(context, element);
         return nullptr;
     }
-    cfg_add_elem(context, element);
-    return element;
+    return indexed_or_freed(context, element);
 }
 
 extern "C" int cfg_reference_value(cfg_element *element, char **out)

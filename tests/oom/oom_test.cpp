@@ -3,10 +3,8 @@
 // Each run must return the failure value (or, for a commit, either value)
 // and leak nothing; the sanitizer build checks the leaks at exit.
 //
-// Left out of the sweep: the first insertion into an empty uthash table and
-// a new slab of index entries, which end the process when memory runs out.
-// Each run starts with the context's index and schema map already holding an
-// entry, so that neither is met.
+// Each run starts from an empty context, so that the first insertion into
+// its uuid index and schema map is among the allocations that fail.
 #include "context.h"
 #include "failing_malloc.h"
 #include "scripted_daemon.h"
@@ -35,21 +33,14 @@ template <typename Op> long sweep(Op op, bool failure_may_succeed = false)
     return 0;
 }
 
-// A context whose index and schema map already hold an entry.
-struct warm_context {
-    context_handle h;
-    warm_context()
-    {
-        cfg_new_string_with_id(h.get(), "warm", "warm");
-        cfg_init_schema_bool(h.get(), "warm", 0, 0);
-    }
-    cfg *get() const { return h.get(); }
-};
-
-// Decodes text with decode in a fresh context, the nth allocation failing.
-template <typename Decode> bool decode_failing_at(long n, const char *text, Decode decode)
+// Decodes text with decode in a fresh context (holding only the element
+// "target" when one is named), the nth allocation failing.
+template <typename Decode>
+bool decode_failing_at(long n, const char *text, Decode decode, const char *target)
 {
-    warm_context ctx;
+    context_handle ctx;
+    if (target != nullptr)
+        cfg_new_string_with_id(ctx.get(), target, target);
     json_handle json = parse_json(text);
     oom::arm(n);
     bool decoded = decode(ctx.get(), json.get());
@@ -76,6 +67,7 @@ TEST(OutOfMemory, Decoders)
         decoder decode;
         const char *text;
         bool failure_may_succeed = false;
+        const char *target = nullptr;
     };
     const decode_case cases[] = {
         {element, R"({"id": "s", "type": 4, "value": "text", "generation": 2, "schema": "x",
@@ -84,7 +76,7 @@ TEST(OutOfMemory, Decoders)
         {element, R"({"id": "b", "type": 6, "value": "00ff10"})"},
         {element, R"({"id": "l", "type": 7, "value": ["a", "b", "c"]})"},
         {element, R"({"id": "m", "type": 8, "value": {"x": "a", "y": "b"}})"},
-        {element, R"({"id": "r", "type": 9, "value": "warm"})"},
+        {element, R"({"id": "r", "type": 9, "value": "t"})", false, "t"},
         {schema, R"({"id": "m", "type": 8, "generation": 3, "tags": {"a": "1", "b": "2"},
                      "required": {"x": "u1"}, "optional": {"y": "u2"}, "deprecated": {"z": "u3"},
                      "conditionals": ["c1", "c2"], "validators": [{"validator": "unique",
@@ -99,7 +91,7 @@ TEST(OutOfMemory, Decoders)
     };
     for (const decode_case &c : cases) {
         SCOPED_TRACE(c.text);
-        EXPECT_GT(sweep([&](long n) { return decode_failing_at(n, c.text, c.decode); },
+        EXPECT_GT(sweep([&](long n) { return decode_failing_at(n, c.text, c.decode, c.target); },
                         c.failure_may_succeed),
                   0);
     }
