@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,16 +27,19 @@ template <typename Part> bool each_part(const uint8_t *data, size_t size, Part p
     return true;
 }
 
-// Writes each part as one frame; false when the pair's buffer cannot take
-// them.
+// Writes each part as one frame, all in one non-blocking write; false when
+// the pair's buffer cannot take them. (A write per frame would fill the
+// buffer with small chunks and block until libFuzzer's timer broke it.)
 bool write_frames(int fd, const uint8_t *data, size_t size)
 {
-    return each_part(data, size, [fd](const uint8_t *part, size_t length) {
-        uint8_t prefix[4] = {uint8_t(length >> 24), uint8_t(length >> 16), uint8_t(length >> 8),
-                             uint8_t(length)};
-        return write(fd, prefix, 4) == 4 &&
-               (length == 0 || write(fd, part, length) == ssize_t(length));
+    std::string frames;
+    each_part(data, size, [&frames](const uint8_t *part, size_t length) {
+        char prefix[4] = {char(length >> 24), char(length >> 16), char(length >> 8),
+                          char(length)};
+        frames.append(prefix, 4).append(reinterpret_cast<const char *>(part), length);
+        return true;
     });
+    return send(fd, frames.data(), frames.size(), MSG_DONTWAIT) == ssize_t(frames.size());
 }
 
 void connect_to(cfg *ctx, int fd)
