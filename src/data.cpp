@@ -161,6 +161,7 @@ struct element_box {
     cfg_element element;
     link_tail parents;
     container_index *container = nullptr; // made on first use
+    uint64_t walk_mark = 0;               // see zr::walk_mark
 
     ~element_box() { delete container; }
 };
@@ -961,6 +962,11 @@ void remember_member(cfg *context, cfg_element *list, size_t position, cfg_eleme
 }
 
 } // namespace
+
+uint64_t &zr::walk_mark(cfg_element *element)
+{
+    return box_of(element)->walk_mark;
+}
 
 void zr::index_changed()
 {

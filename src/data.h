@@ -5,6 +5,7 @@
 #include "zrconfig.h"
 
 #include <cstddef>
+#include <cstdint>
 
 namespace zr {
 
@@ -15,6 +16,10 @@ void index_changed();
 // The member at position of list as the context's get_by_id hook finds it;
 // null past the end.
 cfg_element *list_member(cfg *context, cfg_element *list, size_t position);
+
+// A word kept beside element for validation walks, which note there whether
+// they have seen and accounted for it; zero for a new record.
+uint64_t &walk_mark(cfg_element *element);
 
 } // namespace zr
 

@@ -4,11 +4,14 @@
 // the flagged elements and what the trigger tables say depends on them.
 #define ZR_SOURCE "src/validation"
 #include "internal.h"
+#include "data.h"
 #include "triggers.h"
 #include "walk.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <optional>
 #include <pcre.h>
 #include <string>
 #include <unordered_set>
@@ -53,11 +56,108 @@ bool add_entry(cfg_index_entry *&map, cfg_element *element)
     return true;
 }
 
+// The bookkeeping of a walk the library runs itself over a context whose
+// lookups answer from the local index. There, one uuid names one record for
+// the whole walk (nothing is fetched, replaced or freed while it runs), so
+// the two uuid maps of the validation context can be kept as a mark beside
+// each record instead: the walk's serial and the element's state. The maps
+// stay empty meanwhile; the elements left unaccounted for are found, in the
+// order they were added, through the list kept here.
+class walk_marks {
+  public:
+    explicit walk_marks(validation_context *vctx)
+        : vctx_(vctx), serial_(next_serial++), outer_(active)
+    {
+        active = this;
+    }
+    ~walk_marks() { active = outer_; }
+    walk_marks(const walk_marks &) = delete;
+    walk_marks &operator=(const walk_marks &) = delete;
+
+    // The marks that keep vctx's maps, or nullptr when its maps are used.
+    static walk_marks *of(const validation_context *vctx)
+    {
+        return active != nullptr && active->vctx_ == vctx ? active : nullptr;
+    }
+
+    void add_unhandled(cfg_element *element)
+    {
+        if (state(element) != unseen)
+            return;
+        set_state(element, unhandled);
+        order_.push_back(element);
+        unhandled_count_++;
+    }
+    void set_handled(cfg_element *element)
+    {
+        if (state(element) == unhandled)
+            unhandled_count_--;
+        set_state(element, handled);
+    }
+    // The first element still unaccounted for, in the order added; nullptr
+    // when there is none.
+    cfg_element *first_unhandled()
+    {
+        if (unhandled_count_ == 0)
+            return nullptr;
+        while (state(order_[checked_]) != unhandled)
+            checked_++;
+        return order_[checked_];
+    }
+    template <typename Visit> void each_unhandled(Visit visit)
+    {
+        for (cfg_element *element : order_)
+            if (state(element) == unhandled)
+                visit(element);
+    }
+
+  private:
+    static constexpr uint64_t unseen = 0, unhandled = 1, handled = 2;
+    uint64_t state(cfg_element *element) const
+    {
+        uint64_t mark = zr::walk_mark(element);
+        return mark >> 2 == serial_ ? mark & 3 : unseen;
+    }
+    void set_state(cfg_element *element, uint64_t value)
+    {
+        zr::walk_mark(element) = serial_ << 2 | value;
+    }
+
+    static inline thread_local walk_marks *active = nullptr;
+    static inline std::atomic<uint64_t> next_serial{1};
+    validation_context *vctx_;
+    uint64_t serial_;
+    walk_marks *outer_;
+    std::vector<cfg_element *> order_;
+    size_t unhandled_count_ = 0;
+    size_t checked_ = 0; // order_ before it holds no unhandled element
+};
+
+// Whether every lookup of the context answers from its own index.
+bool lookups_are_local(const cfg *context)
+{
+    return context->get_by_id == cfg_find_by_id;
+}
+
+// The first element of vctx left unaccounted for, or nullptr.
+cfg_element *first_unhandled(validation_context *vctx)
+{
+    if (walk_marks *marks = walk_marks::of(vctx))
+        return marks->first_unhandled();
+    return vctx->unhandled != nullptr ? vctx->unhandled->element : nullptr;
+}
+
 } // namespace
 
 extern "C" void add_unhandled(validation_context *vctx, cfg_element *element)
 {
-    if (vctx == nullptr || element == nullptr || find_entry(vctx->seen, element) != nullptr)
+    if (vctx == nullptr || element == nullptr)
+        return;
+    if (walk_marks *marks = walk_marks::of(vctx)) {
+        marks->add_unhandled(element);
+        return;
+    }
+    if (find_entry(vctx->seen, element) != nullptr)
         return;
     if (add_entry(vctx->unhandled, element))
         add_entry(vctx->seen, element);
@@ -67,6 +167,10 @@ extern "C" void set_handled(validation_context *vctx, cfg_element *element)
 {
     if (vctx == nullptr || element == nullptr)
         return;
+    if (walk_marks *marks = walk_marks::of(vctx)) {
+        marks->set_handled(element);
+        return;
+    }
     if (find_entry(vctx->seen, element) == nullptr)
         add_entry(vctx->seen, element);
     cfg_index_entry *entry = find_entry(vctx->unhandled, element);
@@ -585,6 +689,9 @@ extern "C" int cfg_validate_subtree(cfg *context, cfg_element *element)
     vctx_ptr vctx = new_vctx();
     if (vctx == nullptr)
         return 0;
+    std::optional<walk_marks> marks;
+    if (lookups_are_local(context))
+        marks.emplace(vctx.get());
     cfg_schema_element *schema = cfg_get_schema_by_id(context, element->schema);
     return schema != nullptr ? cfg_validate_node(vctx.get(), context, element, schema) : 0;
 }
@@ -610,17 +717,24 @@ extern "C" int cfg_validate_data(cfg *context)
     vctx_ptr vctx = new_vctx();
     if (vctx == nullptr)
         return 0;
+    std::optional<walk_marks> marks;
+    if (lookups_are_local(context))
+        marks.emplace(vctx.get());
     for (cfg_index_entry *e = context->elements; e != nullptr;
          e = static_cast<cfg_index_entry *>(e->hh.next))
         if (!(e->element->flags & CFG_FLAG_DELETED))
             add_unhandled(vctx.get(), e->element);
     if (!cfg_validate_node(vctx.get(), context, cfg_root(context), cfg_schema_root(context)))
         return 0;
-    if (vctx->unhandled == nullptr)
+    if (first_unhandled(vctx.get()) == nullptr)
         return 1;
-    for (cfg_index_entry *e = vctx->unhandled; e != nullptr;
-         e = static_cast<cfg_index_entry *>(e->hh.next))
-        report_unmatched(context, e->element, "[unknown]");
+    auto report = [&](cfg_element *element) { report_unmatched(context, element, "[unknown]"); };
+    if (marks)
+        marks->each_unhandled(report);
+    else
+        for (cfg_index_entry *e = vctx->unhandled; e != nullptr;
+             e = static_cast<cfg_index_entry *>(e->hh.next))
+            report(e->element);
     return 0;
 }
 
@@ -790,8 +904,7 @@ int validate_work(validation_context *vctx, cfg *context, const work_set &work)
         cfg_schema_element *schema = cfg_get_schema_by_id(context, element->schema);
         if (!cfg_validate_node(vctx, context, element, schema))
             return 0;
-        if (vctx->unhandled != nullptr) {
-            cfg_element *leftover = vctx->unhandled->element;
+        if (cfg_element *leftover = first_unhandled(vctx)) {
             char *key = nullptr;
             cfg_get_map_key(context, leftover, &key);
             zr::cstr_ptr key_copy(key);
@@ -812,6 +925,9 @@ extern "C" int cfg_validate_changed_data(cfg *context)
     vctx_ptr vctx = new_vctx();
     if (vctx == nullptr)
         return 0;
+    std::optional<walk_marks> marks;
+    if (lookups_are_local(context))
+        marks.emplace(vctx.get());
     vctx->shallow = 1;
     work_set work;
     for (const std::string &uuid : flagged_uuids(context)) {
