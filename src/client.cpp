@@ -48,7 +48,9 @@ bool result_is_true(json_t *response)
 using zr::mapped_id;
 
 // Loads every element object of an answer's "data" array into the context;
-// an item that fails to load does not stop the others.
+// an item that fails to load does not stop the others. Each item is released
+// once loaded, so a large answer and the tree made from it never both stand
+// at full size.
 void load_answer(cfg *ctx, json_t *data)
 {
     size_t count = json_array_size(data);
@@ -59,6 +61,7 @@ void load_answer(cfg *ctx, json_t *data)
             continue;
         }
         json_to_elem(ctx, item);
+        json_array_set_new(data, i, json_null());
     }
 }
 

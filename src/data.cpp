@@ -162,6 +162,7 @@ struct element_box {
     link_tail parents;
     container_index *container = nullptr; // made on first use
     uint64_t walk_mark = 0;               // see zr::walk_mark
+    zr::validation_memo memo;             // see zr::memo_of
 
     ~element_box() { delete container; }
 };
@@ -338,12 +339,14 @@ int delete_links_naming(cfg *context, cfg_link **head, const char *uuid);
 // keeps invariant 3, as do the other removals here.
 void remove_member_links(cfg *context, cfg_element *container, const char *uuid)
 {
+    zr::forget_validation(context, container);
     delete_links_naming(context, members_of(container), uuid);
     container_of(container).members.reset();
 }
 
 void remove_future_links(cfg *context, cfg_element *list, const char *uuid)
 {
+    zr::forget_validation(context, list);
     delete_links_naming(context, &list->value.list.future_members, uuid);
     container_of(list).future_members.reset();
 }
@@ -373,17 +376,41 @@ std::vector<std::string> link_uuids(cfg_link *head)
     return uuids;
 }
 
+// Enters element into the context's uuid index, which must not hold its
+// uuid yet; false when memory runs out.
+bool add_to_index(cfg *context, cfg_element *element)
+{
+    cfg_index_entry *entry = zr::new_index_entry();
+    if (entry == nullptr)
+        return false;
+    entry->element = element;
+    HASH_ADD_KEYPTR(hh, context->elements, element->uuid, strlen(element->uuid), entry);
+    if (!zr::hash_added(entry)) {
+        zr::free_index_entry(entry);
+        return false;
+    }
+    return true;
+}
+
+// indexed_or_freed for an element whose id the index is known not to hold:
+// no lookup is made first.
+cfg_element *absent_indexed_or_freed(cfg *context, cfg_element *element)
+{
+    if (context == nullptr || !add_to_index(context, element)) {
+        cfg_free_element(context, element);
+        return nullptr;
+    }
+    return element;
+}
+
 // Indexes element and returns it. When the index runs out of memory the
 // element is freed and nullptr returned; an id already indexed leaves the
 // element outside the index, as it always has.
 cfg_element *indexed_or_freed(cfg *context, cfg_element *element)
 {
-    bool taken = cfg_find_by_id(context, element->uuid) != nullptr;
-    if (cfg_add_elem(context, element) == 0 && !taken) {
-        cfg_free_element(context, element);
-        return nullptr;
-    }
-    return element;
+    if (cfg_find_by_id(context, element->uuid) != nullptr)
+        return element;
+    return absent_indexed_or_freed(context, element);
 }
 
 // Marks an element new, names it and indexes it.
@@ -414,7 +441,7 @@ cfg_element *index_loaded(cfg *context, cfg_element *element, const char *uuid)
     cfg_element *existing = cfg_find_by_id(context, element->uuid);
     if (existing != nullptr)
         cfg_free_element(context, existing);
-    return indexed_or_freed(context, element);
+    return absent_indexed_or_freed(context, element); // the id is free now
 }
 
 // Replaces old by the record that load makes under old's uuid; see cfg_set_*.
@@ -694,6 +721,7 @@ extern "C" int update_reference(cfg *context, cfg_element *reference, const char
 {
     if (reference == nullptr)
         return 0;
+    zr::forget_validation(context, reference);
     if (reference->value.string_value != nullptr) {
         cfg_element *old_target = cfg_get_by_id(context, reference->value.string_value);
         if (old_target != nullptr)
@@ -901,8 +929,10 @@ int delete_links_naming(cfg *context, cfg_link **head, const char *uuid)
 extern "C" int cfg_link_list_delete_by_uuid(cfg *context, cfg_link **head, const char *uuid)
 {
     int removed = delete_links_naming(context, head, uuid);
-    if (removed > 0)
+    if (removed > 0) {
         link_removals.fetch_add(1, std::memory_order_relaxed);
+        zr::forget_all_validation();
+    }
     return removed;
 }
 
@@ -914,16 +944,7 @@ extern "C" int cfg_add_elem(cfg *context, cfg_element *element)
         return 0;
     if (cfg_find_by_id(context, element->uuid) != nullptr)
         return 0;
-    cfg_index_entry *entry = zr::new_index_entry();
-    if (entry == nullptr)
-        return 0;
-    entry->element = element;
-    HASH_ADD_KEYPTR(hh, context->elements, element->uuid, strlen(element->uuid), entry);
-    if (!zr::hash_added(entry)) {
-        zr::free_index_entry(entry);
-        return 0;
-    }
-    return 1;
+    return add_to_index(context, element) ? 1 : 0;
 }
 
 extern "C" void cfg_delete_elem(cfg *context, cfg_element *element)
@@ -934,6 +955,7 @@ extern "C" void cfg_delete_elem(cfg *context, cfg_element *element)
     HASH_FIND(hh, context->elements, element->uuid, strlen(element->uuid), entry);
     if (entry == nullptr)
         return;
+    zr::forget_validation(context, entry->element);
     HASH_DEL(context->elements, entry);
     zr::free_index_entry(entry);
     zr::index_changed(); // keeps invariant 6
@@ -966,6 +988,62 @@ void remember_member(cfg *context, cfg_element *list, size_t position, cfg_eleme
 uint64_t &zr::walk_mark(cfg_element *element)
 {
     return box_of(element)->walk_mark;
+}
+
+namespace {
+
+// Changes the data tree cannot place (links made or removed without a
+// context to climb) make every memo stale at once.
+std::atomic<uint64_t> memo_generation{1};
+
+// Forgets element's memo with a change that no climb can follow.
+void forget_everywhere(cfg_element *element)
+{
+    box_of(element)->memo.epoch = 0;
+    zr::forget_all_validation();
+}
+
+} // namespace
+
+zr::validation_memo &zr::memo_of(cfg_element *element)
+{
+    return box_of(element)->memo;
+}
+
+uint64_t zr::validation_generation()
+{
+    return current(memo_generation);
+}
+
+void zr::forget_all_validation()
+{
+    memo_generation.fetch_add(1, std::memory_order_relaxed);
+}
+
+// Climbs parent, reference and future links through the local index only
+// (nothing is fetched), and stops at an element whose memo is forgotten
+// already: everything above it was forgotten with it.
+void zr::forget_validation(cfg *context, cfg_element *element)
+{
+    if (element == nullptr)
+        return;
+    box_of(element)->memo.epoch = 0;
+    std::vector<cfg_element *> pending{element};
+    auto climb = [&](const char *uuid) {
+        cfg_element *parent = cfg_find_by_id(context, uuid);
+        if (parent != nullptr && box_of(parent)->memo.epoch != 0) {
+            box_of(parent)->memo.epoch = 0;
+            pending.push_back(parent);
+        }
+    };
+    while (!pending.empty()) {
+        cfg_element *at = pending.back();
+        pending.pop_back();
+        for (cfg_link *n = at->parents; n != nullptr; n = n->next)
+            climb(record_of(n)->uuid);
+        if (at->future_parent != nullptr)
+            climb(at->future_parent->uuid);
+    }
 }
 
 void zr::index_changed()
@@ -1011,11 +1089,13 @@ extern "C" cfg_link *cfg_append_listelem(cfg *context, cfg_element *list,
         link->index = position;
         free_link_record(child->future_parent);
         child->future_parent = link;
+        zr::forget_validation(context, list);
         return append_future_member(list, child->uuid, position);
     }
     unsigned int position = member_count(list);
     if (append_parent(child, list->uuid, CFG_TYPE_LIST, position, nullptr) == nullptr)
         return nullptr;
+    zr::forget_validation(context, list);
     cfg_link *node = append_member(list, child->uuid, CFG_TYPE_LIST, position, nullptr);
     if (node != nullptr)
         remember_member(context, list, position, child);
@@ -1045,6 +1125,7 @@ extern "C" cfg_link *cfg_append_future_listid(cfg_element *list, const char *uui
 {
     if (!is_type(list, CFG_TYPE_LIST) || uuid == nullptr)
         return nullptr;
+    forget_everywhere(list);
     cfg_link *node = append_future_member(list, uuid, future_count(list));
     if (node != nullptr)
         list->flags |= CFG_FLAG_HAS_FUTURE;
@@ -1055,6 +1136,7 @@ extern "C" cfg_link *cfg_load_listid(cfg_element *list, const char *uuid)
 {
     if (!is_type(list, CFG_TYPE_LIST) || uuid == nullptr)
         return nullptr;
+    forget_everywhere(list);
     return append_member(list, uuid, CFG_TYPE_LIST, member_count(list), nullptr);
 }
 
@@ -1144,17 +1226,21 @@ extern "C" int cfg_list_delete_future_at(cfg *context, cfg_element *list, unsign
 
 // ---- Maps ----
 
-extern "C" cfg_link *cfg_add_mapkey(cfg *, cfg_element *map_elem, const char *key,
+extern "C" cfg_link *cfg_add_mapkey(cfg *context, cfg_element *map_elem, const char *key,
                                     const char *uuid)
 {
     ZR_ASSERT(map_elem->type == CFG_TYPE_MAP, "map_elem->type == 8");
-    return cfg_load_mapid(map_elem, key, uuid);
+    if (key == nullptr || uuid == nullptr)
+        return nullptr;
+    zr::forget_validation(context, map_elem);
+    return append_member(map_elem, uuid, CFG_TYPE_MAP, 0, key);
 }
 
 extern "C" cfg_link *cfg_load_mapid(cfg_element *map, const char *key, const char *uuid)
 {
     if (map == nullptr || key == nullptr || uuid == nullptr)
         return nullptr;
+    forget_everywhere(map);
     return append_member(map, uuid, CFG_TYPE_MAP, 0, key);
 }
 
@@ -1172,6 +1258,7 @@ extern "C" cfg_link *cfg_add_mapelem(cfg *context, cfg_element *map_elem, const 
     }
     if (append_parent(child, map_elem->uuid, CFG_TYPE_MAP, 0, key) == nullptr)
         return nullptr;
+    zr::forget_validation(context, map_elem);
     cfg_link *node = append_member(map_elem, child->uuid, CFG_TYPE_MAP, 0, key);
     if (node != nullptr && (child->flags & (CFG_FLAG_NEW | CFG_FLAG_CHANGED)))
         map_elem->flags |= CFG_FLAG_CHANGED;
@@ -1517,8 +1604,11 @@ extern "C" void cfg_free_element(cfg *context, cfg_element *element)
 {
     if (element == nullptr)
         return;
+    zr::forget_validation(context, element);
     free_links_with_names(element->parents);
     free_link_record(element->future_parent);
+    element->parents = nullptr; // climbed no more once gone
+    element->future_parent = nullptr;
     switch (element->type) {
     case CFG_TYPE_LIST:
         free_links_with_names(element->value.list.members);

@@ -5,6 +5,7 @@
 // uuid and key, so independent runs over the same tree agree.
 #define ZR_SOURCE "src/defaults"
 #include "internal.h"
+#include "defaults.h"
 #include "walk.h"
 
 #include <algorithm>
@@ -24,6 +25,7 @@ struct population {
     bool deterministic;
     zr::schema_walk walk{};
     bool stopped = false;
+    const zr::populated_fn *populated = nullptr; // elements known to be complete
 
     bool in_walk(const cfg_element *element) const { return walk.holds(element); }
     // Whether fault (if any) ended the run; its message is pushed once.
@@ -226,6 +228,8 @@ void populate_node(population &run, cfg_element *element, cfg_schema_element *sc
     if (element == nullptr || schema == nullptr ||
         element->type != static_cast<unsigned int>(schema->type))
         return;
+    if (run.populated != nullptr && (*run.populated)(element, schema))
+        return;
     memcpy(element->schema, schema->uuid, CFG_UUID_SIZE);
     element->schema[CFG_UUID_SIZE - 1] = '\0';
     within(run, element, schema, created, [&] {
@@ -335,6 +339,17 @@ extern "C" void cfg_populate_if(cfg *context, cfg_element *map, cfg_schema_eleme
         return;
     run_population(context, map, deterministic, false,
                    [&](population &run) { populate_conditional(run, map, if_elem); });
+}
+
+void zr::populate_defaults_except(cfg *context, cfg_element *element, const populated_fn &populated)
+{
+    if (context == nullptr || element == nullptr)
+        return;
+    cfg_schema_element *schema = cfg_get_schema_by_id(context, element->schema);
+    run_population(context, element, 0, true, [&](population &run) {
+        run.populated = &populated;
+        populate_node(run, element, schema);
+    });
 }
 
 extern "C" void cfg_populate_defaults(cfg *context, cfg_element *element, int deterministic)

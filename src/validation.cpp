@@ -5,6 +5,7 @@
 #define ZR_SOURCE "src/validation"
 #include "internal.h"
 #include "data.h"
+#include "defaults.h"
 #include "triggers.h"
 #include "walk.h"
 
@@ -55,6 +56,183 @@ bool add_entry(cfg_index_entry *&map, cfg_element *element)
     }
     return true;
 }
+
+// ---- Validation memos ----
+//
+// A run that validates an element in depth, with success, and ends with
+// success itself, leaves a memo beside the element (zr::memo_of). While the
+// memo holds, validating the element again in depth would succeed again, so
+// changed-data validation passes over it. A memo holds when:
+//  1. its epoch is the run's: the same context, the same schema (every
+//     schema record and what it links to, summed up below) and no change
+//     the data tree could not place since (zr::validation_generation);
+//  2. the element carries no flag it did not carry then;
+//  3. its type, value and schema element sum up to the same fingerprint;
+//  4. nothing below it changed through the library since: every change
+//     forgets the memos of the element and of all above it
+//     (zr::forget_validation).
+// Elements whose validity rests on what lies outside them undeclared (a
+// reference's target, a member that did not resolve, a custom validator
+// without trigger paths) get no memo, nor does anything above them. Before
+// a changed-data run uses memos it forgets those of every element that a
+// trigger names or that is not clean itself, so an element is passed over
+// only when nothing at or below it is to be validated again.
+
+// 64-bit FNV-1a, fed piece by piece.
+class fingerprint {
+  public:
+    fingerprint &add(const void *data, size_t size)
+    {
+        const auto *bytes = static_cast<const unsigned char *>(data);
+        for (size_t i = 0; i < size; i++)
+            sum_ = (sum_ ^ bytes[i]) * 0x100000001b3ull;
+        return *this;
+    }
+    template <typename T> fingerprint &add(const T &value) { return add(&value, sizeof value); }
+    fingerprint &text(const char *value)
+    {
+        return value != nullptr ? add(value, strlen(value) + 1) : add(uint8_t{0xff});
+    }
+    uint64_t sum() const { return sum_; }
+
+  private:
+    uint64_t sum_ = 0xcbf29ce484222325ull;
+};
+
+void sum_links(fingerprint &sum, cfg_link *head)
+{
+    for (cfg_link *n = head; n != nullptr; n = n->next)
+        sum.add(n).add(n->data);
+}
+
+void sum_members(fingerprint &sum, const cfg_schema_members &members)
+{
+    for (cfg_link *head : {members.required, members.optional, members.deprecated}) {
+        sum_links(sum, head);
+        for (cfg_link *n = head; n != nullptr; n = n->next) {
+            auto *member = static_cast<cfg_schema_mapid *>(n->data);
+            sum.add(member->uuid, sizeof member->uuid).text(member->key);
+        }
+    }
+    for (cfg_link *n = members.conditionals; n != nullptr; n = n->next)
+        sum.add(n).add(*static_cast<cfg_schema_mapconditional *>(n->data));
+}
+
+// One schema element: its record as it lies, and what it links to.
+void sum_schema_element(fingerprint &sum, const cfg_schema_element *e)
+{
+    sum.add(e, sizeof *e);
+    for (int i = 0; i < e->validators_count && e->validators != nullptr; i++) {
+        const cfg_schema_validator *v = e->validators[i];
+        if (v == nullptr)
+            continue;
+        sum.add(v, sizeof *v).text(v->name);
+        for (int p = 0; p < v->params_count && v->params != nullptr; p++)
+            sum.text(v->params[p]);
+        for (int p = 0; p < v->paths_count && v->paths != nullptr; p++)
+            sum.text(v->paths[p]);
+    }
+    switch (e->type) {
+    case CFG_TYPE_INT: sum_links(sum, e->u.integer.allowed); break;
+    case CFG_TYPE_FLOAT: sum_links(sum, e->u.real.allowed); break;
+    case CFG_TYPE_STRING:
+        sum.text(e->u.string.regex).text(e->u.string.default_value);
+        sum_links(sum, e->u.string.allowed);
+        for (cfg_link *n = e->u.string.allowed; n != nullptr; n = n->next)
+            sum.text(static_cast<cfg_schema_allowed *>(n->data)->value.string_value);
+        break;
+    case CFG_TYPE_LIST: sum.text(e->u.list.element_type_name); break;
+    case CFG_TYPE_MAP: sum_members(sum, e->u.map); break;
+    case CFG_TYPE_IF:
+        sum_members(sum, e->u.cond.members);
+        sum.text(e->u.cond.path);
+        break;
+    default: break;
+    }
+}
+
+// The epoch memos of this context carry now; never zero.
+uint64_t memo_epoch(cfg *context)
+{
+    fingerprint sum;
+    sum.add(context).add(zr::validation_generation());
+    if (cfg_schema *schema = context->schema) {
+        sum.add(schema->root);
+        for (cfg_link *n = schema->types; n != nullptr; n = n->next) {
+            auto *type = static_cast<cfg_schema_type *>(n->data);
+            sum.add(type->uuid, sizeof type->uuid).text(type->name);
+        }
+        for (cfg_schema_index_entry *e = schema->elements; e != nullptr;
+             e = static_cast<cfg_schema_index_entry *>(e->hh.next))
+            if (e->element != nullptr)
+                sum.add(e->element).add(e->uuid, sizeof e->uuid), sum_schema_element(sum, e->element);
+    }
+    return sum.sum() | 1;
+}
+
+// The element's type, value and schema element, summed up.
+uint64_t element_fingerprint(const cfg_element *e, const cfg_schema_element *schema)
+{
+    fingerprint sum;
+    sum.add(e->type).add(schema);
+    switch (e->type) {
+    case CFG_TYPE_BOOL:
+    case CFG_TYPE_INT: sum.add(e->value.int_value); break;
+    case CFG_TYPE_FLOAT: sum.add(e->value.float_value); break;
+    case CFG_TYPE_STRING:
+    case CFG_TYPE_REFERENCE: sum.text(e->value.string_value); break;
+    case CFG_TYPE_BLOB:
+        sum.add(e->value.blob.size);
+        if (e->value.blob.data != nullptr)
+            sum.add(e->value.blob.data, e->value.blob.size);
+        break;
+    default: break;
+    }
+    return sum.sum();
+}
+
+// What one run knows of memos: the epoch, whether clean elements are passed
+// over, and the elements validated in depth so far, whose memos are written
+// if the run succeeds.
+class memo_run {
+  public:
+    memo_run(cfg *context, bool passes_over_clean)
+        : epoch_(memo_epoch(context)), passes_over_clean_(passes_over_clean)
+    {
+    }
+    bool passes_over_clean() const { return passes_over_clean_; }
+
+    // Whether element holds a memo for schema; see the rules above.
+    bool clean(cfg_element *element, const cfg_schema_element *schema) const
+    {
+        if (element == nullptr || schema == nullptr)
+            return false;
+        const zr::validation_memo &memo = zr::memo_of(element);
+        return memo.epoch == epoch_ && (element->flags & ~memo.flags) == 0 &&
+               memo.fingerprint == element_fingerprint(element, schema) &&
+               strncmp(element->schema, schema->uuid, CFG_UUID_SIZE) == 0;
+    }
+    // Marks that something validated from here on rests on what lies
+    // outside it: no memo for it, nor for anything that holds it.
+    void taint() { taints_++; }
+    size_t taints() const { return taints_; }
+    void validated(cfg_element *element, cfg_schema_element *schema)
+    {
+        validated_.emplace_back(element, schema);
+    }
+    // Writes the memos of the run, which succeeded.
+    void record()
+    {
+        for (const auto &[element, schema] : validated_)
+            zr::memo_of(element) = {epoch_, element_fingerprint(element, schema), element->flags};
+    }
+
+  private:
+    uint64_t epoch_;
+    bool passes_over_clean_;
+    size_t taints_ = 0;
+    std::vector<std::pair<cfg_element *, cfg_schema_element *>> validated_;
+};
 
 // The bookkeeping of a walk the library runs itself over a context whose
 // lookups answer from the local index. There, one uuid names one record for
@@ -111,6 +289,8 @@ class walk_marks {
                 visit(element);
     }
 
+    memo_run *memo = nullptr; // the run's memos, when it keeps any
+
   private:
     static constexpr uint64_t unseen = 0, unhandled = 1, handled = 2;
     uint64_t state(cfg_element *element) const
@@ -132,6 +312,13 @@ class walk_marks {
     size_t unhandled_count_ = 0;
     size_t checked_ = 0; // order_ before it holds no unhandled element
 };
+
+// The memos of the run vctx belongs to, or nullptr when it keeps none.
+memo_run *memo_for(const validation_context *vctx)
+{
+    walk_marks *marks = walk_marks::of(vctx);
+    return marks != nullptr ? marks->memo : nullptr;
+}
 
 // Whether every lookup of the context answers from its own index.
 bool lookups_are_local(const cfg *context)
@@ -339,6 +526,8 @@ int validate_key(validation_context *vctx, cfg *context, cfg_element *map,
     if (child_uuid != nullptr) {
         cfg_element *child = cfg_get_by_id(context, child_uuid);
         if (child == nullptr) {
+            if (memo_run *memo = memo_for(vctx))
+                memo->taint(); // the member may turn up later
             if (kind != required_keys)
                 return 1;
             cfg_message_add_missing_required(context, key, map->uuid);
@@ -363,12 +552,16 @@ int validate_key(validation_context *vctx, cfg *context, cfg_element *map,
 
 // Runs the custom validators of schema on element, registering each one's
 // trigger paths before it runs.
-int run_validators(cfg *context, cfg_element *element, cfg_schema_element *schema)
+int run_validators(validation_context *vctx, cfg *context, cfg_element *element,
+                   cfg_schema_element *schema)
 {
     for (int i = 0; i < schema->validators_count; i++) {
         cfg_schema_validator *validator = schema->validators[i];
         if (validator == nullptr)
             continue;
+        memo_run *memo = memo_for(vctx);
+        if (memo != nullptr && (validator->paths_count <= 0 || validator->paths == nullptr))
+            memo->taint(); // what it reads is not watched
         cfg_create_validator_triggers(context, element, validator);
         const char *name = validator->name != nullptr ? validator->name : "";
         cfg_validator_fn function = get_validator(name);
@@ -399,7 +592,10 @@ int validate_by_type(validation_context *vctx, cfg *context, cfg_element *elemen
     case CFG_TYPE_BLOB: return cfg_validate_blob(vctx, context, element, schema);
     case CFG_TYPE_LIST: return validate_list_in(vctx, context, element, schema, walk);
     case CFG_TYPE_MAP: return validate_map_in(vctx, context, element, schema, walk);
-    case CFG_TYPE_REFERENCE: return cfg_validate_reference(vctx, context, element, schema);
+    case CFG_TYPE_REFERENCE:
+        if (memo_run *memo = memo_for(vctx))
+            memo->taint(); // its target may go without the reference knowing
+        return cfg_validate_reference(vctx, context, element, schema);
     default: return 1;
     }
 }
@@ -421,6 +617,12 @@ int validate_node_in(validation_context *vctx, cfg *context, cfg_element *elemen
         cfg_message_add_wrong_type(context, element->uuid);
         return 0;
     }
+    memo_run *memo = memo_for(vctx);
+    const bool deep = !vctx->shallow;
+    if (memo != nullptr && memo->passes_over_clean() && deep && memo->clean(element, schema)) {
+        set_handled(vctx, element);
+        return 1;
+    }
     walk_fault fault = walk.enter_member(element, schema, created);
     if (fault != walk_fault::none) {
         schema_walk::report(context, fault, element);
@@ -428,11 +630,15 @@ int validate_node_in(validation_context *vctx, cfg *context, cfg_element *elemen
     }
     memcpy(element->schema, schema->uuid, CFG_UUID_SIZE);
     element->schema[CFG_UUID_SIZE - 1] = '\0';
+    const size_t taints = memo != nullptr ? memo->taints() : 0;
     int valid = validate_by_type(vctx, context, element, schema, walk) &&
-                run_validators(context, element, schema);
+                run_validators(vctx, context, element, schema);
     walk.leave();
-    if (valid)
+    if (valid) {
         set_handled(vctx, element);
+        if (memo != nullptr && deep && memo->taints() == taints)
+            memo->validated(element, schema);
+    }
     return valid;
 }
 
@@ -718,16 +924,22 @@ extern "C" int cfg_validate_data(cfg *context)
     if (vctx == nullptr)
         return 0;
     std::optional<walk_marks> marks;
-    if (lookups_are_local(context))
+    std::optional<memo_run> memo;
+    if (lookups_are_local(context)) {
         marks.emplace(vctx.get());
+        marks->memo = &memo.emplace(context, false);
+    }
     for (cfg_index_entry *e = context->elements; e != nullptr;
          e = static_cast<cfg_index_entry *>(e->hh.next))
         if (!(e->element->flags & CFG_FLAG_DELETED))
             add_unhandled(vctx.get(), e->element);
     if (!cfg_validate_node(vctx.get(), context, cfg_root(context), cfg_schema_root(context)))
         return 0;
-    if (first_unhandled(vctx.get()) == nullptr)
+    if (first_unhandled(vctx.get()) == nullptr) {
+        if (memo)
+            memo->record();
         return 1;
+    }
     auto report = [&](cfg_element *element) { report_unmatched(context, element, "[unknown]"); };
     if (marks)
         marks->each_unhandled(report);
@@ -744,19 +956,24 @@ extern "C" int cfg_validate_data(cfg *context)
 
 namespace {
 
-// The uuids of the elements to validate, each once, in the order added.
+// The uuids of the elements to validate, each once, in the order added, and
+// which of them a trigger named.
 class work_set {
   public:
-    void add(const char *uuid)
+    void add(const char *uuid, bool triggered = false)
     {
         if (members_.insert(uuid).second)
             order_.emplace_back(uuid);
+        if (triggered)
+            triggered_.insert(uuid);
     }
     const std::vector<std::string> &order() const { return order_; }
+    bool triggered(const std::string &uuid) const { return triggered_.count(uuid) != 0; }
 
   private:
     std::vector<std::string> order_;
     std::unordered_set<std::string> members_;
+    std::unordered_set<std::string> triggered_;
 };
 
 bool is_deleted(const cfg_element *element)
@@ -781,7 +998,7 @@ void follow_dependents(cfg *context, const cfg_trigger_entry &entry, cfg_link *d
         if (dependent == nullptr || is_deleted(dependent))
             emptied = trig::drop_dependent(context, entry, uuid.c_str());
         else
-            work.add(uuid.c_str());
+            work.add(uuid.c_str(), true);
     }
     if (emptied)
         trig::remove_record(context, entry);
@@ -890,14 +1107,34 @@ cfg_element *bound_element(validation_context *vctx, cfg *context, cfg_element *
     return element;
 }
 
+// Forgets the memos of every work element a trigger named or that is not
+// clean itself, and so of everything above them: what holds an element to
+// be validated again is never passed over.
+void forget_unclean_work(cfg *context, const work_set &work, const memo_run &memo)
+{
+    for (const std::string &uuid : work.order()) {
+        cfg_element *element = cfg_get_by_id(context, uuid.c_str());
+        if (element == nullptr)
+            continue;
+        if (work.triggered(uuid) ||
+            !memo.clean(element, cfg_get_schema_by_id(context, element->schema)))
+            zr::forget_validation(context, element);
+    }
+}
+
 // Validates the work set: the first element shallowly, every later one in
 // depth; stops at the first failure or leftover unhandled element.
 int validate_work(validation_context *vctx, cfg *context, const work_set &work)
 {
+    memo_run *memo = memo_for(vctx);
     for (const std::string &uuid : work.order()) {
         cfg_element *element = cfg_get_by_id(context, uuid.c_str());
         if (element == nullptr || is_deleted(element))
             continue;
+        if (memo != nullptr && memo->clean(element, cfg_get_schema_by_id(context, element->schema))) {
+            vctx->shallow = 0; // it would have been validated, shallowly if first
+            continue;
+        }
         element = bound_element(vctx, context, element);
         if (element == nullptr)
             return 0;
@@ -935,11 +1172,26 @@ extern "C" int cfg_validate_changed_data(cfg *context)
         if (element != nullptr && !examine_flagged(context, element, work))
             return 0;
     }
+    std::optional<memo_run> memo;
+    if (marks) {
+        marks->memo = &memo.emplace(context, true);
+        forget_unclean_work(context, work, *memo);
+    }
+    const zr::populated_fn populated = [&memo](cfg_element *element, cfg_schema_element *schema) {
+        return memo->clean(element, schema);
+    };
     for (const std::string &uuid : work.order()) {
         cfg_element *element = cfg_get_by_id(context, uuid.c_str());
-        if (element != nullptr && !is_deleted(element) &&
-            (element->type == CFG_TYPE_LIST || element->type == CFG_TYPE_MAP))
+        if (element == nullptr || is_deleted(element) ||
+            (element->type != CFG_TYPE_LIST && element->type != CFG_TYPE_MAP))
+            continue;
+        if (memo)
+            zr::populate_defaults_except(context, element, populated);
+        else
             cfg_populate_defaults(context, element, 0);
     }
-    return validate_work(vctx.get(), context, work);
+    int valid = validate_work(vctx.get(), context, work);
+    if (valid && memo)
+        memo->record();
+    return valid;
 }
