@@ -122,6 +122,11 @@ bool zr::looks_up_locally(const cfg *context)
     return context->get_by_id == cfg_find_by_id || context->get_by_id == client_cfg_get_by_id;
 }
 
+bool zr::lookups_are_local(const cfg *context)
+{
+    return context->get_by_id == cfg_find_by_id;
+}
+
 cfg_element *zr::local_answer(cfg *context, const char *uuid)
 {
     if (context->get_by_id == cfg_find_by_id)

@@ -14,6 +14,11 @@ const char *mapped_id(cfg *ctx, const char *id);
 // hooks, which answer a held uuid with the indexed element and nothing else.
 bool looks_up_locally(const cfg *context);
 
+// True when every lookup of the context answers from its own index and
+// loads nothing (the client's hook may fetch): records then stay put while
+// a walk runs.
+bool lookups_are_local(const cfg *context);
+
 // The element the context's hook answers uuid with from the local index;
 // null when there is none or the hook is not one of the library's own.
 cfg_element *local_answer(cfg *context, const char *uuid);

@@ -5,6 +5,7 @@
 // uuid and key, so independent runs over the same tree agree.
 #define ZR_SOURCE "src/defaults"
 #include "internal.h"
+#include "data.h"
 #include "defaults.h"
 #include "walk.h"
 
@@ -197,7 +198,8 @@ void populate_items(population &run, cfg_element *list, cfg_schema_element *sche
         const char *uuid = cfg_get_listelem(list, i);
         if (uuid == nullptr)
             break;
-        cfg_element *item = cfg_get_by_id(run.context, uuid);
+        // The list remembers what its members resolved to.
+        cfg_element *item = zr::list_member(run.context, list, static_cast<size_t>(i));
         if (item != nullptr)
             populate_node(run, item, item_schema);
     }

@@ -4,6 +4,7 @@
 // the flagged elements and what the trigger tables say depends on them.
 #define ZR_SOURCE "src/validation"
 #include "internal.h"
+#include "common.h"
 #include "data.h"
 #include "defaults.h"
 #include "triggers.h"
@@ -320,12 +321,6 @@ memo_run *memo_for(const validation_context *vctx)
     return marks != nullptr ? marks->memo : nullptr;
 }
 
-// Whether every lookup of the context answers from its own index.
-bool lookups_are_local(const cfg *context)
-{
-    return context->get_by_id == cfg_find_by_id;
-}
-
 // The first element of vctx left unaccounted for, or nullptr.
 cfg_element *first_unhandled(validation_context *vctx)
 {
@@ -498,10 +493,9 @@ cfg_schema_element *named_item_schema(cfg *context, cfg_schema_element *schema)
 // Checks one list item: against the named type's schema element when there
 // is one, otherwise by its type code alone.
 int validate_list_item(validation_context *vctx, cfg *context, cfg_element *list,
-                       const std::string &uuid, cfg_schema_element *item_schema, int item_type,
+                       cfg_element *item, cfg_schema_element *item_schema, int item_type,
                        schema_walk &walk)
 {
-    cfg_element *item = cfg_get_by_id(context, uuid.c_str());
     if (item == nullptr)
         return 0;
     if (item_schema != nullptr)
@@ -810,10 +804,24 @@ int validate_list_in(validation_context *vctx, cfg *context, cfg_element *list,
     }
     if (vctx->shallow)
         return 1;
+    if (zr::lookups_are_local(context)) {
+        // The list remembers what its members resolved to.
+        unsigned int count = 0;
+        cfg_list_size(list, &count);
+        for (unsigned int i = 0; i < count; i++)
+            if (!validate_list_item(vctx, context, list, zr::list_member(context, list, i),
+                                    item_schema, part.element_type, walk))
+                return 0;
+        for (const std::string &uuid : member_uuids(list->value.list.future_members))
+            if (!validate_list_item(vctx, context, list, cfg_get_by_id(context, uuid.c_str()),
+                                    item_schema, part.element_type, walk))
+                return 0;
+        return 1;
+    }
     for (cfg_link *head : {list->value.list.members, list->value.list.future_members})
         for (const std::string &uuid : member_uuids(head))
-            if (!validate_list_item(vctx, context, list, uuid, item_schema, part.element_type,
-                                    walk))
+            if (!validate_list_item(vctx, context, list, cfg_get_by_id(context, uuid.c_str()),
+                                    item_schema, part.element_type, walk))
                 return 0;
     return 1;
 }
@@ -896,7 +904,7 @@ extern "C" int cfg_validate_subtree(cfg *context, cfg_element *element)
     if (vctx == nullptr)
         return 0;
     std::optional<walk_marks> marks;
-    if (lookups_are_local(context))
+    if (zr::lookups_are_local(context))
         marks.emplace(vctx.get());
     cfg_schema_element *schema = cfg_get_schema_by_id(context, element->schema);
     return schema != nullptr ? cfg_validate_node(vctx.get(), context, element, schema) : 0;
@@ -925,7 +933,7 @@ extern "C" int cfg_validate_data(cfg *context)
         return 0;
     std::optional<walk_marks> marks;
     std::optional<memo_run> memo;
-    if (lookups_are_local(context)) {
+    if (zr::lookups_are_local(context)) {
         marks.emplace(vctx.get());
         marks->memo = &memo.emplace(context, false);
     }
@@ -1163,14 +1171,21 @@ extern "C" int cfg_validate_changed_data(cfg *context)
     if (vctx == nullptr)
         return 0;
     std::optional<walk_marks> marks;
-    if (lookups_are_local(context))
+    if (zr::lookups_are_local(context))
         marks.emplace(vctx.get());
     vctx->shallow = 1;
     work_set work;
-    for (const std::string &uuid : flagged_uuids(context)) {
-        cfg_element *element = cfg_find_by_id(context, uuid.c_str());
-        if (element != nullptr && !examine_flagged(context, element, work))
-            return 0;
+    if (marks) {
+        // Local lookups load nothing, so the flagged records stay put.
+        for (cfg_index_entry *entry : flagged_entries(context))
+            if (!examine_flagged(context, entry->element, work))
+                return 0;
+    } else {
+        for (const std::string &uuid : flagged_uuids(context)) {
+            cfg_element *element = cfg_find_by_id(context, uuid.c_str());
+            if (element != nullptr && !examine_flagged(context, element, work))
+                return 0;
+        }
     }
     std::optional<memo_run> memo;
     if (marks) {

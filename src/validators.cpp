@@ -2,6 +2,8 @@
 // custom validators with the elementary checks they are built from.
 #define ZR_SOURCE "src/validators"
 #include "internal.h"
+#include "common.h"
+#include "data.h"
 
 // ------------------------------------------------------------------------
 // Conditional evaluation
@@ -612,9 +614,14 @@ extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **p
         std::vector<std::string> uuids = custom::member_uuids(element);
         if (uuids.size() < 2)
             return 1;
+        // Under local lookups the list remembers what its members resolved to.
+        unsigned int remembered = 0;
+        if (zr::lookups_are_local(context))
+            cfg_list_size(element, &remembered);
         std::vector<std::string> texts;
-        for (const std::string &uuid : uuids) {
-            cfg_element *item = cfg_get_by_id(context, uuid.c_str());
+        for (size_t i = 0; i < uuids.size(); i++) {
+            cfg_element *item = i < remembered ? zr::list_member(context, element, i)
+                                               : cfg_get_by_id(context, uuids[i].c_str());
             if (custom::is_type(item, CFG_TYPE_STRING) && item->value.string_value != nullptr) {
                 texts.emplace_back(item->value.string_value);
                 continue;
