@@ -861,6 +861,10 @@ int validate_if_in(validation_context *vctx, cfg *context, cfg_element *map,
     if (!usable(vctx, context, map, if_schema))
         return 0;
     ZR_LOG_FOR("cfg_validate_if", LOG_DEBUG, "Validating %s as if\n", map->uuid);
+    const char *tested = if_schema->type == CFG_TYPE_IF ? if_schema->u.cond.path : nullptr;
+    memo_run *memo = memo_for(vctx);
+    if (memo != nullptr && (tested == nullptr || tested[0] != '.'))
+        memo->taint(); // it tests what lies outside the map
     if (!evaluate_if(context, map, if_schema))
         return 1;
     walk_fault fault = walk.enter_conditional(map, if_schema);

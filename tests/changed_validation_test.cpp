@@ -210,3 +210,76 @@ TEST(ChangedData, FlaggedElementsAreTakenInIndexOrder)
             seen.push_back(l.message);
     EXPECT_EQ(seen, expected);
 }
+
+namespace {
+
+// The appliance right after a full validation, its flags left standing: the
+// defaults it made are new, the maps that took them changed.
+struct freshly_validated : appliance {
+    freshly_validated()
+    {
+        EXPECT_EQ(cfg_validate_data(ctx()), 1) << testing::PrintToString(messages());
+        log.lines.clear();
+    }
+};
+
+struct standing_flags_case {
+    const char *what;
+    void (*edit)(freshly_validated &);
+    int valid;
+    texts messages;
+};
+
+} // namespace
+
+// A full validation remembers what it found valid; the next changed-data
+// validation must still judge every edit made since, by the library or
+// behind its back, the way a walk over everything flagged would.
+TEST(ChangedData, StandingFlagsAfterFullValidationStillJudgeEveryEdit)
+{
+    const standing_flags_case cases[] = {
+        {"no edit", [](freshly_validated &) {}, 1, {}},
+        {"default value changed behind the library's back, its flag unchanged",
+         [](freshly_validated &a) { a.member(a.conn1, "mtu")->value.int_value = 100; }, 0,
+         {"Number is outside the allowed range of 576-9000."}},
+        {"required member dropped from a map flagged by the validation",
+         [](freshly_validated &a) { cfg_map_delete_key(a.ctx(), a.conn1, "name"); }, 0,
+         {"Required field 'name' is not present"}},
+        {"required member dropped from an unflagged map",
+         [](freshly_validated &a) { cfg_map_delete_key(a.ctx(), a.conn2, "name"); }, 0,
+         {"Required field 'name' is not present"}},
+        {"duplicate name, watched by the list's validator",
+         [](freshly_validated &a) { cfg_set_string(a.ctx(), a.member(a.conn2, "name"), "wan"); },
+         0, {"Duplicate 'name' fields with value 'wan'"}},
+        {"member replaced below a map by a value of the wrong type",
+         [](freshly_validated &a) { cfg_set_string(a.ctx(), a.member(a.user2, "uid"), "x"); }, 0,
+         {"Element [user-uid-2] is of the wrong type"}},
+    };
+    for (const standing_flags_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        freshly_validated a;
+        c.edit(a);
+        EXPECT_EQ(cfg_validate_changed_data(a.ctx()), c.valid);
+        EXPECT_EQ(a.messages(), c.messages);
+    }
+}
+
+// Raising the log level (a default the full validation made, so new) turns
+// on a conditional that every connection tests through "^^^": conn-1, which
+// that validation flagged, is populated and validated again although
+// nothing below it changed. (conn-2 is neither flagged nor triggered: a new
+// element wakes the records that watch its path, not its uuid.)
+TEST(ChangedData, MapTestingOutsideItselfIsNotPassedOver)
+{
+    freshly_validated a;
+    cfg_set_int(a.ctx(), a.member(a.system, "loglevel"), 7);
+    EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 1) << testing::PrintToString(a.messages());
+    EXPECT_NE(a.member(a.conn1, "trace"), nullptr);
+    EXPECT_EQ(a.member(a.conn2, "trace"), nullptr);
+    // The next run still judges a fault set behind the library's back.
+    cfg_element *trace = a.member(a.conn1, "trace");
+    trace->type = CFG_TYPE_INT;
+    trace->flags |= CFG_FLAG_CHANGED;
+    EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 0);
+    EXPECT_EQ(a.messages(), texts{"Element [" + std::string(trace->uuid) + "] is of the wrong type"});
+}
