@@ -13,9 +13,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <pcre.h>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -974,17 +976,19 @@ class work_set {
   public:
     void add(const char *uuid, bool triggered = false)
     {
-        if (members_.insert(uuid).second)
-            order_.emplace_back(uuid);
+        std::string_view key(uuid);
+        if (members_.count(key) == 0)
+            members_.insert(order_.emplace_back(key));
         if (triggered)
-            triggered_.insert(uuid);
+            triggered_.emplace(key);
     }
-    const std::vector<std::string> &order() const { return order_; }
+    // Kept in a deque, whose elements never move: the set views them.
+    const std::deque<std::string> &order() const { return order_; }
     bool triggered(const std::string &uuid) const { return triggered_.count(uuid) != 0; }
 
   private:
-    std::vector<std::string> order_;
-    std::unordered_set<std::string> members_;
+    std::deque<std::string> order_;
+    std::unordered_set<std::string_view> members_;
     std::unordered_set<std::string> triggered_;
 };
 
