@@ -986,8 +986,24 @@ class work_set {
     const std::deque<std::string> &order() const { return order_; }
     bool triggered(const std::string &uuid) const { return triggered_.count(uuid) != 0; }
 
+    // The element of every id in order, looked up once: for a context whose
+    // lookups are local, where records stay put while the run goes on.
+    void resolve(cfg *context)
+    {
+        resolved_.clear();
+        for (const std::string &uuid : order_)
+            resolved_.push_back(cfg_get_by_id(context, uuid.c_str()));
+    }
+    // The element of the position-th id: resolved, or looked up now.
+    cfg_element *element(cfg *context, size_t position) const
+    {
+        return position < resolved_.size() ? resolved_[position]
+                                           : cfg_get_by_id(context, order_[position].c_str());
+    }
+
   private:
     std::deque<std::string> order_;
+    std::vector<cfg_element *> resolved_;
     std::unordered_set<std::string_view> members_;
     std::unordered_set<std::string> triggered_;
 };
@@ -1128,11 +1144,11 @@ cfg_element *bound_element(validation_context *vctx, cfg *context, cfg_element *
 // be validated again is never passed over.
 void forget_unclean_work(cfg *context, const work_set &work, const memo_run &memo)
 {
-    for (const std::string &uuid : work.order()) {
-        cfg_element *element = cfg_get_by_id(context, uuid.c_str());
+    for (size_t i = 0; i < work.order().size(); i++) {
+        cfg_element *element = work.element(context, i);
         if (element == nullptr)
             continue;
-        if (work.triggered(uuid) ||
+        if (work.triggered(work.order()[i]) ||
             !memo.clean(element, cfg_get_schema_by_id(context, element->schema)))
             zr::forget_validation(context, element);
     }
@@ -1143,8 +1159,8 @@ void forget_unclean_work(cfg *context, const work_set &work, const memo_run &mem
 int validate_work(validation_context *vctx, cfg *context, const work_set &work)
 {
     memo_run *memo = memo_for(vctx);
-    for (const std::string &uuid : work.order()) {
-        cfg_element *element = cfg_get_by_id(context, uuid.c_str());
+    for (size_t i = 0; i < work.order().size(); i++) {
+        cfg_element *element = work.element(context, i);
         if (element == nullptr || is_deleted(element))
             continue;
         if (memo != nullptr && memo->clean(element, cfg_get_schema_by_id(context, element->schema))) {
@@ -1198,13 +1214,14 @@ extern "C" int cfg_validate_changed_data(cfg *context)
     std::optional<memo_run> memo;
     if (marks) {
         marks->memo = &memo.emplace(context, true);
+        work.resolve(context);
         forget_unclean_work(context, work, *memo);
     }
     const zr::populated_fn populated = [&memo](cfg_element *element, cfg_schema_element *schema) {
         return memo->clean(element, schema);
     };
-    for (const std::string &uuid : work.order()) {
-        cfg_element *element = cfg_get_by_id(context, uuid.c_str());
+    for (size_t i = 0; i < work.order().size(); i++) {
+        cfg_element *element = work.element(context, i);
         if (element == nullptr || is_deleted(element) ||
             (element->type != CFG_TYPE_LIST && element->type != CFG_TYPE_MAP))
             continue;
