@@ -1062,15 +1062,119 @@ bool follow_patterns(cfg *context, const char *changed, const std::string &path,
     return true;
 }
 
+// The static paths of the flagged elements of one run, each built from its
+// parent's, as zr::triggers::static_path gives them: for a context whose
+// lookups are local, where the tree stays put while they are examined.
+// Every element of a kept path's chain is kept too, so a chain that meets
+// itself is found within one climb.
+class static_paths {
+  public:
+    explicit static_paths(cfg *context) : context_(context) {}
+
+    // The path of element. Only the elements above others are kept: a
+    // flagged leaf is written from its parent's path and forgotten.
+    bool of(cfg_element *element, std::string &out)
+    {
+        known leaf;
+        const known *found = find(element);
+        if (found == nullptr) {
+            cfg_element *parent = above(element);
+            const known *top = parent != nullptr ? &entry(parent) : nullptr;
+            if (find(element) != nullptr)
+                return false; // the climb from its parent came back to it
+            leaf = render(element, top);
+            found = &leaf;
+        }
+        const known &path = *found;
+        if (!path.ok)
+            return false;
+        if (element->uuid[0] != '{') {
+            out = path.path;
+            return true;
+        }
+        std::string full = std::string(element->uuid) + ":" + path.path;
+        out = full.substr(full.find(':') + 1);
+        return true;
+    }
+
+  private:
+    struct known {
+        bool ok = false; // false: the path cannot be written (a cycle, a bad component)
+        bool list = false;
+        std::string path;
+    };
+
+    const known *find(const cfg_element *element) const
+    {
+        auto found = known_.find(element);
+        return found != known_.end() ? &found->second : nullptr;
+    }
+
+    // The element above element on its path, or nullptr at the top.
+    cfg_element *above(cfg_element *element)
+    {
+        cfg_parent_link *link = cfg_get_most_solid_parent_link(element);
+        cfg_element *parent = link != nullptr ? cfg_get_by_id(context_, link->uuid) : nullptr;
+        return parent != nullptr && strcmp(parent->uuid, "root-1") != 0 ? parent : nullptr;
+    }
+
+    const known &entry(cfg_element *element)
+    {
+        std::vector<cfg_element *> climbed;
+        const known *top = nullptr;
+        for (cfg_element *at = element; at != nullptr; at = above(at)) {
+            if (auto found = known_.find(at); found != known_.end()) {
+                top = &found->second;
+                break;
+            }
+            if (std::find(climbed.begin(), climbed.end(), at) != climbed.end()) {
+                for (cfg_element *e : climbed)
+                    known_[e] = known{};
+                return known_[element];
+            }
+            climbed.push_back(at);
+        }
+        for (size_t i = climbed.size(); i-- > 0;) {
+            known &made = known_[climbed[i]];
+            made = render(climbed[i], top);
+            top = &made;
+        }
+        return *top;
+    }
+
+    known render(cfg_element *element, const known *parent)
+    {
+        known made;
+        made.list = element->type == CFG_TYPE_LIST;
+        char component[1024];
+        int length = cfg_get_path_basename(context_, element, CFG_PATH_STATIC, component,
+                                           sizeof component);
+        if (length <= 0 || length > 1023 || (parent != nullptr && !parent->ok))
+            return made;
+        if (parent != nullptr)
+            made.path = parent->path + (parent->list ? "" : ".");
+        made.path += component;
+        made.ok = true;
+        return made;
+    }
+
+    cfg *context_;
+    std::unordered_map<const cfg_element *, known> known_;
+};
+
 // Looks at one flagged element: queues it when new or changed, follows the
 // triggers that watch it, and forgets its own registrations when deleted.
-bool examine_flagged(cfg *context, cfg_element *element, work_set &work)
+// paths, when given, knows the static paths.
+bool examine_flagged(cfg *context, cfg_element *element, work_set &work, static_paths *paths)
 {
     const std::string uuid = element->uuid;
     if ((element->flags & (CFG_FLAG_NEW | CFG_FLAG_CHANGED)) && !is_deleted(element))
         work.add(uuid.c_str());
     std::string path;
-    trig::static_path(context, element, path);
+    if (paths != nullptr)
+        paths->of(element, path);
+    else
+        trig::static_path(context, element, path);
     ZR_LOG_FOR("cfg_validate_changed_data", LOG_DEBUG, "Validating %s", path.c_str());
     if (!follow_patterns(context, uuid.c_str(), path, work))
         return false;
@@ -1201,13 +1305,14 @@ extern "C" int cfg_validate_changed_data(cfg *context)
     work_set work;
     if (marks) {
         // Local lookups load nothing, so the flagged records stay put.
+        static_paths paths(context);
         for (cfg_index_entry *entry : flagged_entries(context))
-            if (!examine_flagged(context, entry->element, work))
+            if (!examine_flagged(context, entry->element, work, &paths))
                 return 0;
     } else {
         for (const std::string &uuid : flagged_uuids(context)) {
             cfg_element *element = cfg_find_by_id(context, uuid.c_str());
-            if (element != nullptr && !examine_flagged(context, element, work))
+            if (element != nullptr && !examine_flagged(context, element, work, nullptr))
                 return 0;
         }
     }
