@@ -170,9 +170,10 @@ template <typename R> R *find_record(cfg *context, const char *key)
 {
     if (context == nullptr || key == nullptr)
         return nullptr;
-    std::string wanted = bounded(key, sizeof(R::key));
+    // Keys are stored cut to the field, and found by their text's length.
+    size_t length = strnlen(key, sizeof(R::key) - 1);
     R *record = nullptr;
-    HASH_FIND_STR(table_of<R>(context), wanted.c_str(), record);
+    HASH_FIND(hh, table_of<R>(context), key, length, record);
     return record;
 }
 

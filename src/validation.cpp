@@ -81,14 +81,13 @@ bool add_entry(cfg_index_entry *&map, cfg_element *element)
 // trigger names or that is not clean itself, so an element is passed over
 // only when nothing at or below it is to be validated again.
 
-// 64-bit FNV-1a, fed piece by piece.
+// A 64-bit sum fed piece by piece: each piece's hash folded in FNV-style.
 class fingerprint {
   public:
     fingerprint &add(const void *data, size_t size)
     {
-        const auto *bytes = static_cast<const unsigned char *>(data);
-        for (size_t i = 0; i < size; i++)
-            sum_ = (sum_ ^ bytes[i]) * 0x100000001b3ull;
+        std::string_view bytes(static_cast<const char *>(data), size);
+        sum_ = (sum_ ^ std::hash<std::string_view>{}(bytes)) * 0x100000001b3ull;
         return *this;
     }
     template <typename T> fingerprint &add(const T &value) { return add(&value, sizeof value); }
@@ -237,6 +236,69 @@ class memo_run {
     std::vector<std::pair<cfg_element *, cfg_schema_element *>> validated_;
 };
 
+// The members of the maps a walk is in, as the first pass over each map
+// (adding them as unaccounted for) resolved them, so that checking its keys
+// next, and its conditionals, asks the index no second time. For contexts
+// whose lookups are local, where no member moves while the walk runs; a
+// member added since is looked up as before.
+class map_members {
+  public:
+    struct member {
+        const char *uuid; // the link record's own id field
+        cfg_element *element;
+    };
+
+    // Resolves map's members on a new frame; a frame of the same map below
+    // (a conditional's pass over it) lends what it resolved.
+    const std::vector<member> &enter(cfg *context, cfg_element *map)
+    {
+        if (depth_ == frames_.size())
+            frames_.emplace_back();
+        frame &made = frames_[depth_];
+        const frame *outer = depth_ > 0 && frames_[depth_ - 1].map == map ? &frames_[depth_ - 1]
+                                                                       : nullptr;
+        depth_++;
+        made.map = map;
+        made.members.clear();
+        size_t i = 0;
+        for (cfg_link *n = map->value.map.members; n != nullptr; n = n->next, i++) {
+            const char *uuid = static_cast<cfg_parent_link *>(n->data)->uuid;
+            cfg_element *element = outer != nullptr && i < outer->members.size() &&
+                                           outer->members[i].uuid == uuid
+                                       ? outer->members[i].element
+                                       : cfg_get_by_id(context, uuid);
+            made.members.push_back({uuid, element});
+        }
+        return made.members;
+    }
+    void leave() { depth_--; }
+
+    // The element of map's member whose id field is uuid, when the current
+    // frame knows it (small maps only: it is searched in order).
+    bool find(const cfg_element *map, const char *uuid, cfg_element *&out) const
+    {
+        if (depth_ == 0 || frames_[depth_ - 1].map != map)
+            return false;
+        const std::vector<member> &members = frames_[depth_ - 1].members;
+        if (members.size() > 32)
+            return false;
+        for (const member &m : members)
+            if (m.uuid == uuid) {
+                out = m.element;
+                return true;
+            }
+        return false;
+    }
+
+  private:
+    struct frame {
+        const cfg_element *map = nullptr;
+        std::vector<member> members;
+    };
+    std::vector<frame> frames_; // kept, with their room, as the walk goes up and down
+    size_t depth_ = 0;
+};
+
 // The bookkeeping of a walk the library runs itself over a context whose
 // lookups answer from the local index. There, one uuid names one record for
 // the whole walk (nothing is fetched, replaced or freed while it runs), so
@@ -293,6 +355,7 @@ class walk_marks {
     }
 
     memo_run *memo = nullptr; // the run's memos, when it keeps any
+    map_members members;
 
   private:
     static constexpr uint64_t unseen = 0, unhandled = 1, handled = 2;
@@ -520,7 +583,10 @@ int validate_key(validation_context *vctx, cfg *context, cfg_element *map,
     cfg_schema_element *key_schema =
         key_schema_uuid != nullptr ? cfg_get_schema_by_id(context, key_schema_uuid) : nullptr;
     if (child_uuid != nullptr) {
-        cfg_element *child = cfg_get_by_id(context, child_uuid);
+        cfg_element *child = nullptr;
+        walk_marks *marks = walk_marks::of(vctx);
+        if (marks == nullptr || !marks->members.find(map, child_uuid, child))
+            child = cfg_get_by_id(context, child_uuid);
         if (child == nullptr) {
             if (memo_run *memo = memo_for(vctx))
                 memo->taint(); // the member may turn up later
@@ -830,6 +896,8 @@ int validate_list_in(validation_context *vctx, cfg *context, cfg_element *list,
 
 int validate_if_in(validation_context *vctx, cfg *context, cfg_element *map,
                    cfg_schema_element *if_schema, schema_walk &walk);
+int validate_map_keys(validation_context *vctx, cfg *context, cfg_element *map,
+                      cfg_schema_element *schema, cfg_schema_members *members, schema_walk &walk);
 
 int validate_map_in(validation_context *vctx, cfg *context, cfg_element *map,
                     cfg_schema_element *schema, schema_walk &walk)
@@ -840,8 +908,23 @@ int validate_map_in(validation_context *vctx, cfg *context, cfg_element *map,
     cfg_schema_members *members = members_of(schema);
     if (members == nullptr)
         return 0;
+    if (walk_marks *marks = walk_marks::of(vctx)) {
+        for (const map_members::member &m : marks->members.enter(context, map))
+            add_unhandled(vctx, m.element);
+        int valid = validate_map_keys(vctx, context, map, schema, members, walk);
+        marks->members.leave();
+        return valid;
+    }
     for (const std::string &uuid : member_uuids(map->value.map.members))
         add_unhandled(vctx, cfg_get_by_id(context, uuid.c_str()));
+    return validate_map_keys(vctx, context, map, schema, members, walk);
+}
+
+// The keys of every kind of a map or if schema element, then its
+// conditionals, checked against map.
+int validate_map_keys(validation_context *vctx, cfg *context, cfg_element *map,
+                      cfg_schema_element *schema, cfg_schema_members *members, schema_walk &walk)
+{
     for (int kind : key_order)
         for (cfg_link *n = keys_of_kind(members, kind); n != nullptr; n = n->next) {
             const char *key = static_cast<cfg_schema_mapid *>(n->data)->key;
