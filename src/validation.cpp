@@ -1,7 +1,9 @@
 // Validation: the validation context of one walk (elements still to check,
-// elements seen), node validation by type with the walk's cycle guards, full
-// validation of the tree, and changed-data validation, which validates only
-// the flagged elements and what the trigger tables say depends on them.
+// elements seen; kept as marks beside the records when lookups are local),
+// node validation by type with the walk's cycle guards, full validation of
+// the tree, and changed-data validation, which validates only the flagged
+// elements and what the trigger tables say depends on them, passing over
+// what an earlier successful run found valid and nothing changed since.
 #define ZR_SOURCE "src/validation"
 #include "internal.h"
 #include "common.h"
