@@ -1195,12 +1195,20 @@ class static_paths {
         return found != known_.end() ? &found->second : nullptr;
     }
 
-    // The element above element on its path, or nullptr at the top.
+    // The element above element on its path, or nullptr at the top. Flagged
+    // siblings often follow each other, so the last parent found is kept.
     cfg_element *above(cfg_element *element)
     {
         cfg_parent_link *link = cfg_get_most_solid_parent_link(element);
-        cfg_element *parent = link != nullptr ? cfg_get_by_id(context_, link->uuid) : nullptr;
-        return parent != nullptr && strcmp(parent->uuid, "root-1") != 0 ? parent : nullptr;
+        if (link == nullptr)
+            return nullptr;
+        cfg_element *parent = last_parent_ != nullptr && strcmp(last_parent_->uuid, link->uuid) == 0
+                                  ? last_parent_
+                                  : cfg_get_by_id(context_, link->uuid);
+        if (parent == nullptr)
+            return nullptr;
+        last_parent_ = parent;
+        return strcmp(parent->uuid, "root-1") != 0 ? parent : nullptr;
     }
 
     const known &entry(cfg_element *element)
@@ -1244,6 +1252,7 @@ class static_paths {
     }
 
     cfg *context_;
+    cfg_element *last_parent_ = nullptr;
     std::unordered_map<const cfg_element *, known> known_;
 };
 
