@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <deque>
 #include <optional>
 #include <pcre.h>
 #include <string>
@@ -1055,42 +1054,47 @@ extern "C" int cfg_validate_data(cfg *context)
 
 namespace {
 
-// The uuids of the elements to validate, each once, in the order added, and
-// which of them a trigger named.
+// The elements to validate, each once, in the order added, and which of
+// them a trigger named. For a context whose lookups are local (records stay
+// put while the run goes on) they are held as the records found; otherwise
+// as copies of the ids they were found by, looked up again when needed.
 class work_set {
   public:
-    void add(const char *uuid, bool triggered = false)
-    {
-        std::string_view key(uuid);
-        if (members_.count(key) == 0)
-            members_.insert(order_.emplace_back(key));
-        if (triggered)
-            triggered_.emplace(key);
-    }
-    // Kept in a deque, whose elements never move: the set views them.
-    const std::deque<std::string> &order() const { return order_; }
-    bool triggered(const std::string &uuid) const { return triggered_.count(uuid) != 0; }
+    explicit work_set(bool local) : local_(local) {}
 
-    // The element of every id in order, looked up once: for a context whose
-    // lookups are local, where records stay put while the run goes on.
-    void resolve(cfg *context)
+    // Adds element, just found by uuid.
+    void add(const char *uuid, cfg_element *element, bool triggered = false)
     {
-        resolved_.clear();
-        for (const std::string &uuid : order_)
-            resolved_.push_back(cfg_get_by_id(context, uuid.c_str()));
+        size_t position = local_ ? place(records_, element, element)
+                                 : place(ids_, std::string(uuid), std::string(uuid));
+        if (triggered)
+            triggered_.insert(position);
     }
-    // The element of the position-th id: resolved, or looked up now.
+    size_t size() const { return local_ ? records_.order.size() : ids_.order.size(); }
+    bool triggered(size_t position) const { return triggered_.count(position) != 0; }
     cfg_element *element(cfg *context, size_t position) const
     {
-        return position < resolved_.size() ? resolved_[position]
-                                           : cfg_get_by_id(context, order_[position].c_str());
+        return local_ ? records_.order[position]
+                      : cfg_get_by_id(context, ids_.order[position].c_str());
     }
 
   private:
-    std::deque<std::string> order_;
-    std::vector<cfg_element *> resolved_;
-    std::unordered_set<std::string_view> members_;
-    std::unordered_set<std::string> triggered_;
+    template <typename T> struct ordered {
+        std::vector<T> order;
+        std::unordered_map<T, size_t> position;
+    };
+    template <typename T> static size_t place(ordered<T> &set, const T &key, T value)
+    {
+        auto [at, fresh] = set.position.try_emplace(key, set.order.size());
+        if (fresh)
+            set.order.push_back(std::move(value));
+        return at->second;
+    }
+
+    bool local_;
+    ordered<cfg_element *> records_;
+    ordered<std::string> ids_;
+    std::unordered_set<size_t> triggered_;
 };
 
 bool is_deleted(const cfg_element *element)
@@ -1115,7 +1119,7 @@ void follow_dependents(cfg *context, const cfg_trigger_entry &entry, cfg_link *d
         if (dependent == nullptr || is_deleted(dependent))
             emptied = trig::drop_dependent(context, entry, uuid.c_str());
         else
-            work.add(uuid.c_str(), true);
+            work.add(uuid.c_str(), dependent, true);
     }
     if (emptied)
         trig::remove_record(context, entry);
@@ -1263,7 +1267,7 @@ bool examine_flagged(cfg *context, cfg_element *element, work_set &work, static_
 {
     const std::string uuid = element->uuid;
     if ((element->flags & (CFG_FLAG_NEW | CFG_FLAG_CHANGED)) && !is_deleted(element))
-        work.add(uuid.c_str());
+        work.add(uuid.c_str(), element);
     std::string path;
     if (paths != nullptr)
         paths->of(element, path);
@@ -1342,11 +1346,11 @@ cfg_element *bound_element(validation_context *vctx, cfg *context, cfg_element *
 // be validated again is never passed over.
 void forget_unclean_work(cfg *context, const work_set &work, const memo_run &memo)
 {
-    for (size_t i = 0; i < work.order().size(); i++) {
+    for (size_t i = 0; i < work.size(); i++) {
         cfg_element *element = work.element(context, i);
         if (element == nullptr)
             continue;
-        if (work.triggered(work.order()[i]) ||
+        if (work.triggered(i) ||
             !memo.clean(element, cfg_get_schema_by_id(context, element->schema)))
             zr::forget_validation(context, element);
     }
@@ -1357,7 +1361,7 @@ void forget_unclean_work(cfg *context, const work_set &work, const memo_run &mem
 int validate_work(validation_context *vctx, cfg *context, const work_set &work)
 {
     memo_run *memo = memo_for(vctx);
-    for (size_t i = 0; i < work.order().size(); i++) {
+    for (size_t i = 0; i < work.size(); i++) {
         cfg_element *element = work.element(context, i);
         if (element == nullptr || is_deleted(element))
             continue;
@@ -1396,7 +1400,7 @@ extern "C" int cfg_validate_changed_data(cfg *context)
     if (zr::lookups_are_local(context))
         marks.emplace(vctx.get());
     vctx->shallow = 1;
-    work_set work;
+    work_set work(marks.has_value());
     if (marks) {
         // Local lookups load nothing, so the flagged records stay put.
         static_paths paths(context);
@@ -1413,13 +1417,12 @@ extern "C" int cfg_validate_changed_data(cfg *context)
     std::optional<memo_run> memo;
     if (marks) {
         marks->memo = &memo.emplace(context, true);
-        work.resolve(context);
         forget_unclean_work(context, work, *memo);
     }
     const zr::populated_fn populated = [&memo](cfg_element *element, cfg_schema_element *schema) {
         return memo->clean(element, schema);
     };
-    for (size_t i = 0; i < work.order().size(); i++) {
+    for (size_t i = 0; i < work.size(); i++) {
         cfg_element *element = work.element(context, i);
         if (element == nullptr || is_deleted(element) ||
             (element->type != CFG_TYPE_LIST && element->type != CFG_TYPE_MAP))
