@@ -306,7 +306,8 @@ class map_members {
 // the two uuid maps of the validation context can be kept as a mark beside
 // each record instead: the walk's serial and the element's state. The maps
 // stay empty meanwhile; the elements left unaccounted for are found, in the
-// order they were added, through the list kept here.
+// order they were added, through the list kept here. Changed-data
+// validation notes in the same mark which elements its work set holds.
 class walk_marks {
   public:
     explicit walk_marks(validation_context *vctx)
@@ -348,6 +349,16 @@ class walk_marks {
             checked_++;
         return order_[checked_];
     }
+    // Notes element as held by the work set (and named by a trigger, when
+    // triggered); true the first time.
+    bool join_work(cfg_element *element, bool triggered)
+    {
+        uint64_t now = bits(element);
+        set_bits(element, now | in_work | (triggered ? triggered_bit : 0));
+        return (now & in_work) == 0;
+    }
+    bool triggered(cfg_element *element) const { return (bits(element) & triggered_bit) != 0; }
+
     template <typename Visit> void each_unhandled(Visit visit)
     {
         for (cfg_element *element : order_)
@@ -359,15 +370,23 @@ class walk_marks {
     map_members members;
 
   private:
-    static constexpr uint64_t unseen = 0, unhandled = 1, handled = 2;
-    uint64_t state(cfg_element *element) const
+    // A mark is the serial, then four bits: the state (two), in the work
+    // set, named by a trigger.
+    static constexpr uint64_t unseen = 0, unhandled = 1, handled = 2, state_bits = 3,
+                              in_work = 4, triggered_bit = 8, serial_shift = 4;
+    uint64_t bits(cfg_element *element) const
     {
         uint64_t mark = zr::walk_mark(element);
-        return mark >> 2 == serial_ ? mark & 3 : unseen;
+        return mark >> serial_shift == serial_ ? mark & 15 : 0;
     }
+    void set_bits(cfg_element *element, uint64_t value)
+    {
+        zr::walk_mark(element) = serial_ << serial_shift | value;
+    }
+    uint64_t state(cfg_element *element) const { return bits(element) & state_bits; }
     void set_state(cfg_element *element, uint64_t value)
     {
-        zr::walk_mark(element) = serial_ << 2 | value;
+        set_bits(element, (bits(element) & ~state_bits) | value);
     }
 
     static inline thread_local walk_marks *active = nullptr;
@@ -1056,45 +1075,45 @@ namespace {
 
 // The elements to validate, each once, in the order added, and which of
 // them a trigger named. For a context whose lookups are local (records stay
-// put while the run goes on) they are held as the records found; otherwise
-// as copies of the ids they were found by, looked up again when needed.
+// put while the run goes on) they are held as the records found, marked as
+// held in the walk's marks; otherwise as copies of the ids they were found
+// by, looked up again when needed.
 class work_set {
   public:
-    explicit work_set(bool local) : local_(local) {}
+    explicit work_set(walk_marks *marks) : marks_(marks) {}
 
     // Adds element, just found by uuid.
     void add(const char *uuid, cfg_element *element, bool triggered = false)
     {
-        size_t position = local_ ? place(records_, element, element)
-                                 : place(ids_, std::string(uuid), std::string(uuid));
+        if (marks_ != nullptr) {
+            if (marks_->join_work(element, triggered))
+                records_.push_back(element);
+            return;
+        }
+        auto [at, fresh] = positions_.try_emplace(uuid, ids_.size());
+        if (fresh)
+            ids_.emplace_back(uuid);
         if (triggered)
-            triggered_.insert(position);
+            triggered_ids_.insert(at->second);
     }
-    size_t size() const { return local_ ? records_.order.size() : ids_.order.size(); }
-    bool triggered(size_t position) const { return triggered_.count(position) != 0; }
+    size_t size() const { return marks_ != nullptr ? records_.size() : ids_.size(); }
+    bool triggered(size_t position) const
+    {
+        return marks_ != nullptr ? marks_->triggered(records_[position])
+                                 : triggered_ids_.count(position) != 0;
+    }
     cfg_element *element(cfg *context, size_t position) const
     {
-        return local_ ? records_.order[position]
-                      : cfg_get_by_id(context, ids_.order[position].c_str());
+        return marks_ != nullptr ? records_[position]
+                                 : cfg_get_by_id(context, ids_[position].c_str());
     }
 
   private:
-    template <typename T> struct ordered {
-        std::vector<T> order;
-        std::unordered_map<T, size_t> position;
-    };
-    template <typename T> static size_t place(ordered<T> &set, const T &key, T value)
-    {
-        auto [at, fresh] = set.position.try_emplace(key, set.order.size());
-        if (fresh)
-            set.order.push_back(std::move(value));
-        return at->second;
-    }
-
-    bool local_;
-    ordered<cfg_element *> records_;
-    ordered<std::string> ids_;
-    std::unordered_set<size_t> triggered_;
+    walk_marks *marks_;
+    std::vector<cfg_element *> records_;
+    std::vector<std::string> ids_;
+    std::unordered_map<std::string, size_t> positions_;
+    std::unordered_set<size_t> triggered_ids_;
 };
 
 bool is_deleted(const cfg_element *element)
@@ -1400,7 +1419,7 @@ extern "C" int cfg_validate_changed_data(cfg *context)
     if (zr::lookups_are_local(context))
         marks.emplace(vctx.get());
     vctx->shallow = 1;
-    work_set work(marks.has_value());
+    work_set work(marks ? &*marks : nullptr);
     if (marks) {
         // Local lookups load nothing, so the flagged records stay put.
         static_paths paths(context);
