@@ -3,8 +3,6 @@
 #include "context.h"
 #include "daemon_process.h"
 
-#include <cstring>
-
 namespace zrtest {
 namespace {
 
@@ -82,54 +80,6 @@ TEST_F(Zrcfg, ValidationFailurePrintsThePathAndCommitsNothing)
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("error: system.hostname: "), std::string::npos) << r.err;
     EXPECT_EQ(value_at(d, "network.conns[1].mtu"), "1500\n");
-}
-
-TEST_F(Zrcfg, AnotherSessionsLockRefusesThePush)
-{
-    daemon_process d;
-    client holder(d);
-    ASSERT_EQ(cfg_lock(holder, 1), 1);
-    run_result r = zrcfg(d, {"set", "system.hostname", "fw2"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("error: "), std::string::npos);
-    EXPECT_EQ(value_at(d, "system.hostname"), "fw1\n");
-}
-
-// The answer to request from the daemon on fd, keep-alives skipped.
-json_t *forward(int fd, json_t *request)
-{
-    cfg_send(fd, request);
-    json_t *answer = cfg_receive_timeout(fd, 5000);
-    while (answer != nullptr && json_is_true(json_object_get(answer, "keepalive"))) {
-        json_decref(answer);
-        answer = cfg_receive_timeout(fd, 5000);
-    }
-    return answer;
-}
-
-// zrcfg's session goes through a relay; just before the relay passes the push
-// on, another session changes the data that zrcfg has already read.
-TEST_F(Zrcfg, StaleCopyConflictRefusesThePush)
-{
-    daemon_process d;
-    int upstream = d.connect_raw();
-    scripted_daemon relay({step::serve([&](json_t *request) {
-        const char *method = json_string_value(json_object_get(request, "method"));
-        if (method != nullptr && strcmp(method, "push") == 0) {
-            client other(d);
-            cfg_set_string(other, cfg_get_by_path(other, "system.hostname"), "other");
-            EXPECT_EQ(cfg_commit(other), 1);
-        }
-        return forward(upstream, request);
-    })});
-    run_result r =
-        zrcfg(d.dir(), {"--socket", relay.socket_path(), "set", "system.hostname", "mine"});
-    relay.stop();
-    close(upstream);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("error: Update conflicts with newer data on server"), std::string::npos)
-        << r.err;
-    EXPECT_EQ(value_at(d, "system.hostname"), "other\n");
 }
 
 TEST(ZrcfgUsage, ExitStatusForUsageAndUnreachableDaemon)

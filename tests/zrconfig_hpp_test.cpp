@@ -86,6 +86,7 @@ TEST_F(ZrconfigHpp, StaleCopyIsRefusedAsAConflict)
     EXPECT_FALSE(refused.unreachable());
     ASSERT_FALSE(refused.messages.empty());
     EXPECT_EQ(refused.messages[0].code, 32);
+    EXPECT_EQ(refused.messages[0].text, "Update conflicts with newer data on server");
 }
 
 TEST_F(ZrconfigHpp, AppendsAndDeletesListMembers)
