@@ -179,15 +179,3 @@ TEST(Uuid, FormWithBracesInPlaceOfFirstAndLastDigitAndBoundedCopy)
     EXPECT_EQ(dst[CFG_UUID_SIZE], '!');
     EXPECT_EQ(uuidcmp(long_id.c_str(), (long_id + "b").c_str()), 0);
 }
-
-// The flag queries answer with the bit itself, not 1.
-TEST(Flags, QueriesReturnTheBitValue)
-{
-    cfg_element e{};
-    e.flags = CFG_FLAG_NEW | CFG_FLAG_CHANGED;
-    EXPECT_EQ(cfg_element_is_new(&e), 1u);
-    EXPECT_EQ(cfg_element_is_changed(&e), 2u);
-    EXPECT_EQ(cfg_element_is_deleted(&e), 0u);
-    e.flags = CFG_FLAG_DELETED;
-    EXPECT_EQ(cfg_element_is_deleted(&e), 4u);
-}

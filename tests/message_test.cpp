@@ -111,21 +111,6 @@ TEST(Adders, NullArgumentsAndNullContext)
     EXPECT_EQ(logs.lines[0].priority, 4);
 }
 
-TEST(Stack, AddAndReadBack)
-{
-    context_handle ctx;
-    EXPECT_FALSE(cfg_add_message(ctx.get(), nullptr));
-    EXPECT_EQ(cfg_get_first_message_string(ctx.get()), nullptr);
-    cfg_message_add_database(ctx.get());
-    cfg_message_add_uuid_not_found(ctx.get(), "abc");
-    EXPECT_STREQ(cfg_get_first_message_string(ctx.get()), "Database error");
-    EXPECT_EQ(cfg_get_message_object(ctx.get(), 2), nullptr);
-    EXPECT_EQ(cfg_get_message_object(ctx.get(), -1), nullptr);
-
-    EXPECT_TRUE(cfg_free_message_stack(ctx.get()));
-    EXPECT_EQ(cfg_message_count(ctx.get()), 0);
-}
-
 TEST(NewMessage, RefusedWhole)
 {
     log_capture logs;

@@ -76,7 +76,6 @@ TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     char *text = reinterpret_cast<char *>(0x1);
     EXPECT_FALSE(cfg_schema_int_values(f, &marker, &marker, &marker, &marker, &marker, &marker));
     EXPECT_FALSE(cfg_schema_string_values(i, &marker, nullptr, nullptr, nullptr, &text, &text));
-    EXPECT_FALSE(cfg_schema_bool_values(nullptr, &marker, &marker));
     EXPECT_EQ(marker, 77);
     EXPECT_EQ(text, reinterpret_cast<char *>(0x1));
 }
@@ -115,7 +114,6 @@ TEST(SchemaElements, AllowedValuesKeepOrderAndRepeats)
     EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, "a"));
     EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, "b"));
     EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, "a"));
-    EXPECT_FALSE(cfg_add_schema_string_allowed(h.get(), s, nullptr));
     EXPECT_EQ(s->flags, unsigned(CFG_FLAG_CHANGED));
     EXPECT_TRUE(cfg_delete_schema_string_allowed(s, "a"));
     EXPECT_FALSE(cfg_delete_schema_string_allowed(s, "zzz"));
@@ -270,13 +268,6 @@ TEST(SchemaTree, DeleteElementMarksItselfAndBelow)
     for (auto *e : {t.system, t.name, t.tz, t.legacy, t.root, t.addr})
         EXPECT_EQ(deleted(e), e == t.system || e == t.name || e == t.tz) << e->uuid;
     EXPECT_EQ(cfg_get_schema_node(h.get(), "name"), t.name); // nothing unlinked
-}
-
-TEST(SchemaTreeDeathTest, DeleteNullElementAsserts)
-{
-    context_handle h;
-    EXPECT_DEATH(cfg_delete_schema_element(h.get(), nullptr),
-                 "src/schema: cfg_delete_schema_element: Assertion `elem' failed.");
 }
 
 TEST(SchemaTree, SetterReplacesUnderTheSameUuid)
