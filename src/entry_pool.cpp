@@ -95,15 +95,15 @@ slab *slab_holding(const void *address)
     return reinterpret_cast<slab *>(after[-1]);
 }
 
-// False, and nothing registered, when the table cannot grow. Keeps
-// invariant 1.
+// Keeps invariant 1. Running out of memory here ends the process with
+// status -1, as the index's own allocations do.
 bool register_slab(slab *s)
 {
     if (pool.slab_count == pool.capacity) {
         size_t capacity = pool.capacity != 0 ? 2 * pool.capacity : 16;
         void *grown = realloc(pool.slabs, capacity * sizeof(uintptr_t));
         if (grown == nullptr)
-            return false;
+            exit(-1);
         pool.slabs = static_cast<uintptr_t *>(grown);
         pool.capacity = capacity;
     }
@@ -151,7 +151,7 @@ slab *new_slab()
 {
     auto *s = static_cast<slab *>(malloc(slab_bytes));
     if (s == nullptr)
-        return nullptr;
+        exit(-1); // an index allocation: ends the process, as the index does
     if (!register_slab(s)) {
         free(s);
         return nullptr;

@@ -3,10 +3,11 @@
 #ifndef ZRCONFIG_INTERNAL_H
 #define ZRCONFIG_INTERNAL_H
 
-// A uthash table that cannot allocate never ends the process: a table that
-// cannot grow keeps its buckets, and an item whose table cannot be made is
-// left out with hh.tbl null (see zr::hash_added).
-#define HASH_NONFATAL_OOM 1
+// uthash keeps its fatal handler: a hash table that cannot grow ends the
+// process with exit status -1, and callers of the uuid index, the trigger
+// tables and the rename table rely on every insertion taking. A source may
+// opt into non-fatal handling before including this file (json.cpp does for
+// message arguments); zr::hash_added then tells whether an item went in.
 #include "zrconfig.h"
 #include "zrutil.h"
 
@@ -51,8 +52,8 @@ struct free_deleter {
 // Owns text (or any block) that came from malloc or strdup.
 using cstr_ptr = std::unique_ptr<char, free_deleter>;
 
-// True when item went into its table; false when the table could not be
-// made for it, and the caller still owns it.
+// True when item went into its table; false only under non-fatal handling,
+// when the table could not be made for it, and the caller still owns it.
 template <typename T> bool hash_added(const T *item)
 {
     return item->hh.tbl != nullptr;

@@ -4,7 +4,8 @@
 // validators (both ways).
 #define ZR_SOURCE "src/json"
 // An argument that its table cannot take is left out, and says so through the
-// flag hash_oom at the adding site.
+// flag hash_oom at the adding site, instead of ending the process.
+#define HASH_NONFATAL_OOM 1
 #define uthash_nonfatal_oom(obj) (hash_oom = true)
 #include "internal.h"
 #include "schema.h"
