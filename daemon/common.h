@@ -1,12 +1,14 @@
 // What every source of the daemon shares: its log macro, the public C++
 // layer's owning handles for Jansson values and malloc'd text, and building
 // message objects without a context. The daemon uses only the library's
-// public interface.
+// public interface and the message and lock numbers of common/codes.h.
 #pragma once
 
 #include <zrconfig.h>
 #include <zrconfig.hpp>
 #include <zrutil.h>
+
+#include "codes.h"
 
 #include <cstdlib>
 #include <initializer_list>
@@ -25,25 +27,8 @@ namespace zrd {
 using json_ptr = zrconfig::json_ptr;
 using cstr_ptr = zrconfig::c_string;
 
-// Message codes the daemon answers with (the library's catalogue numbers).
-enum message_code : int {
-    msg_path_not_found = 28,
-    msg_uuid_not_found = 29,
-    msg_database = 30,
-    msg_conflict = 32,
-    msg_push_failed = 33,
-    msg_lock_failed = 37,
-    msg_invalid_request = 39,
-    msg_incomplete_data = 40,
-    msg_changed_read_only = 43,
-    msg_permission_denied = 46,
-    msg_invalid_action = 47,
-    msg_invalid_parameter = 48,
-    msg_invalid_query = 51,
-    msg_script_success = 74,
-    msg_script_failure = 75,
-    msg_script_timeout = 76,
-};
+// Message codes the daemon answers with: the library's catalogue numbers.
+namespace msg = zr::msg;
 
 // One message object {"code", "args"} with the catalogue's argument names
 // for values, in the catalogue's order; null when the code has no row.

@@ -311,9 +311,9 @@ json_t *model::get_by_ids(json_t *data)
 {
     json_t *ids = json_object_get(data, "ids");
     if (ids == nullptr)
-        return failure(msg_incomplete_data, {"ids"});
+        return failure(msg::incomplete_data, {"ids"});
     if (!json_is_array(ids))
-        return failure(msg_invalid_parameter, {"ids"});
+        return failure(msg::invalid_parameter, {"ids"});
     json_t *found = json_array(), *messages = json_array();
     size_t i;
     json_t *id;
@@ -324,7 +324,7 @@ json_t *model::get_by_ids(json_t *data)
             json_array_append_new(found, elem_to_json(e));
         else
             json_array_append_new(messages,
-                                  message_json(msg_uuid_not_found, {json_is_string(id)
+                                  message_json(msg::uuid_not_found, {json_is_string(id)
                                                                         ? json_string_value(id)
                                                                         : dump(id)}));
     }
@@ -339,15 +339,15 @@ json_t *model::get_list(json_t *data)
 {
     json_t *list = json_object_get(data, "list");
     if (list == nullptr)
-        return failure(msg_incomplete_data, {"list"});
+        return failure(msg::incomplete_data, {"list"});
     const char *id = json_string_value(json_object_get(list, "id"));
     if (id == nullptr)
-        return failure(msg_invalid_parameter, {"list"});
+        return failure(msg::invalid_parameter, {"list"});
     cfg_element *e = cfg_find_by_id(ctx_, id);
     if (e == nullptr)
-        return failure(msg_uuid_not_found, {id});
+        return failure(msg::uuid_not_found, {id});
     if (e->type != CFG_TYPE_LIST)
-        return failure(msg_invalid_parameter, {"list"});
+        return failure(msg::invalid_parameter, {"list"});
     json_t *out = json_array();
     for (cfg_link *l = e->value.list.members; l != nullptr; l = l->next)
         if (cfg_element *member =
@@ -360,13 +360,13 @@ json_t *model::get_by_path(json_t *data)
 {
     json_t *path = json_object_get(data, "path");
     if (path == nullptr)
-        return failure(msg_incomplete_data, {"path"});
+        return failure(msg::incomplete_data, {"path"});
     if (!json_is_string(path))
-        return failure(msg_invalid_parameter, {"path"});
+        return failure(msg::invalid_parameter, {"path"});
     cfg_element *e = cfg_get_by_path(ctx_, json_string_value(path));
     cfg_free_message_stack(ctx_);
     if (e == nullptr)
-        return failure(msg_path_not_found, {json_string_value(path)});
+        return failure(msg::path_not_found, {json_string_value(path)});
     return success(elem_to_json(e));
 }
 
@@ -374,36 +374,36 @@ json_t *model::search(json_t *data)
 {
     json_t *table = json_object_get(data, "table_name");
     if (table == nullptr)
-        return failure(msg_incomplete_data, {"table_name"});
+        return failure(msg::incomplete_data, {"table_name"});
     if (!json_is_string(table))
-        return failure(msg_invalid_parameter, {"table_name"});
+        return failure(msg::invalid_parameter, {"table_name"});
     cfg_element *list = cfg_get_by_path(ctx_, json_string_value(table));
     cfg_free_message_stack(ctx_);
     if (list == nullptr)
-        return failure(msg_path_not_found, {json_string_value(table)});
+        return failure(msg::path_not_found, {json_string_value(table)});
     cfg_schema_element *item =
         zrplain::list_item_schema(ctx_, cfg_get_schema_node(ctx_, list->schema));
     if (list->type != CFG_TYPE_LIST || item == nullptr || item->type != CFG_TYPE_MAP)
-        return failure(msg_invalid_parameter, {"table_name"});
+        return failure(msg::invalid_parameter, {"table_name"});
 
     cfg_condition *condition = nullptr;
     if (json_t *json = json_object_get(data, "conditions")) {
         condition = json_to_condition(json);
         if (condition == nullptr)
-            return failure(msg_invalid_query);
+            return failure(msg::invalid_query);
     }
     std::unique_ptr<cfg_condition, void (*)(cfg_condition *)> owned(condition,
                                                                     cfg_free_conditions);
     std::vector<std::string> fields;
     std::string bad;
     if (!condition_fields(condition, zrplain::member_keys(ctx_, item), fields, bad, 0))
-        return failure(msg_invalid_parameter, {bad});
+        return failure(msg::invalid_parameter, {bad});
     cstr_ptr where(condition != nullptr ? condition_to_sql(condition) : nullptr);
     if (condition != nullptr && !where)
-        return failure(msg_invalid_query);
+        return failure(msg::invalid_query);
     std::vector<std::string> ids;
     if (!store_.search(list->uuid, where ? where.get() : "", condition, fields, ids))
-        return failure(msg_invalid_query);
+        return failure(msg::invalid_query);
     json_t *out = json_array();
     for (const std::string &id : ids)
         if (cfg_element *e = cfg_find_by_id(ctx_, id.c_str()))

@@ -299,19 +299,19 @@ push_outcome model::push(json_t *update)
     push_outcome out;
     cfg_free_message_stack(ctx_);
     if (!json_is_object(update)) {
-        out.answer.reset(failure(msg_invalid_parameter, {"data"}));
+        out.answer.reset(failure(msg::invalid_parameter, {"data"}));
         return out;
     }
     if (std::string bad = malformed_member(update); !bad.empty()) {
-        out.answer.reset(failure(msg_invalid_parameter, {bad}));
+        out.answer.reset(failure(msg::invalid_parameter, {bad}));
         return out;
     }
     if (deletes_root(update)) {
-        out.answer.reset(failure(msg_changed_read_only));
+        out.answer.reset(failure(msg::changed_ro));
         return out;
     }
     if (conflicts(ctx_, update)) {
-        out.answer.reset(failure(msg_conflict));
+        out.answer.reset(failure(msg::conflict));
         return out;
     }
     unsigned long counter = next_id_;
@@ -339,7 +339,7 @@ push_outcome model::push(json_t *update)
         cfg_free_message_stack(ctx_);
         std::string report;
         schema_changed ? (void)rebuild(report) : restore(flagged(ctx_));
-        out.answer.reset(failure(msg_push_failed));
+        out.answer.reset(failure(msg::push_failed));
         return out;
     }
     ok = schema_changed ? cfg_validate_data(ctx_) : cfg_validate_changed_data(ctx_);
@@ -362,7 +362,7 @@ push_outcome model::push(json_t *update)
     next_id_ = counter;
     if (!persist(changed, schema_changed)) {
         next_id_ = before;
-        out.answer.reset(failure(msg_database));
+        out.answer.reset(failure(msg::database));
         return out;
     }
     if (schema_changed) {

@@ -148,7 +148,7 @@ json_t *run_script(const subscription &sub, const std::string &input, int timeou
     int fd = -1;
     pid_t pid = start(sub, fd);
     if (pid < 0)
-        return message_json(msg_script_failure, {"127"});
+        return message_json(msg::cfg_push_script_exec_failure, {"127"});
     auto deadline = steady::now() + std::chrono::seconds(timeout_s);
     auto next_tick = steady::now() + std::chrono::seconds(1);
     size_t offset = 0;
@@ -166,7 +166,7 @@ json_t *run_script(const subscription &sub, const std::string &input, int timeou
                 close(fd);
             ZRD_LOG(LOG_WARNING, "subscription '%s' timed out after %d s", sub.name.c_str(),
                     timeout_s);
-            return message_json(msg_script_timeout);
+            return message_json(msg::cfg_push_script_exec_timeout);
         }
         if (now >= next_tick) {
             tick();
@@ -179,9 +179,9 @@ json_t *run_script(const subscription &sub, const std::string &input, int timeou
         close(fd);
     int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     if (code == 0)
-        return message_json(msg_script_success);
+        return message_json(msg::cfg_push_script_exec_success);
     ZRD_LOG(LOG_WARNING, "subscription '%s' exited with %d", sub.name.c_str(), code);
-    return message_json(msg_script_failure, {std::to_string(code)});
+    return message_json(msg::cfg_push_script_exec_failure, {std::to_string(code)});
 }
 
 } // namespace zrd

@@ -332,14 +332,14 @@ void server::serve(session &s)
     if (!permitted(s.peer)) {
         ZRD_LOG(LOG_WARNING, "session %lu: uid %u may not use the configuration", s.id,
                 static_cast<unsigned>(s.peer.uid));
-        json_ptr answer(failure(msg_permission_denied));
+        json_ptr answer(failure(msg::permission_denied));
         send_frame(s.fd, answer.get());
     } else {
         std::string in, payload;
         for (bool end = false; !end && !stopping_;) {
             frame_status status = read_frame(s.fd, in, payload, opts_.max_frame);
             if (status == frame_status::bad_length) {
-                json_ptr answer(failure(msg_invalid_request));
+                json_ptr answer(failure(msg::invalid_request));
                 send_frame(s.fd, answer.get());
             }
             if (status != frame_status::ok)
@@ -347,7 +347,7 @@ void server::serve(session &s)
             json_ptr request(json_loadb(payload.data(), payload.size(), 0, nullptr));
             json_ptr answer(json_is_object(request.get())
                                 ? dispatch(s, request.get(), end)
-                                : failure(msg_invalid_request));
+                                : failure(msg::invalid_request));
             if (json_t *id = json_object_get(request.get(), "id"))
                 json_object_set(answer.get(), "id", id);
             if (!send_frame(s.fd, answer.get()))
@@ -364,9 +364,9 @@ json_t *server::dispatch(session &s, json_t *request, bool &end)
 {
     json_t *method_json = json_object_get(request, "method");
     if (method_json == nullptr)
-        return failure(msg_incomplete_data, {"method"});
+        return failure(msg::incomplete_data, {"method"});
     if (!json_is_string(method_json))
-        return failure(msg_invalid_request);
+        return failure(msg::invalid_request);
     std::string method = json_string_value(method_json);
     json_t *data = json_object_get(request, "data");
     if (method == "goodbye") {
@@ -390,9 +390,9 @@ json_t *server::dispatch(session &s, json_t *request, bool &end)
     for (const auto &[name, fn] : readers)
         known = known || method == name;
     if (!known)
-        return failure(msg_invalid_action, {method});
+        return failure(msg::invalid_action, {method});
     if (!json_is_object(data))
-        return failure(data == nullptr ? msg_incomplete_data : msg_invalid_parameter, {"data"});
+        return failure(data == nullptr ? msg::incomplete_data : msg::invalid_parameter, {"data"});
     for (const auto &[name, fn] : readers)
         if (method == name) {
             std::lock_guard<std::mutex> guard(model_.mutex());
@@ -406,11 +406,11 @@ json_t *server::dispatch(session &s, json_t *request, bool &end)
         return subscribe(data);
     const char *op = json_string_value(json_object_get(data, "operation"));
     if (op == nullptr)
-        return failure(msg_incomplete_data, {"operation"});
+        return failure(msg::incomplete_data, {"operation"});
     std::string operation = op;
     if (operation != "write" && operation != "read" && operation != "none")
-        return failure(msg_invalid_parameter, {"operation"});
-    return locks_.take(s.id, operation) ? success(nullptr) : failure(msg_lock_failed);
+        return failure(msg::invalid_parameter, {"operation"});
+    return locks_.take(s.id, operation) ? success(nullptr) : failure(msg::lock_failed);
 }
 
 json_t *server::hello(session &s, json_t *data)
@@ -426,7 +426,7 @@ json_t *server::hello(session &s, json_t *data)
 json_t *server::push(session &s, json_t *data)
 {
     if (!locks_.may_push(s.id))
-        return failure(msg_lock_failed);
+        return failure(msg::lock_failed);
     push_outcome outcome;
     std::vector<const subscription *> order;
     std::vector<subscription> subs;
@@ -462,19 +462,19 @@ json_t *server::subscribe(json_t *data)
     const char *name = json_string_value(json_object_get(data, "name"));
     const char *program = json_string_value(json_object_get(data, "program"));
     if (name == nullptr || program == nullptr)
-        return failure(msg_incomplete_data, {name == nullptr ? "name" : "program"});
+        return failure(msg::incomplete_data, {name == nullptr ? "name" : "program"});
     sub.name = name;
     sub.program = program;
     json_t *priority = json_object_get(data, "priority");
     if (priority != nullptr && !json_is_integer(priority))
-        return failure(msg_invalid_parameter, {"priority"});
+        return failure(msg::invalid_parameter, {"priority"});
     sub.priority = static_cast<int>(json_integer_value(priority));
     for (auto [key, list] : {std::pair{"args", &sub.args}, std::pair{"paths", &sub.paths},
                              std::pair{"before", &sub.before}, std::pair{"after", &sub.after}})
         if (!strings_member(data, key, *list))
-            return failure(msg_invalid_parameter, {key});
+            return failure(msg::invalid_parameter, {key});
     if (sub.program.empty() || sub.program[0] != '/')
-        return failure(msg_invalid_parameter, {"program"});
+        return failure(msg::invalid_parameter, {"program"});
 
     std::lock_guard<std::mutex> guard(model_.mutex());
     std::vector<subscription> next;
@@ -484,9 +484,9 @@ json_t *server::subscribe(json_t *data)
     next.push_back(sub);
     std::vector<const subscription *> order;
     if (!run_order(next, order))
-        return failure(msg_invalid_parameter, {"before"});
+        return failure(msg::invalid_parameter, {"before"});
     if (!store_.write_subscription(sub))
-        return failure(msg_database);
+        return failure(msg::database);
     subscriptions_ = std::move(next);
     ZRD_LOG(LOG_NOTICE, "subscription '%s' runs %s", sub.name.c_str(), sub.program.c_str());
     return success(nullptr);

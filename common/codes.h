@@ -1,6 +1,7 @@
-// Numbers that the library shares with the daemon: the codes of the message
-// catalogue (named after their adders, cfg_message_add_<name>) and the
-// operations of the configuration lock.
+// Numbers that the library and zrconfigd share, so that the two cannot
+// drift: the codes of the message catalogue (named after their adders,
+// cfg_message_add_<name>) and the operations of the configuration lock.
+// Header only; the library and the daemon both include it.
 #ifndef ZRCONFIG_CODES_H
 #define ZRCONFIG_CODES_H
 
