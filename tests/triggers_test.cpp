@@ -29,8 +29,20 @@ cfg_schema_validator *validator(cfg *ctx, std::initializer_list<const char *> pa
     return v;
 }
 
+// Evaluates the condition "path op value" on map, as a conditional would.
+int condition(appliance &a, cfg_element *map, const char *path, int op, int value_type,
+              cfg_schema_value value)
+{
+    return evaluate_if(a.ctx(), map,
+                       cfg_init_schema_if(a.ctx(), nullptr, path, op, value_type, value, 0));
+}
+
+cfg_schema_value text(const char *v) { return {.string_value = const_cast<char *>(v)}; }
+
 } // namespace
 
+// Paths follow the escaped static path, registered once; a locally made
+// element's path drops its uuid prefix.
 TEST(TriggerTables, ValidatorPathsFollowTheEscapedStaticPathOnce)
 {
     appliance a;
@@ -38,24 +50,18 @@ TEST(TriggerTables, ValidatorPathsFollowTheEscapedStaticPathOnce)
     cfg_create_validator_triggers(a.ctx(), a.conn1, v);
     cfg_create_validator_triggers(a.ctx(), a.conn1, v);
     cfg_create_validator_triggers(a.ctx(), a.conn2, validator(a.ctx(), {"\\.name"}));
-
-    const std::string one = "network\\.conns\\(1\\)", two = "network\\.conns\\(2\\)";
-    EXPECT_EQ(printed(a.ctx()),
-              rule + "\n" + one + "\\.name triggers (conn-1)\n" + one +
-                  "\\.mode triggers (conn-1)\n" + two + "\\.name triggers (conn-2)\n" +
-                  "conn-1 thinks it is triggered by (" + one + "\\.name, " + one + "\\.mode)\n" +
-                  "conn-2 thinks it is triggered by (" + two + "\\.name)\n" + rule + "\n");
-}
-
-TEST(TriggerTables, LocallyMadeElementsDropTheirUuidPrefix)
-{
-    appliance a;
     cfg_element *fresh = cfg_new_map(a.ctx());
     cfg_add_mapelem(a.ctx(), a.system, "extra", fresh);
     cfg_create_validator_triggers(a.ctx(), fresh, validator(a.ctx(), {"\\.port"}));
-    ASSERT_NE(a.ctx()->pattern_triggers, nullptr);
-    EXPECT_STREQ(a.ctx()->pattern_triggers->key, "system\\.extra\\.port");
-    EXPECT_STREQ(a.ctx()->reverse_triggers->key, fresh->uuid);
+
+    const std::string one = "network\\.conns\\(1\\)", two = "network\\.conns\\(2\\)";
+    const std::string extra = "system\\.extra\\.port", id = fresh->uuid;
+    EXPECT_EQ(printed(a.ctx()),
+              rule + "\n" + one + "\\.name triggers (conn-1)\n" + one +
+                  "\\.mode triggers (conn-1)\n" + two + "\\.name triggers (conn-2)\n" + extra +
+                  " triggers (" + id + ")\n" + "conn-1 thinks it is triggered by (" + one +
+                  "\\.name, " + one + "\\.mode)\n" + "conn-2 thinks it is triggered by (" + two +
+                  "\\.name)\n" + id + " thinks it is triggered by (" + extra + ")\n" + rule + "\n");
 }
 
 TEST(TriggerTables, FreeingEmptiesEveryTable)
@@ -64,22 +70,37 @@ TEST(TriggerTables, FreeingEmptiesEveryTable)
     cfg_create_validator_triggers(a.ctx(), a.conn1, validator(a.ctx(), {})); // no paths: nothing
     EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
     cfg_create_validator_triggers(a.ctx(), a.conn1, validator(a.ctx(), {"\\.name"}));
-    cfg_schema_value v{.string_value = const_cast<char *>("wan")};
-    EXPECT_TRUE(
-        evaluate_if(a.ctx(), a.conn1, cfg_init_schema_if(a.ctx(), nullptr, ".name", 2, 3, v, 0)));
-    EXPECT_FALSE(
-        evaluate_if(a.ctx(), a.conn1, cfg_init_schema_if(a.ctx(), nullptr, "missing", 2, 3, v, 0)));
+    EXPECT_TRUE(condition(a, a.conn1, ".name", 2, 3, text("wan")));
+    EXPECT_FALSE(condition(a, a.conn1, "missing", 2, 3, text("wan")));
     ASSERT_NE(a.ctx()->uuid_triggers, nullptr);
     ASSERT_NE(a.ctx()->path_triggers, nullptr);
 
     cfg_free_trigger_tables(a.ctx());
-    EXPECT_EQ(a.ctx()->uuid_triggers, nullptr);
-    EXPECT_EQ(a.ctx()->path_triggers, nullptr);
-    EXPECT_EQ(a.ctx()->pattern_triggers, nullptr);
-    EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
-    int result = 0; // empty tables print the two rules alone
+    int result = 0; // every table is printed: empty ones leave the two rules alone
     EXPECT_EQ(printed(a.ctx(), &result), rule + "\n" + rule + "\n");
     EXPECT_EQ(result, 54);
+}
+
+// A condition ties its map to the tested element, once: by uuid when the
+// element exists, else by the static path it would have.
+TEST(TriggerTables, ConditionsWatchByUuidOrByPathOnce)
+{
+    appliance a;
+    for (cfg_element *map : {a.conn1, a.conn1, a.conn2})
+        condition(a, map, "^^^system.hostname", 3, 3, text("gateway"));
+    condition(a, a.conn2, ".trace", 2, 1, {.bool_value = 1});
+    condition(a, a.system, ".proxy_mode", 2, 3, text("http"));
+    condition(a, a.root, "system.loglevel", 5, 2, {.int_value = 7});
+    EXPECT_EQ(printed(a.ctx()), rule + "\nhost-1 triggers (conn-1, conn-2)\n"
+                                       "network.conns(2).trace triggers (conn-2)\n"
+                                       "system.proxy_mode triggers (sys-1)\n"
+                                       "system.loglevel triggers (root-1)\n"
+                                       "conn-1 thinks it is triggered by (host-1)\n"
+                                       "conn-2 thinks it is triggered by (host-1, "
+                                       "network.conns(2).trace)\n"
+                                       "sys-1 thinks it is triggered by (system.proxy_mode)\n"
+                                       "root-1 thinks it is triggered by (system.loglevel)\n" +
+                                       rule + "\n");
 }
 
 TEST(ValidationContext, SeenElementsAreEnteredOnce)
@@ -105,8 +126,7 @@ TEST(ValidationContext, SeenElementsAreEnteredOnce)
     // under the same uuid finds its entry.
     add_unhandled(vctx, hostname);
     EXPECT_EQ(HASH_COUNT(vctx->unhandled), 2u);
-    cfg_element *renamed = cfg_set_string(a.ctx(), hostname, "other");
-    set_handled(vctx, renamed);
+    set_handled(vctx, cfg_set_string(a.ctx(), hostname, "other"));
     EXPECT_EQ(HASH_COUNT(vctx->unhandled), 1u);
     free_context(vctx);
     free_context(nullptr);
