@@ -6,12 +6,14 @@ using namespace zrtest;
 
 namespace {
 
-// The appliance validated in full, its flags cleared as after a commit.
+// The appliance validated in full, its flags cleared as after a commit or
+// left standing (the defaults it made new, the maps that took them changed).
 struct validated_appliance : appliance {
-    validated_appliance()
+    explicit validated_appliance(bool standing = false)
     {
         EXPECT_EQ(cfg_validate_data(ctx()), 1) << testing::PrintToString(messages());
-        clear_flags();
+        if (!standing)
+            clear_flags();
         log.lines.clear();
     }
 
@@ -32,83 +34,120 @@ struct validated_appliance : appliance {
     }
 };
 
-template <typename Record> bool lists_dependent(Record *table, const char *uuid)
+// The trigger tables as printed: every record's key and dependents.
+std::string trigger_tables(cfg *c)
 {
-    for (Record *r = table; r != nullptr; r = static_cast<Record *>(r->hh.next))
-        for (cfg_link *n = r->dependents; n != nullptr; n = n->next)
-            if (strcmp(static_cast<const char *>(n->data), uuid) == 0)
-                return true;
-    return false;
-}
-
-// Whether any trigger record of any table lists uuid, or a reverse record
-// is kept for it.
-bool registered_anywhere(cfg *c, const char *uuid)
-{
-    cfg_reverse_trigger *reverse = nullptr;
-    HASH_FIND_STR(c->reverse_triggers, uuid, reverse);
-    return reverse != nullptr || lists_dependent(c->uuid_triggers, uuid) ||
-           lists_dependent(c->path_triggers, uuid) || lists_dependent(c->pattern_triggers, uuid);
+    testing::internal::CaptureStdout();
+    cfg_print_trigger_tables(c);
+    return testing::internal::GetCapturedStdout();
 }
 
 } // namespace
 
-TEST(ChangedData, ConditionalTiesTheTestedElementToItsMap)
+namespace {
+
+using V = validated_appliance;
+
+struct edit_case {
+    const char *what;
+    bool standing;
+    void (*edit)(V &);
+    int valid;
+    texts messages;
+    const char *changed = nullptr; // the change to this element triggers exactly...
+    texts triggered = {};          // ...the validation of these
+    void (*then)(V &) = nullptr;   // further checks
+};
+
+} // namespace
+
+// After a full validation, changed-data validation judges every edit since,
+// by the library or behind its back, the way a walk over everything flagged
+// would, whether that validation's flags were cleared or left standing.
+TEST(ChangedData, EditsAreJudgedThroughTheTriggerTables)
 {
-    validated_appliance a;
-    // conn-1 turns static: the conditional now requires an address.
-    a.set(a.conn1, "mode", "static");
-    EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 0);
-    EXPECT_EQ(a.triggered_by("conn-mode-1"), texts{"conn-1"});
-    EXPECT_EQ(a.messages(), texts{"Required field 'address' is not present"});
-    // The netmask default was filled in before the address was found missing.
-    EXPECT_NE(a.member(a.conn1, "netmask"), nullptr);
-
-    a.clear_messages();
-    a.load_string(a.conn1, "address", "conn-address-1", "10.0.0.1");
-    EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 1) << testing::PrintToString(a.messages());
-}
-
-TEST(ChangedData, ValidatorPathTiesItemsToTheirList)
-{
-    validated_appliance a;
-    a.set(a.conn2, "name", "wan");
-    EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 0);
-    EXPECT_EQ(a.triggered_by("conn-name-2"), texts{"conns-1"});
-    EXPECT_EQ(a.messages(), texts{"Duplicate 'name' fields with value 'wan'"});
-
-    // A change the pattern does not cover leaves the list alone; conn-2
-    // is re-validated for its conditional, whose branch no longer holds, so
-    // its static members are left over.
-    validated_appliance b;
-    b.set(b.conn2, "mode", "dhcp");
-    EXPECT_EQ(cfg_validate_changed_data(b.ctx()), 0);
-    EXPECT_EQ(b.triggered_by("conn-mode-2"), texts{"conn-2"});
-    EXPECT_EQ(b.messages(), texts{"Element [conn-address-2] with name 'address' does not "
-                                  "match any schema element"});
-}
-
-TEST(ChangedData, CreatingAWatchedPathTriggersByPath)
-{
-    validated_appliance a;
-    // network's conditional watched system.proxy_mode while it was absent.
-    cfg_element *mode = cfg_new_string(a.ctx(), "http");
-    cfg_add_mapelem(a.ctx(), a.system, "proxy_mode", mode);
-    EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 0);
-    EXPECT_EQ(a.triggered_by(mode->uuid), texts{"net-1"});
-    EXPECT_EQ(a.messages(), texts{"Required field 'proxy_port' is not present"});
-    // The new element was validated through its bound parent.
-    EXPECT_STREQ(mode->schema, "n-proxy-mode");
+    const edit_case cases[] = {
+        {"a conditional ties the tested element to its map", false,
+         [](V &a) { a.set(a.conn1, "mode", "static"); }, 0,
+         {"Required field 'address' is not present"}, "conn-mode-1", {"conn-1"},
+         // The netmask default was filled in before the address was found missing.
+         [](V &a) { EXPECT_NE(a.member(a.conn1, "netmask"), nullptr); }},
+        {"a validator path ties items to their list", false,
+         [](V &a) { a.set(a.conn2, "name", "wan"); }, 0,
+         {"Duplicate 'name' fields with value 'wan'"}, "conn-name-2", {"conns-1"}},
+        // conn-2's static branch no longer holds: its members are left over.
+        {"a change the pattern does not cover leaves the list alone", false,
+         [](V &a) { a.set(a.conn2, "mode", "dhcp"); }, 0,
+         {"Element [conn-address-2] with name 'address' does not match any schema element"},
+         "conn-mode-2", {"conn-2"}},
+        {"creating a path watched while absent", false,
+         [](V &a) {
+             cfg_add_mapelem(a.ctx(), a.system, "proxy_mode",
+                             cfg_new_string_with_id(a.ctx(), "http", "proxy-1"));
+         },
+         0, {"Required field 'proxy_port' is not present"}, "proxy-1", {"net-1"},
+         // The new element was validated through its bound parent.
+         [](V &a) { EXPECT_STREQ(a.member(a.system, "proxy_mode")->schema, "n-proxy-mode"); }},
+        {"a member no schema element accounts for", false,
+         [](V &a) {
+             cfg_add_mapelem(a.ctx(), a.system, "colour",
+                             cfg_new_string_with_id(a.ctx(), "blue", "colour-1"));
+         },
+         0, {"Element [colour-1] with name 'colour' does not match any schema element"}},
+        // Only the maps are flagged: the first is validated shallow, the
+        // next deep, so user-2's uid is the one reported.
+        {"bad uids behind the library's back", false,
+         [](V &a) {
+             a.member(a.user1, "uid")->value.int_value = 1;
+             a.member(a.user2, "uid")->value.int_value = 2;
+             a.user1->flags |= CFG_FLAG_CHANGED;
+             a.user2->flags |= CFG_FLAG_CHANGED;
+         },
+         0, {"Number is outside the allowed range of 1000-60000."}, nullptr, {},
+         [](V &a) {
+             EXPECT_STREQ(cfg_get_message_arg_value(cfg_get_message_object(a.ctx(), 0), 2),
+                          "user-uid-2");
+         }},
+        {"no edit, flags standing", true, [](V &) {}, 1, {}},
+        {"default value changed behind the library's back, its flag unchanged", true,
+         [](V &a) { a.member(a.conn1, "mtu")->value.int_value = 100; }, 0,
+         {"Number is outside the allowed range of 576-9000."}},
+        {"required member dropped from a map flagged by the validation", true,
+         [](V &a) { cfg_map_delete_key(a.ctx(), a.conn1, "name"); }, 0,
+         {"Required field 'name' is not present"}},
+        {"required member dropped from an unflagged map", true,
+         [](V &a) { cfg_map_delete_key(a.ctx(), a.conn2, "name"); }, 0,
+         {"Required field 'name' is not present"}},
+        {"duplicate name, flags standing", true, [](V &a) { a.set(a.conn2, "name", "wan"); }, 0,
+         {"Duplicate 'name' fields with value 'wan'"}},
+        {"member replaced below a map by a value of the wrong type", true,
+         [](V &a) { a.set(a.user2, "uid", "x"); }, 0,
+         {"Element [user-uid-2] is of the wrong type"}},
+    };
+    for (const edit_case &c : cases) {
+        SCOPED_TRACE(c.what);
+        V a(c.standing);
+        c.edit(a);
+        EXPECT_EQ(cfg_validate_changed_data(a.ctx()), c.valid);
+        EXPECT_EQ(a.messages(), c.messages);
+        EXPECT_EQ(c.changed != nullptr ? a.triggered_by(c.changed) : texts{}, c.triggered);
+        if (c.then != nullptr)
+            c.then(a);
+    }
+    // Nothing flagged: nothing is validated.
+    V idle;
+    EXPECT_EQ(cfg_validate_changed_data(idle.ctx()), 1);
+    EXPECT_TRUE(idle.log.lines.empty());
 }
 
 TEST(ChangedData, DeletedElementsPruneTheirRegistrations)
 {
     validated_appliance a;
     cfg *c = a.ctx();
-    ASSERT_TRUE(registered_anywhere(c, "conn-1"));
+    ASSERT_NE(trigger_tables(c).find("conn-1"), std::string::npos);
     cfg_delete_element(c, a.conn1);
     EXPECT_EQ(cfg_validate_changed_data(c), 1) << testing::PrintToString(a.messages());
-    EXPECT_FALSE(registered_anywhere(c, "conn-1"));
+    EXPECT_EQ(trigger_tables(c).find("conn-1"), std::string::npos);
 
     // Both connections watched the log level; only conn-2 is left to react,
     // and it gains its trace member from the branch that now holds.
@@ -120,30 +159,12 @@ TEST(ChangedData, DeletedElementsPruneTheirRegistrations)
     EXPECT_NE(a.member(a.conn2, "trace"), nullptr);
 
     // The users list's pattern record goes with its only dependent.
-    auto users_pattern = [&] {
-        cfg_pattern_trigger *record = nullptr;
-        HASH_FIND_STR(c->pattern_triggers, "users\\(\\d+\\)\\.name", record);
-        return record;
-    };
-    ASSERT_NE(users_pattern(), nullptr);
+    const std::string users_pattern = "users\\(\\d+\\)\\.name triggers";
+    ASSERT_NE(trigger_tables(c).find(users_pattern), std::string::npos);
     a.clear_flags();
     cfg_delete_element(c, a.users);
     cfg_validate_changed_data(c);
-    EXPECT_EQ(users_pattern(), nullptr);
-}
-
-TEST(ChangedData, FirstElementShallowLaterOnesDeep)
-{
-    validated_appliance a;
-    // Bad uids set behind the library's back: only the maps are flagged.
-    a.member(a.user1, "uid")->value.int_value = 1;
-    a.member(a.user2, "uid")->value.int_value = 2;
-    a.user1->flags |= CFG_FLAG_CHANGED;
-    a.user2->flags |= CFG_FLAG_CHANGED;
-    EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 0);
-    ASSERT_EQ(a.messages(), texts{"Number is outside the allowed range of 1000-60000."});
-    EXPECT_STREQ(cfg_get_message_arg_value(cfg_get_message_object(a.ctx(), 0), 2),
-                 "user-uid-2");
+    EXPECT_EQ(trigger_tables(c).find(users_pattern), std::string::npos);
 }
 
 TEST(ChangedData, NewItemValidatedThroughItsListWithDefaults)
@@ -163,18 +184,6 @@ TEST(ChangedData, NewItemValidatedThroughItsListWithDefaults)
     cfg_map_set_int(c, conn, "mtu", 100);
     EXPECT_EQ(cfg_validate_changed_data(c), 0);
     EXPECT_EQ(a.messages(), texts{"Number is outside the allowed range of 576-9000."});
-}
-
-TEST(ChangedData, NothingFlaggedValidatesNothingFirstLeftoverIsReported)
-{
-    validated_appliance a;
-    EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 1);
-    EXPECT_TRUE(a.log.lines.empty());
-    cfg_element *colour = cfg_new_string(a.ctx(), "blue");
-    cfg_add_mapelem(a.ctx(), a.system, "colour", colour);
-    EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 0);
-    EXPECT_EQ(a.messages(), texts{"Element [" + std::string(colour->uuid) +
-                                  "] with name 'colour' does not match any schema element"});
 }
 
 TEST(ChangedData, FlaggedElementsAreTakenInIndexOrder)
@@ -211,59 +220,6 @@ TEST(ChangedData, FlaggedElementsAreTakenInIndexOrder)
     EXPECT_EQ(seen, expected);
 }
 
-namespace {
-
-// The appliance right after a full validation, its flags left standing: the
-// defaults it made are new, the maps that took them changed.
-struct freshly_validated : appliance {
-    freshly_validated()
-    {
-        EXPECT_EQ(cfg_validate_data(ctx()), 1) << testing::PrintToString(messages());
-        log.lines.clear();
-    }
-};
-
-struct standing_flags_case {
-    const char *what;
-    void (*edit)(freshly_validated &);
-    int valid;
-    texts messages;
-};
-
-} // namespace
-
-// A full validation remembers what it found valid; the next changed-data
-// validation must still judge every edit made since, by the library or
-// behind its back, the way a walk over everything flagged would.
-TEST(ChangedData, StandingFlagsAfterFullValidationStillJudgeEveryEdit)
-{
-    const standing_flags_case cases[] = {
-        {"no edit", [](freshly_validated &) {}, 1, {}},
-        {"default value changed behind the library's back, its flag unchanged",
-         [](freshly_validated &a) { a.member(a.conn1, "mtu")->value.int_value = 100; }, 0,
-         {"Number is outside the allowed range of 576-9000."}},
-        {"required member dropped from a map flagged by the validation",
-         [](freshly_validated &a) { cfg_map_delete_key(a.ctx(), a.conn1, "name"); }, 0,
-         {"Required field 'name' is not present"}},
-        {"required member dropped from an unflagged map",
-         [](freshly_validated &a) { cfg_map_delete_key(a.ctx(), a.conn2, "name"); }, 0,
-         {"Required field 'name' is not present"}},
-        {"duplicate name, watched by the list's validator",
-         [](freshly_validated &a) { cfg_set_string(a.ctx(), a.member(a.conn2, "name"), "wan"); },
-         0, {"Duplicate 'name' fields with value 'wan'"}},
-        {"member replaced below a map by a value of the wrong type",
-         [](freshly_validated &a) { cfg_set_string(a.ctx(), a.member(a.user2, "uid"), "x"); }, 0,
-         {"Element [user-uid-2] is of the wrong type"}},
-    };
-    for (const standing_flags_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        freshly_validated a;
-        c.edit(a);
-        EXPECT_EQ(cfg_validate_changed_data(a.ctx()), c.valid);
-        EXPECT_EQ(a.messages(), c.messages);
-    }
-}
-
 // Raising the log level (a default the full validation made, so new) turns
 // on a conditional that every connection tests through "^^^": conn-1, which
 // that validation flagged, is populated and validated again although
@@ -271,7 +227,7 @@ TEST(ChangedData, StandingFlagsAfterFullValidationStillJudgeEveryEdit)
 // element wakes the records that watch its path, not its uuid.)
 TEST(ChangedData, MapTestingOutsideItselfIsNotPassedOver)
 {
-    freshly_validated a;
+    validated_appliance a(true);
     cfg_set_int(a.ctx(), a.member(a.system, "loglevel"), 7);
     EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 1) << testing::PrintToString(a.messages());
     EXPECT_NE(a.member(a.conn1, "trace"), nullptr);
@@ -281,5 +237,6 @@ TEST(ChangedData, MapTestingOutsideItselfIsNotPassedOver)
     trace->type = CFG_TYPE_INT;
     trace->flags |= CFG_FLAG_CHANGED;
     EXPECT_EQ(cfg_validate_changed_data(a.ctx()), 0);
-    EXPECT_EQ(a.messages(), texts{"Element [" + std::string(trace->uuid) + "] is of the wrong type"});
+    EXPECT_EQ(a.messages(),
+              texts{"Element [" + std::string(trace->uuid) + "] is of the wrong type"});
 }
