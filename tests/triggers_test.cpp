@@ -19,6 +19,15 @@ std::string printed(cfg *ctx, int *result = nullptr)
     return testing::internal::GetCapturedStdout();
 }
 
+// The printed form of tables holding lines.
+std::string framed(const texts &lines)
+{
+    std::string out = rule + "\n";
+    for (const std::string &l : lines)
+        out += l + "\n";
+    return out + rule + "\n";
+}
+
 // A validator with the given paths, owned by a schema element of ctx.
 cfg_schema_validator *validator(cfg *ctx, std::initializer_list<const char *> paths)
 {
@@ -41,66 +50,52 @@ cfg_schema_value text(const char *v) { return {.string_value = const_cast<char *
 
 } // namespace
 
-// Paths follow the escaped static path, registered once; a locally made
-// element's path drops its uuid prefix.
-TEST(TriggerTables, ValidatorPathsFollowTheEscapedStaticPathOnce)
+// Validator paths follow the escaped static path (a locally made element's
+// without its uuid prefix); a condition ties its map to the tested element
+// by uuid, or while it is absent by the static path it would have. Each is
+// registered once; freeing empties every table.
+TEST(TriggerTables, RegistrationsPrintedAndFreed)
 {
     appliance a;
-    cfg_schema_validator *v = validator(a.ctx(), {"\\.name", "\\.mode"});
-    cfg_create_validator_triggers(a.ctx(), a.conn1, v);
-    cfg_create_validator_triggers(a.ctx(), a.conn1, v);
-    cfg_create_validator_triggers(a.ctx(), a.conn2, validator(a.ctx(), {"\\.name"}));
-    cfg_element *fresh = cfg_new_map(a.ctx());
-    cfg_add_mapelem(a.ctx(), a.system, "extra", fresh);
-    cfg_create_validator_triggers(a.ctx(), fresh, validator(a.ctx(), {"\\.port"}));
-
-    const std::string one = "network\\.conns\\(1\\)", two = "network\\.conns\\(2\\)";
-    const std::string extra = "system\\.extra\\.port", id = fresh->uuid;
-    EXPECT_EQ(printed(a.ctx()),
-              rule + "\n" + one + "\\.name triggers (conn-1)\n" + one +
-                  "\\.mode triggers (conn-1)\n" + two + "\\.name triggers (conn-2)\n" + extra +
-                  " triggers (" + id + ")\n" + "conn-1 thinks it is triggered by (" + one +
-                  "\\.name, " + one + "\\.mode)\n" + "conn-2 thinks it is triggered by (" + two +
-                  "\\.name)\n" + id + " thinks it is triggered by (" + extra + ")\n" + rule + "\n");
-}
-
-TEST(TriggerTables, FreeingEmptiesEveryTable)
-{
-    appliance a;
-    cfg_create_validator_triggers(a.ctx(), a.conn1, validator(a.ctx(), {})); // no paths: nothing
-    EXPECT_EQ(a.ctx()->reverse_triggers, nullptr);
-    cfg_create_validator_triggers(a.ctx(), a.conn1, validator(a.ctx(), {"\\.name"}));
-    EXPECT_TRUE(condition(a, a.conn1, ".name", 2, 3, text("wan")));
-    EXPECT_FALSE(condition(a, a.conn1, "missing", 2, 3, text("wan")));
-    ASSERT_NE(a.ctx()->uuid_triggers, nullptr);
-    ASSERT_NE(a.ctx()->path_triggers, nullptr);
-
-    cfg_free_trigger_tables(a.ctx());
-    int result = 0; // every table is printed: empty ones leave the two rules alone
-    EXPECT_EQ(printed(a.ctx(), &result), rule + "\n" + rule + "\n");
-    EXPECT_EQ(result, 54);
-}
-
-// A condition ties its map to the tested element, once: by uuid when the
-// element exists, else by the static path it would have.
-TEST(TriggerTables, ConditionsWatchByUuidOrByPathOnce)
-{
-    appliance a;
+    cfg *c = a.ctx();
+    cfg_schema_validator *v = validator(c, {"\\.name", "\\.mode"});
+    cfg_create_validator_triggers(c, a.conn1, v);
+    cfg_create_validator_triggers(c, a.conn1, v);
+    cfg_create_validator_triggers(c, a.conn2, validator(c, {"\\.name"}));
+    cfg_create_validator_triggers(c, a.user1, validator(c, {})); // no paths: nothing
+    cfg_element *fresh = cfg_new_map(c);
+    cfg_add_mapelem(c, a.system, "extra", fresh);
+    cfg_create_validator_triggers(c, fresh, validator(c, {"\\.port"}));
     for (cfg_element *map : {a.conn1, a.conn1, a.conn2})
         condition(a, map, "^^^system.hostname", 3, 3, text("gateway"));
     condition(a, a.conn2, ".trace", 2, 1, {.bool_value = 1});
     condition(a, a.system, ".proxy_mode", 2, 3, text("http"));
     condition(a, a.root, "system.loglevel", 5, 2, {.int_value = 7});
-    EXPECT_EQ(printed(a.ctx()), rule + "\nhost-1 triggers (conn-1, conn-2)\n"
-                                       "network.conns(2).trace triggers (conn-2)\n"
-                                       "system.proxy_mode triggers (sys-1)\n"
-                                       "system.loglevel triggers (root-1)\n"
-                                       "conn-1 thinks it is triggered by (host-1)\n"
-                                       "conn-2 thinks it is triggered by (host-1, "
-                                       "network.conns(2).trace)\n"
-                                       "sys-1 thinks it is triggered by (system.proxy_mode)\n"
-                                       "root-1 thinks it is triggered by (system.loglevel)\n" +
-                                       rule + "\n");
+
+    const std::string one = "network\\.conns\\(1\\)", two = "network\\.conns\\(2\\)";
+    const std::string extra = "system\\.extra\\.port", id = fresh->uuid;
+    EXPECT_EQ(printed(c), framed({
+                              one + "\\.name triggers (conn-1)",
+                              one + "\\.mode triggers (conn-1)",
+                              two + "\\.name triggers (conn-2)",
+                              extra + " triggers (" + id + ")",
+                              "host-1 triggers (conn-1, conn-2)",
+                              "network.conns(2).trace triggers (conn-2)",
+                              "system.proxy_mode triggers (sys-1)",
+                              "system.loglevel triggers (root-1)",
+                              "conn-1 thinks it is triggered by (" + one + "\\.name, " + one +
+                                  "\\.mode, host-1)",
+                              "conn-2 thinks it is triggered by (" + two +
+                                  "\\.name, host-1, network.conns(2).trace)",
+                              id + " thinks it is triggered by (" + extra + ")",
+                              "sys-1 thinks it is triggered by (system.proxy_mode)",
+                              "root-1 thinks it is triggered by (system.loglevel)",
+                          }));
+
+    cfg_free_trigger_tables(c);
+    int result = 0;
+    EXPECT_EQ(printed(c, &result), framed({}));
+    EXPECT_EQ(result, 54);
 }
 
 TEST(ValidationContext, SeenElementsAreEnteredOnce)

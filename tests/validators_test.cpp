@@ -18,14 +18,8 @@ struct tree : tree_context {
     cfg *c = ctx();
     cfg_element *root = cfg_load_map(c, "root-1");
 
-    cfg_element *map(cfg_element *parent, const char *key = nullptr)
-    {
-        return put(parent, key, cfg_new_map(c));
-    }
-    cfg_element *list(cfg_element *parent, const char *key)
-    {
-        return put(parent, key, cfg_new_list(c));
-    }
+    cfg_element *map(cfg_element *p, const char *k = nullptr) { return put(p, k, cfg_new_map(c)); }
+    cfg_element *list(cfg_element *p, const char *k) { return put(p, k, cfg_new_list(c)); }
     cfg_element *text(const std::string &value) { return cfg_new_string(c, value.c_str()); }
     cfg_element *set(cfg_element *map, const char *key, const char *value)
     {
