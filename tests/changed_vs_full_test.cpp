@@ -1,26 +1,20 @@
-// Changed-data validation judged against full validation: random edit
-// sequences on the appliance (with a user-to-certificate reference added).
-//
-// A sequence starts from the appliance after a clean full validation, its
-// flags cleared as after a commit or, one sequence in three, left standing.
-// Each round applies 1 to 6 random edits through the public interface, runs
-// cfg_validate_changed_data on the edited tree and cfg_validate_data on a
-// copy of its live elements in a fresh context. A round both accept is
-// mostly committed (deleted elements freed, flags cleared); the edits of a
-// rejected round, and of one accepted round in four, stay pending. Rules:
-//  1. Changed-data validation accepts exactly when full validation accepts;
-//     after edits to a certificate's members (judged by a validator that
-//     declares no trigger paths) only "changed rejects => full rejects".
+// Changed-data validation judged against full validation on random edit
+// sequences over the appliance (plus a user-to-certificate reference).
+// A sequence starts after a clean full validation, its flags cleared as by
+// a commit or, one sequence in three, left standing. Each round applies 1 to
+// 6 random edits, validates the edited tree changed-data and a copy of its
+// live elements in full; a round both accept is mostly committed, the rest
+// stay pending into the next. Rules:
+//  1. Same verdict; after edits to a certificate's members (judged by a
+//     validator that declares no trigger paths) only "changed rejects =>
+//     full rejects".
 //  2. An accepting run pushes no message.
-//  3. A rejecting changed-data run pushes at most one message; a rejecting
-//     full run at most one constraint message, or else only no-match
-//     messages, one per element left unaccounted.
-//  4. What changed-data reports is a real defect: (a) when full validation
-//     left elements unaccounted, it names one of them; (b) a constraint
-//     message naming an element names one whose own validation (or that of
+//  3. Changed-data rejects with at most one message; full with at most one
+//     constraint message, or only no-match messages, one per stray element.
+//  4. Changed-data reports a real defect: (a) one of full's stray elements
+//     when there are any; (b) an element whose own validation (or that of
 //     its nearest ancestor bound to a schema element) fails on a copy.
-//
-// A failure prints the seed and the edits. ZR_DIFF_SEQUENCES (200),
+// Failures print the seed and the edits. ZR_DIFF_SEQUENCES (200),
 // ZR_DIFF_ROUNDS (3) and ZR_DIFF_SEED (1) set the count, the rounds of one
 // sequence and the first seed.
 #include "appliance.h"
@@ -253,7 +247,8 @@ cfg_element *in(A &a, target where)
 }
 
 // Sets key of the target to a value from good, or one time in six from bad.
-template <typename T> edit set(target where, const char *key, std::vector<T> good, std::vector<T> bad)
+template <typename T>
+edit set(target where, const char *key, std::vector<T> good, std::vector<T> bad)
 {
     return [=](A &a) {
         if (cfg_element *map = in(a, where))

@@ -14,7 +14,7 @@ enum { EXISTS = 1, EQ, NE, GT, GE, LT, LE };
 
 struct if_case {
     const char *path;
-    int op, value_type;
+    int op, type;
     cfg_schema_value value;
 };
 
@@ -22,8 +22,8 @@ cfg_schema_value text_value(const char *v) { return {.string_value = const_cast<
 
 int evaluate(appliance &a, cfg_element *map, const if_case &c)
 {
-    return evaluate_if(a.ctx(), map,
-                       cfg_init_schema_if(a.ctx(), nullptr, c.path, c.op, c.value_type, c.value, 0));
+    cfg *x = a.ctx();
+    return evaluate_if(x, map, cfg_init_schema_if(x, nullptr, c.path, c.op, c.type, c.value, 0));
 }
 
 } // namespace
