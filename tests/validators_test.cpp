@@ -35,12 +35,6 @@ struct tree : tree_context {
     texts messages() const { return messages_of(c); }
 };
 
-std::string des_hash(const char *clear, const char *salt)
-{
-    crypt_data scratch{};
-    return crypt_r(clear, salt, &scratch);
-}
-
 } // namespace
 
 TEST(ValidatorTable, RowsLookupAndSilentMismatches)
@@ -110,6 +104,10 @@ TEST(KeysAndSecrets, SshKeys)
 
 TEST(KeysAndSecrets, PasswordsAgainstFixedSaltCrypt)
 {
+    auto des_hash = [](const char *clear, const char *salt) {
+        crypt_data scratch{};
+        return std::string(crypt_r(clear, salt, &scratch));
+    };
     const std::string hash = des_hash("s3cret", "Qz");
     EXPECT_EQ(validate_password("s3cret", hash.c_str()), 1);
     EXPECT_EQ(validate_password("s3creT", hash.c_str()), 0);
