@@ -42,10 +42,6 @@ std::string trigger_tables(cfg *c)
     return testing::internal::GetCapturedStdout();
 }
 
-} // namespace
-
-namespace {
-
 using V = validated_appliance;
 
 struct edit_case {

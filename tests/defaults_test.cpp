@@ -3,6 +3,7 @@
 #include "appliance.h"
 
 #include <map>
+#include <tuple>
 
 using namespace zrtest;
 
