@@ -186,16 +186,13 @@ TEST(ChangedData, FlaggedElementsAreTakenInIndexOrder)
 {
     // Enough elements that the index is walked in many stretches at once.
     log_capture log;
-    context_handle h;
-    cfg *c = h.get();
-    cfg_element *root = cfg_load_map(c, "root-1");
-    cfg_element *list = cfg_load_list(c, "values-1");
-    cfg_add_mapelem(c, root, "values", list);
+    tree_context t;
+    cfg *c = t.ctx();
+    cfg_element *list = t.put(cfg_load_map(c, "root-1"), "values", cfg_load_list(c, "values-1"));
     std::vector<cfg_element *> items;
     for (int i = 0; i < 5000; i++) {
         std::string uuid = "value-" + std::to_string(i);
-        items.push_back(cfg_load_int(c, uuid.c_str(), i));
-        cfg_add_listelem(c, list, items.back());
+        items.push_back(t.put(list, nullptr, cfg_load_int(c, uuid.c_str(), i)));
     }
     // Every seventh is flagged; a setter indexes the element anew, at the
     // end of the order, so every 150th of those comes last.
