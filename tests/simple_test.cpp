@@ -96,13 +96,12 @@ TEST(Paths, CanonicalAndStatic)
 
     // A daemon's id gives its number; a local id gives 100000000 plus the
     // position, and leads the path.
-    char *path = nullptr;
-    ASSERT_EQ(cfg_get_static_path(ctx, t.rule0, &path), 1);
-    EXPECT_STREQ(path, "cfg.rules(42)");
-    free(path);
-    ASSERT_EQ(cfg_get_static_path(ctx, t.rule1, &path), 1);
-    EXPECT_EQ(std::string(path), std::string(t.rule1->uuid) + ":cfg.rules(100000001)");
-    free(path);
+    auto static_path = [ctx](cfg_element *e) {
+        char *path = nullptr;
+        return cfg_get_static_path(ctx, e, &path) == 1 ? taken(path) : "(failed)";
+    };
+    EXPECT_EQ(static_path(t.rule0), "cfg.rules(42)");
+    EXPECT_EQ(static_path(t.rule1), std::string(t.rule1->uuid) + ":cfg.rules(100000001)");
 
     // An element with no place in the tree renders as its uuid; a cycle, as nothing.
     EXPECT_EQ(canonical(ctx, cfg_load_int(ctx, "loose", 1), 0, "."), "(loose)");
@@ -172,73 +171,62 @@ TEST(MapReaders, PathsTypesAndClearedOutputs)
     cfg_map_set_bool(ctx, t.cfgmap, "on", 1);
     cfg_map_set_reference(ctx, t.cfgmap, "first", "rule-42");
     cfg_map_set_blob(ctx, t.cfgmap, "key", "ab\0c", 4);
-    char *text = nullptr;
+    char *text = nullptr, *ref = nullptr;
     int number = 0, flag = 0;
     void *data = nullptr;
     size_t size = 0;
-    EXPECT_EQ(cfg_map_get_string(ctx, t.root, "cfg.rules[1].action", &text), 1);
-    EXPECT_EQ(taken(text), "deny");
-    EXPECT_EQ(cfg_map_get_int(ctx, t.cfgmap, "port", &number), 1);
-    EXPECT_EQ(number, 22);
-    EXPECT_EQ(cfg_map_get_bool(ctx, t.root, "cfg.on", &flag), 1);
-    EXPECT_EQ(flag, 1);
-    EXPECT_EQ(cfg_map_get_reference(ctx, t.cfgmap, "first", &text), 1);
-    EXPECT_EQ(taken(text), "rule-42");
-    ASSERT_EQ(cfg_map_get_blob(ctx, t.cfgmap, "key", &data, &size), 1);
+    EXPECT_TRUE(cfg_map_get_string(ctx, t.root, "cfg.rules[1].action", &text) &&
+                cfg_map_get_int(ctx, t.cfgmap, "port", &number) &&
+                cfg_map_get_bool(ctx, t.root, "cfg.on", &flag) &&
+                cfg_map_get_reference(ctx, t.cfgmap, "first", &ref) &&
+                cfg_map_get_blob(ctx, t.cfgmap, "key", &data, &size));
+    EXPECT_EQ(taken(text) + " " + taken(ref), "deny rule-42");
+    EXPECT_EQ(std::vector<int>({number, flag}), std::vector<int>({22, 1}));
     EXPECT_EQ(std::string(static_cast<char *>(data), size), std::string("ab\0c", 4));
     free(data);
 
     char *const marker = reinterpret_cast<char *>(0x1);
     text = marker;
     number = flag = 5;
-    EXPECT_EQ(cfg_map_get_string(ctx, t.cfgmap, "port", &text), 0);
-    EXPECT_EQ(cfg_map_get_int(ctx, t.cfgmap, "name", &number), 0);
-    EXPECT_EQ(cfg_map_get_bool(ctx, t.cfgmap, "port", &flag), 0);
+    EXPECT_FALSE(cfg_map_get_string(ctx, t.cfgmap, "port", &text) ||
+                 cfg_map_get_int(ctx, t.cfgmap, "name", &number) ||
+                 cfg_map_get_bool(ctx, t.cfgmap, "port", &flag));
     EXPECT_EQ(text, marker);
     EXPECT_EQ(number + flag, 10);
 
-    EXPECT_EQ(cfg_map_get_string(ctx, t.cfgmap, "none", &text), 0);
-    EXPECT_EQ(text, nullptr);
-    EXPECT_EQ(cfg_map_get_int(ctx, t.cfgmap, "rules[7]", &number), 0);
-    EXPECT_EQ(cfg_map_get_bool(ctx, t.cfgmap, "none", &flag), 0);
-    EXPECT_EQ(number + flag, 0);
-    text = marker;
-    EXPECT_EQ(cfg_map_get_reference(ctx, t.cfgmap, nullptr, &text), 0);
-    EXPECT_EQ(text, nullptr);
+    ref = marker;
     data = marker;
     size = 9;
-    EXPECT_EQ(cfg_map_get_blob(ctx, t.cfgmap, "none", &data, &size), 0);
-    EXPECT_EQ(data, nullptr);
-    EXPECT_EQ(size, 0u);
+    EXPECT_FALSE(cfg_map_get_string(ctx, t.cfgmap, "none", &text) ||
+                 cfg_map_get_int(ctx, t.cfgmap, "rules[7]", &number) ||
+                 cfg_map_get_bool(ctx, t.cfgmap, "none", &flag) ||
+                 cfg_map_get_reference(ctx, t.cfgmap, nullptr, &ref) ||
+                 cfg_map_get_blob(ctx, t.cfgmap, "none", &data, &size));
+    EXPECT_TRUE(text == nullptr && ref == nullptr && data == nullptr);
+    EXPECT_EQ(number + flag + size, 0u);
     size = 9;
     EXPECT_EQ(cfg_map_get_blob(ctx, t.cfgmap, "none", nullptr, &size), 0);
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(cfg_message_count(ctx), 0);
 }
 
-class BlobFile : public ::testing::Test {
-  protected:
+// A blob is written to its file with the asked mode (directories made
+// 0700), rewritten only when the content differs, and refused under a umask
+// that would take bits from the mode, below a regular file, or when the path
+// names no blob.
+TEST(BlobFile, WritesOnceRewritesOnChangeAndRefuses)
+{
     temp_dir dir;
     sample_tree t;
-
-    void SetUp() override
-    {
-        ASSERT_FALSE(dir.path().empty());
-        cfg_map_set_blob(t.ctx(), t.cfgmap, "key", "secret\n", 7);
-    }
-    int sync(const std::string &file, mode_t mode, const char *path = "cfg.key")
-    {
+    ASSERT_FALSE(dir.path().empty());
+    cfg_map_set_blob(t.ctx(), t.cfgmap, "key", "secret\n", 7);
+    auto sync = [&t](const std::string &file, mode_t mode, const char *path = "cfg.key") {
         return cfg_simple_sync_blob_to_file(t.ctx(), path, file.c_str(), mode);
-    }
-    static unsigned mode_of(const std::string &file)
-    {
+    };
+    auto mode_of = [](const std::string &file) {
         struct stat st;
-        return stat(file.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-    }
-};
-
-TEST_F(BlobFile, WritesOnceThenFindsItEqual)
-{
+        return stat(file.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0u;
+    };
     mode_t old_mask = umask(022);
     std::string file = dir.file("a/b/key.pem");
     EXPECT_EQ(sync(file, 0600), 1);
@@ -246,7 +234,6 @@ TEST_F(BlobFile, WritesOnceThenFindsItEqual)
     EXPECT_EQ(mode_of(file), 0600u);
     EXPECT_EQ(mode_of(dir.file("a")), 0700u);
     EXPECT_EQ(sync(file, 0600), 0);
-
     // Other content is rewritten; an equal file only gets the mode back.
     std::ofstream(file) << "secret\nand more";
     EXPECT_EQ(sync(file, 0600), 1);
@@ -257,25 +244,17 @@ TEST_F(BlobFile, WritesOnceThenFindsItEqual)
     EXPECT_EQ(sync(file, 0), 0);
     EXPECT_EQ(mode_of(file), 0644u);
     EXPECT_EQ(cfg_message_count(t.ctx()), 0);
-    umask(old_mask);
-}
 
-TEST_F(BlobFile, RefusalsAndUmask)
-{
-    std::string file = dir.file("key");
+    file = dir.file("key");
     EXPECT_EQ(sync(file, 0, "cfg.name"), -1);
     EXPECT_EQ(sync(file, 0, "cfg.none"), -1);
     EXPECT_EQ(cfg_message_count(t.ctx()), 0);
-
-    // A new file under a restrictive umask does not get the asked mode.
-    mode_t old_mask = umask(077);
+    umask(077);
     EXPECT_EQ(sync(file, 0644), -1);
     umask(old_mask);
     EXPECT_EQ(read_file(file), "secret\n");
     ASSERT_EQ(cfg_message_count(t.ctx()), 1);
     EXPECT_STREQ(cfg_get_first_message_string(t.ctx()), "File I/O error");
-
-    // The directory cannot be made below a regular file.
     EXPECT_EQ(sync(file + "/inner/key", 0), -1);
     EXPECT_EQ(cfg_message_count(t.ctx()), 2);
 }
