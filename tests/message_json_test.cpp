@@ -4,20 +4,6 @@
 
 using namespace zrtest;
 
-TEST(MessageJson, NullSlotIsSkippedWithALog)
-{
-    context_handle ctx;
-    log_capture logs;
-    cfg_message_add_database(ctx.get());
-    cfg_message_add_schema(ctx.get());
-    cfg_message *saved = ctx.get()->messages[0];
-    ctx.get()->messages[0] = nullptr;
-    json_handle stack(cfg_message_stack_to_json(ctx.get()));
-    ctx.get()->messages[0] = saved;
-    EXPECT_EQ(json_array_size(stack.get()), 1u);
-    EXPECT_TRUE(logs.has("null message[0] in config context"));
-}
-
 TEST(MessageJson, RoundTripKeepsCodesArgumentsAndText)
 {
     context_handle from, to;
