@@ -43,10 +43,6 @@ TEST(ElementJson, ValueEncodings)
     cfg_load_mapid(map, "z", "u1");
     cfg_load_mapid(map, "a", "u2");
     EXPECT_EQ(encoded_value(map), "{\"z\":\"u1\",\"a\":\"u2\"}");
-    cfg_element *odd = cfg_new_int(ctx, 1);
-    odd->type = 5;
-    EXPECT_EQ(elem_to_json(odd), nullptr);
-    odd->type = CFG_TYPE_INT;
 }
 
 TEST(ElementJson, WholeObjectInKeyOrder)
@@ -106,35 +102,20 @@ TEST(ElementJson, DecodesEachType)
     EXPECT_EQ(cfg_find_by_id(ctx, "u"), nullptr);
 }
 
-// Inputs the fuzz targets found faults with: the element objects of each
-// row are loaded in order, each into the index; the index then holds that
-// many elements, and nothing leaks (the sanitizer build checks).
-TEST(ElementJson, FuzzReproducers)
+// Found by fuzzing: ids differing only past the 255 kept characters name one
+// element, so the second replaces the first instead of being dropped
+// unindexed (and leaked; the sanitizer build checks).
+TEST(ElementJson, IdsCutToTheSameTextNameOneElement)
 {
+    context_handle h;
     const std::string cut(255, 'a');
-    struct row {
-        std::string objects;
-        unsigned held;
-    } rows[] = {
-        // Ids differing only past the 255 kept characters name one element:
-        // the second replaces the first instead of being dropped unindexed.
-        {R"([{"type":1,"id":")" + cut + R"(first","value":"true"},
-             {"type":1,"id":")" + cut + R"(second","value":"true"}])",
-         1},
-    };
-    for (const row &r : rows) {
-        context_handle h;
-        json_handle objects = parse_json(r.objects);
-        size_t i;
-        json_t *object;
-        json_array_foreach(objects.get(), i, object)
-        {
-            cfg_element *e = json_to_elem(h.get(), object);
-            ASSERT_NE(e, nullptr) << i;
-            EXPECT_EQ(cfg_find_by_id(h.get(), e->uuid), e) << i; // indexed, so owned
-        }
-        EXPECT_EQ(HASH_COUNT(h.get()->elements), r.held) << r.objects.substr(0, 60);
+    for (const char *tail : {"first", "second"}) {
+        json_handle object = parse_json(R"({"type":1,"id":")" + cut + tail + R"(","value":"true"})");
+        cfg_element *e = json_to_elem(h.get(), object.get());
+        ASSERT_NE(e, nullptr) << tail;
+        EXPECT_EQ(cfg_find_by_id(h.get(), e->uuid), e) << tail; // indexed, so owned
     }
+    EXPECT_EQ(HASH_COUNT(h.get()->elements), 1u);
 }
 
 TEST(ElementJson, RoundTripDropsReferenceAndFutureParents)
