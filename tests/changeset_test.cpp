@@ -33,19 +33,6 @@ applied replay(cfg *c, const std::string &changeset, int from_daemon = 1)
 
 } // namespace
 
-TEST(Changeset, EmptyChangesetLogsEveryListAndCountsNothing)
-{
-    context_handle ctx;
-    log_capture log;
-    applied a = replay(ctx.get(), "{}");
-    EXPECT_EQ(a.result, 1);
-    EXPECT_EQ(a.config_count, 0);
-    EXPECT_EQ(a.schema_count, 0);
-    ASSERT_EQ(log.lines.size(), 6u);
-    EXPECT_EQ(log.lines[5].message,
-              "applying changeset: 'deleted' schema elements: 0 items (success=1)");
-}
-
 TEST(Changeset, GenerationRuleOnDaemonChanges)
 {
     struct change {

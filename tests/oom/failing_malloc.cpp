@@ -4,9 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <execinfo.h>
 #include <new>
-#include <unistd.h>
 
 namespace {
 
@@ -49,12 +47,6 @@ bool fails_now(size_t size)
     if (--countdown != 0)
         return false;
     reached = true;
-    // OOM_TRACE=1 shows where each failing allocation was asked for.
-    if (getenv("OOM_TRACE") != nullptr) {
-        void *frames[12];
-        backtrace_symbols_fd(frames, backtrace(frames, 12), 2);
-        write(2, "--\n", 3);
-    }
     errno = ENOMEM;
     return true;
 }
