@@ -4,6 +4,12 @@
 #include <cstring>
 
 using namespace zrtest;
+using Elements = context_test;
+using Replacement = context_test;
+using References = context_test;
+using Lists = context_test;
+using Maps = context_test;
+using Deletion = context_test;
 
 namespace {
 
@@ -37,10 +43,8 @@ bool is_deleted(cfg_element *element) { return (element->flags & CFG_FLAG_DELETE
 
 } // namespace
 
-TEST(Elements, ValuesAndAccessors)
+TEST_F(Elements, ValuesAndAccessors)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     int b = -1;
     cfg_element *flag = cfg_new_bool(ctx, 7);
     EXPECT_TRUE(cfg_bool_value(flag, &b) && b == 7);
@@ -65,10 +69,8 @@ TEST(Elements, ValuesAndAccessors)
     EXPECT_EQ(cfg_find_by_id(ctx, flag->uuid), flag);
 }
 
-TEST(Replacement, CarriesIdentityParentsFlagsAndSchemaDeletesOldMembers)
+TEST_F(Replacement, CarriesIdentityParentsFlagsAndSchemaDeletesOldMembers)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *list = make_list(ctx, "L", 2);
     cfg_element *old = find(ctx, "m1");
     old->flags = CFG_FLAG_NEW;
@@ -104,10 +106,8 @@ TEST(Replacement, CarriesIdentityParentsFlagsAndSchemaDeletesOldMembers)
     EXPECT_TRUE(is_deleted(find(ctx, "a1")));
 }
 
-TEST(References, LinkMoveAndDuplicateOnReset)
+TEST_F(References, LinkMoveAndDuplicateOnReset)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *a = cfg_new_int_with_id(ctx, 1, "A");
     cfg_element *b = cfg_new_int_with_id(ctx, 2, "B");
     cfg_element *ref = cfg_new_reference_with_id(ctx, "A", "R");
@@ -126,10 +126,8 @@ TEST(References, LinkMoveAndDuplicateOnReset)
     cfg_free_element(ctx, ref);
 }
 
-TEST(Lists, ChangedFlagsOnAddAndRenumberingOnDelete)
+TEST_F(Lists, ChangedFlagsOnAddAndRenumberingOnDelete)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *list = make_list(ctx, "L", 3);
     EXPECT_EQ(list->flags, 0u); // unchanged children leave the list alone
     EXPECT_EQ(cfg_add_listelem(ctx, cfg_new_int(ctx, 1), cfg_new_int(ctx, 2)), nullptr);
@@ -146,10 +144,8 @@ TEST(Lists, ChangedFlagsOnAddAndRenumberingOnDelete)
 
 // The position index kept beside each list agrees with the links after
 // deletions and after a link appended behind its back.
-TEST(Lists, PositionsStayTrueToTheLinks)
+TEST_F(Lists, PositionsStayTrueToTheLinks)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *list = make_list(ctx, "L", 40);
     for (int i : {0, 17, 39, 5})
         cfg_delete_element(ctx, find(ctx, "m" + std::to_string(i)));
@@ -185,10 +181,8 @@ cfg_element *counting_lookup(cfg *ctx, const char *uuid)
 // Members reached by position are remembered beside the list; replacement,
 // deletion, release, links removed from outside and a foreign hook must all
 // be seen.
-TEST(Lists, MembersByPositionFollowChanges)
+TEST_F(Lists, MembersByPositionFollowChanges)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *list = make_list(ctx, "L", 12);
     for (int i = 0; i < 12; i++)
         ASSERT_EQ(at(ctx, list, i), find(ctx, "m" + std::to_string(i)));
@@ -210,10 +204,8 @@ TEST(Lists, MembersByPositionFollowChanges)
     EXPECT_EQ(hook_calls, 18);
 }
 
-TEST(Lists, FutureMembers)
+TEST_F(Lists, FutureMembers)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *list = cfg_load_list(ctx, "L");
     cfg_element *child = cfg_new_int_with_id(ctx, 1, "F");
     ASSERT_NE(cfg_append_future_listelem(ctx, list, child), nullptr);
@@ -233,10 +225,8 @@ TEST(Lists, FutureMembers)
     EXPECT_NE(child->future_parent, nullptr);
 }
 
-TEST(Maps, MembershipKeysAndSetters)
+TEST_F(Maps, MembershipKeysAndSetters)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *map = cfg_load_map(ctx, "M");
     cfg_element *first = cfg_load_int(ctx, "v1", 1);
     cfg_add_mapelem(ctx, map, "k", first);
@@ -262,10 +252,8 @@ TEST(Maps, MembershipKeysAndSetters)
     EXPECT_EQ(cfg_get_mapelem(map, "b"), nullptr);
 }
 
-TEST(Deletion, CascadesThroughReferencesAndFutureMembers)
+TEST_F(Deletion, CascadesThroughReferencesAndFutureMembers)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *target = cfg_new_int_with_id(ctx, 1, "T");
     cfg_element *ref = cfg_new_reference_with_id(ctx, "T", "R");
     cfg_delete_element(ctx, target);
@@ -324,21 +312,18 @@ std::vector<std::vector<unsigned>> delete_mixed_list(cfg *ctx, const std::string
 
 // Deleting a whole list takes one pass; the result is the one that deleting
 // its members one at a time (renumbering the rest each time) gives.
-TEST(Deletion, WholeListEndsAsMemberByMember)
+TEST_F(Deletion, WholeListEndsAsMemberByMember)
 {
-    context_handle h;
-    auto whole = delete_mixed_list(h.get(), "a", true);
-    EXPECT_EQ(whole, delete_mixed_list(h.get(), "b", false));
+    auto whole = delete_mixed_list(ctx, "a", true);
+    EXPECT_EQ(whole, delete_mixed_list(ctx, "b", false));
     EXPECT_EQ(whole[0][0], unsigned(CFG_FLAG_DELETED));
     EXPECT_EQ(whole[2][0], unsigned(CFG_FLAG_DELETED | CFG_FLAG_CHANGED));
     EXPECT_EQ(whole[5][1], 0u);
     EXPECT_TRUE(whole[5][2] & CFG_FLAG_DELETED);
 }
 
-TEST(Deletion, ReferenceCycleEnds)
+TEST_F(Deletion, ReferenceCycleEnds)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_new_int_with_id(ctx, 0, "X");
     cfg_element *a = cfg_new_reference_with_id(ctx, "X", "A");
     cfg_element *b = cfg_new_reference_with_id(ctx, "A", "B");

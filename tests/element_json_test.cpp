@@ -4,6 +4,7 @@
 #include <cstring>
 
 using namespace zrtest;
+using ElementJson = context_test;
 
 namespace {
 
@@ -15,10 +16,8 @@ std::string encoded_value(cfg_element *element)
 
 } // namespace
 
-TEST(ElementJson, ValueEncodings)
+TEST_F(ElementJson, ValueEncodings)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     const unsigned char bytes[] = {0x00, 0x0a, 0x7f, 0x80, 0xff};
     cfg_element *blob = cfg_new_blob(ctx, bytes, sizeof bytes);
     EXPECT_EQ(encoded_value(cfg_new_bool(ctx, 5)), "\"true\"");
@@ -45,10 +44,8 @@ TEST(ElementJson, ValueEncodings)
     EXPECT_EQ(encoded_value(map), "{\"z\":\"u1\",\"a\":\"u2\"}");
 }
 
-TEST(ElementJson, WholeObjectInKeyOrder)
+TEST_F(ElementJson, WholeObjectInKeyOrder)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *e = cfg_load_int(ctx, "E", 4);
     e->generation = 3;
     strcpy(e->schema, "S");
@@ -63,10 +60,8 @@ TEST(ElementJson, WholeObjectInKeyOrder)
               "\"type\":2,\"id\":\"E\",\"schema\":\"S\",\"value\":4}");
 }
 
-TEST(ElementJson, DecodesEachType)
+TEST_F(ElementJson, DecodesEachType)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     struct row {
         const char *json;
         unsigned type;
@@ -105,23 +100,20 @@ TEST(ElementJson, DecodesEachType)
 // Found by fuzzing: ids differing only past the 255 kept characters name one
 // element, so the second replaces the first instead of being dropped
 // unindexed (and leaked; the sanitizer build checks).
-TEST(ElementJson, IdsCutToTheSameTextNameOneElement)
+TEST_F(ElementJson, IdsCutToTheSameTextNameOneElement)
 {
-    context_handle h;
     const std::string cut(255, 'a');
     for (const char *tail : {"first", "second"}) {
         json_handle object = parse_json(R"({"type":1,"id":")" + cut + tail + R"(","value":"true"})");
-        cfg_element *e = json_to_elem(h.get(), object.get());
+        cfg_element *e = json_to_elem(ctx, object.get());
         ASSERT_NE(e, nullptr) << tail;
-        EXPECT_EQ(cfg_find_by_id(h.get(), e->uuid), e) << tail; // indexed, so owned
+        EXPECT_EQ(cfg_find_by_id(ctx, e->uuid), e) << tail; // indexed, so owned
     }
-    EXPECT_EQ(HASH_COUNT(h.get()->elements), 1u);
+    EXPECT_EQ(HASH_COUNT(ctx->elements), 1u);
 }
 
-TEST(ElementJson, RoundTripDropsReferenceAndFutureParents)
+TEST_F(ElementJson, RoundTripDropsReferenceAndFutureParents)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *e = cfg_load_string(ctx, "E", "v");
     e->generation = 12;
     cfg_add_mapelem(ctx, cfg_load_map(ctx, "M"), "k", e);

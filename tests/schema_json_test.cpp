@@ -7,6 +7,7 @@
 #include <utility>
 
 using namespace zrtest;
+using SchemaJson = context_test;
 
 namespace {
 
@@ -46,15 +47,14 @@ const char *const appliance_schema = R"({
 
 } // namespace
 
-TEST(SchemaJson, ApplianceSchemaWritesBackAsRead)
+TEST_F(SchemaJson, ApplianceSchemaWritesBackAsRead)
 {
-    context_handle h;
     json_handle nodes = parse_json(appliance_schema);
     const char *key;
     json_t *original;
     json_object_foreach(nodes.get(), key, original)
     {
-        cfg_schema_element *elem = json_to_schema_elem(h.get(), original);
+        cfg_schema_element *elem = json_to_schema_elem(ctx, original);
         ASSERT_NE(elem, nullptr) << key;
         json_handle written(schema_elem_to_json(elem));
         EXPECT_TRUE(json_equal(written.get(), original))
@@ -65,9 +65,8 @@ TEST(SchemaJson, ApplianceSchemaWritesBackAsRead)
 // Each element read and written back: the members of the expected object
 // show what was kept. A value of the wrong JSON type reads as absent; in an
 // allowed list it is skipped for strings and read as zero for numbers.
-TEST(SchemaJson, ValuesOfTheWrongJsonTypeAreIgnored)
+TEST_F(SchemaJson, ValuesOfTheWrongJsonTypeAreIgnored)
 {
-    context_handle h;
     const std::pair<const char *, const char *> cases[] = {
         {R"({"id": "s", "type": 4, "min_length": 2.0, "max_length": 8, "regex": 5,
              "default": false, "allowed": ["a", 1, null, "b"]})",
@@ -83,7 +82,7 @@ TEST(SchemaJson, ValuesOfTheWrongJsonTypeAreIgnored)
     };
     for (const auto &[input, expected] : cases) {
         SCOPED_TRACE(input);
-        cfg_schema_element *elem = load(h.get(), input);
+        cfg_schema_element *elem = load(ctx, input);
         ASSERT_NE(elem, nullptr);
         json_handle written(schema_elem_to_json(elem));
         json_handle kept = parse_json(expected);
@@ -96,13 +95,11 @@ TEST(SchemaJson, ValuesOfTheWrongJsonTypeAreIgnored)
         }
         EXPECT_EQ(sorted_dump(kept.get()), expected);
     }
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "m")->flags, unsigned(CFG_FLAG_CHANGED)); // by the tag
+    EXPECT_EQ(cfg_get_schema_node(ctx, "m")->flags, unsigned(CFG_FLAG_CHANGED)); // by the tag
 }
 
-TEST(SchemaJson, RejectedObjects)
+TEST_F(SchemaJson, RejectedObjects)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     for (const char *text : {R"({"id": "x", "type": 5})", R"({"id": "x", "type": 11})",
                              R"({"id": "x", "type": "4"})", R"({"id": "x", "type": 7})",
                              R"({"id": "x", "type": 7, "element_type": true})", R"([1])"})
@@ -115,27 +112,24 @@ TEST(SchemaJson, RejectedObjects)
 }
 
 // Of a doubled tag key the writer keeps the last value.
-TEST(SchemaJson, DoubledTagsAndUnsetListType)
+TEST_F(SchemaJson, DoubledTagsAndUnsetListType)
 {
-    context_handle h;
-    cfg_schema_element *b = cfg_new_schema_bool(h.get(), 0, 0);
+    cfg_schema_element *b = cfg_new_schema_bool(ctx, 0, 0);
     cfg_add_schema_tag(b, "k", "first");
     cfg_add_schema_tag(b, "k", "second");
-    cfg_schema_add_validator(b, cfg_init_schema_validator(h.get(), "no_password"));
+    cfg_schema_add_validator(b, cfg_init_schema_validator(ctx, "no_password"));
     json_handle full(schema_elem_to_json(b));
     EXPECT_EQ(sorted_dump(json_object_get(full.get(), "tags")), R"({"k":"second"})");
     EXPECT_EQ(sorted_dump(json_object_get(full.get(), "validators")),
               R"([{"parameters":[],"paths":[],"validator":"no_password"}])");
 
-    cfg_schema_element *l = cfg_new_schema_list(h.get(), 0, 0, 0, 0, 2, 0, nullptr);
+    cfg_schema_element *l = cfg_new_schema_list(ctx, 0, 0, 0, 0, 2, 0, nullptr);
     json_handle list(schema_elem_to_json(l));
     EXPECT_TRUE(json_is_null(json_object_get(list.get(), "element_type")));
 }
 
-TEST(SchemaJson, IfWriterAndReaderKeepTheirAsymmetries)
+TEST_F(SchemaJson, IfWriterAndReaderKeepTheirAsymmetries)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_schema_value value{};
 
     value.int_value = 1000;

@@ -5,6 +5,9 @@
 #include <cstring>
 
 using namespace zrtest;
+using SchemaElements = context_test;
+using SchemaTree = context_test;
+using SchemaTypes = context_test;
 
 namespace {
 
@@ -37,13 +40,12 @@ bool deleted(cfg_schema_element *elem)
 
 } // namespace
 
-TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
+TEST_F(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
 {
-    context_handle h;
-    cfg_schema_element *s = cfg_new_schema_string(h.get(), 1, 32, 1, 2, "eth0", "^eth[0-9]+$");
+    cfg_schema_element *s = cfg_new_schema_string(ctx, 1, 32, 1, 2, "eth0", "^eth[0-9]+$");
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(s->flags, unsigned(CFG_FLAG_NEW));
-    EXPECT_EQ(cfg_get_schema_by_id(h.get(), s->uuid), s);
+    EXPECT_EQ(cfg_get_schema_by_id(ctx, s->uuid), s);
     int has_max = 0, max = 0, has_min = 0, min = 0;
     char *def = nullptr, *regex = nullptr;
     ASSERT_TRUE(cfg_schema_string_values(s, &has_max, &max, &has_min, &min, &def, &regex));
@@ -51,13 +53,13 @@ TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     EXPECT_EQ(taken(def) + " " + taken(regex), "eth0 ^eth[0-9]+$");
 
     // float: the three flags first, the three doubles last.
-    cfg_schema_element *f = cfg_load_schema_float(h.get(), "f-1", 1, 0, 1, 9.5, 1.5, 4.25);
+    cfg_schema_element *f = cfg_load_schema_float(ctx, "f-1", 1, 0, 1, 9.5, 1.5, 4.25);
     int fh[3] = {-1, -1, -1};
     double fv[3] = {0, 0, 0};
     ASSERT_TRUE(cfg_schema_float_values(f, &fh[0], &fv[0], &fh[1], &fv[1], &fh[2], &fv[2]));
     EXPECT_EQ(std::vector<int>(fh, fh + 3), (std::vector<int>{0, 1, 1}));
     EXPECT_EQ(std::vector<double>(fv, fv + 3), (std::vector<double>{1.5, 9.5, 4.25}));
-    cfg_schema_element *i = cfg_load_schema_int(h.get(), "i-1", 1, 100, 0, 5, 1, 42);
+    cfg_schema_element *i = cfg_load_schema_int(ctx, "i-1", 1, 100, 0, 5, 1, 42);
     int v[6] = {-1, -1, -1, -1, -1, -1};
     ASSERT_TRUE(cfg_schema_int_values(i, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]));
     EXPECT_EQ(std::vector<int>(v, v + 6), (std::vector<int>{0, 5, 1, 100, 1, 42}));
@@ -71,18 +73,17 @@ TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     EXPECT_EQ(text, reinterpret_cast<char *>(0x1));
 }
 
-TEST(SchemaElements, IfValuesDependOnOperator)
+TEST_F(SchemaElements, IfValuesDependOnOperator)
 {
-    context_handle h;
     cfg_schema_value value{};
     char text[] = "static";
     value.string_value = text;
-    cfg_schema_element *exists = cfg_init_schema_if(h.get(), "if-1", ".mode", 1, 3, value, 4);
+    cfg_schema_element *exists = cfg_init_schema_if(ctx, "if-1", ".mode", 1, 3, value, 4);
     EXPECT_EQ(exists->u.cond.value_type, 0);
     EXPECT_EQ(exists->u.cond.value.string_value, nullptr);
     EXPECT_STREQ(exists->u.cond.value_id, "");
 
-    cfg_schema_element *eq = cfg_load_schema_if(h.get(), "if-2", ".mode", 2, 3, value, "v-1", 9);
+    cfg_schema_element *eq = cfg_load_schema_if(ctx, "if-2", ".mode", 2, 3, value, "v-1", 9);
     text[0] = 'S'; // the element holds its own copy
     int priority = 0;
     cfg_schema_value out{};
@@ -93,21 +94,20 @@ TEST(SchemaElements, IfValuesDependOnOperator)
 
     // A missing value id is generated; a long one is cut.
     std::string long_id(100, 'x');
-    EXPECT_EQ(strlen(cfg_load_schema_if(h.get(), "if-3", "a", 4, 2, value, nullptr, 0)->u.cond.value_id),
+    EXPECT_EQ(strlen(cfg_load_schema_if(ctx, "if-3", "a", 4, 2, value, nullptr, 0)->u.cond.value_id),
               36u);
-    EXPECT_EQ(strlen(cfg_load_schema_if(h.get(), "if-4", "a", 4, 2, value, long_id.c_str(), 0)
+    EXPECT_EQ(strlen(cfg_load_schema_if(ctx, "if-4", "a", 4, 2, value, long_id.c_str(), 0)
                          ->u.cond.value_id),
               63u);
 }
 
 // Allowed values keep their order and repeats; of a tag key's repeats the
 // first wins until it is deleted.
-TEST(SchemaElements, AllowedValuesAndTags)
+TEST_F(SchemaElements, AllowedValuesAndTags)
 {
-    context_handle h;
-    cfg_schema_element *s = cfg_load_schema_string(h.get(), "s-1", 0, 0, 0, 0, nullptr, nullptr);
+    cfg_schema_element *s = cfg_load_schema_string(ctx, "s-1", 0, 0, 0, 0, nullptr, nullptr);
     for (const char *v : {"a", "b", "a"})
-        EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, v));
+        EXPECT_TRUE(cfg_add_schema_string_allowed(ctx, s, v));
     EXPECT_EQ(s->flags, unsigned(CFG_FLAG_CHANGED));
     EXPECT_TRUE(cfg_delete_schema_string_allowed(s, "a"));
     EXPECT_FALSE(cfg_delete_schema_string_allowed(s, "zzz"));
@@ -118,11 +118,11 @@ TEST(SchemaElements, AllowedValuesAndTags)
         if (cfg_schema_string_get_allowed_index(s, i, &value))
             allowed.push_back(taken(value));
     EXPECT_EQ(allowed, (texts{"b", "a"}));
-    cfg_schema_element *f = cfg_load_schema_float(h.get(), "f-1", 0, 0, 0, 0, 0, 0);
-    EXPECT_FALSE(cfg_add_schema_int_allowed(h.get(), f, 3)); // wrong type
+    cfg_schema_element *f = cfg_load_schema_float(ctx, "f-1", 0, 0, 0, 0, 0, 0);
+    EXPECT_FALSE(cfg_add_schema_int_allowed(ctx, f, 3)); // wrong type
     EXPECT_EQ(f->flags, 0u);
 
-    cfg_schema_element *m = cfg_load_schema_map(h.get(), "m-1");
+    cfg_schema_element *m = cfg_load_schema_map(ctx, "m-1");
     EXPECT_FALSE(cfg_add_schema_tag(m, "k", nullptr));
     EXPECT_EQ(m->flags, 0u);
     EXPECT_TRUE(cfg_add_schema_tag(m, "ui", "hidden"));
@@ -133,10 +133,8 @@ TEST(SchemaElements, AllowedValuesAndTags)
     EXPECT_STREQ(cfg_get_schema_tag(m, "ui"), "shown");
 }
 
-TEST(SchemaTree, MemberAndConditionalLinks)
+TEST_F(SchemaTree, MemberAndConditionalLinks)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_schema_element *m = cfg_load_schema_map(ctx, "m-1");
     EXPECT_TRUE(cfg_load_schema_mapid(m, 0, "name", "s-1"));
     EXPECT_TRUE(cfg_load_schema_mapid(m, 1, "mtu", "i-1"));
@@ -182,12 +180,11 @@ TEST(SchemaTree, MemberAndConditionalLinks)
     EXPECT_STREQ(cfg_get_schema_map_conditionalelem(clean, 0), cond->uuid);
 }
 
-TEST(SchemaTree, InsertingAnExistingUuidReplacesTheEntryOnly)
+TEST_F(SchemaTree, InsertingAnExistingUuidReplacesTheEntryOnly)
 {
-    context_handle h;
-    cfg_schema_element *first = cfg_load_schema_int(h.get(), "dup", 0, 0, 0, 0, 1, 1);
-    cfg_schema_element *second = cfg_load_schema_int(h.get(), "dup", 0, 0, 0, 0, 1, 2);
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "dup"), second);
+    cfg_schema_element *first = cfg_load_schema_int(ctx, "dup", 0, 0, 0, 0, 1, 1);
+    cfg_schema_element *second = cfg_load_schema_int(ctx, "dup", 0, 0, 0, 0, 1, 2);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "dup"), second);
     EXPECT_EQ(HASH_COUNT(h.schema->elements), 1u);
     cfg_free_schema_element(first); // still the caller's
     EXPECT_TRUE(cfg_delete_schema_elem(&h.schema->elements, "dup"));
@@ -229,38 +226,35 @@ struct marked_tree {
 // Marking follows required and optional members and conditionals, never
 // deprecated members, and unlinks nothing; releasing the base of a map frees
 // one level below it.
-TEST(SchemaTree, DeletionMarksAndReleaseFreesOneLevel)
+TEST_F(SchemaTree, DeletionMarksAndReleaseFreesOneLevel)
 {
-    context_handle h;
-    marked_tree t(h.get());
-    cfg_delete_schema_element(h.get(), t.system);
+    marked_tree t(ctx);
+    cfg_delete_schema_element(ctx, t.system);
     for (auto *e : {t.system, t.name, t.tz, t.legacy, t.root, t.addr})
         EXPECT_EQ(deleted(e), e == t.system || e == t.name || e == t.tz) << e->uuid;
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "name"), t.name);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "name"), t.name);
 
     cfg_load_schema_mapid(t.legacy, 0, "back", "root"); // a cycle through deprecated
     cfg_load_schema_mapconditional(t.cond, "root");    // and one through a conditional
-    cfg_delete_schema_members(h.get(), t.root);
+    cfg_delete_schema_members(ctx, t.root);
     EXPECT_EQ(t.root->flags, unsigned(CFG_FLAG_CHANGED | CFG_FLAG_DELETED));
     for (auto *e : {t.system, t.name, t.tz, t.note, t.cond, t.addr})
         EXPECT_TRUE(deleted(e)) << e->uuid;
     EXPECT_FALSE(deleted(t.legacy));
-    cfg_delete_schema_members(h.get(), t.name); // not a map: left alone
+    cfg_delete_schema_members(ctx, t.name); // not a map: left alone
     EXPECT_EQ(t.name->flags, unsigned(CFG_FLAG_DELETED));
 
-    cfg_free_schema_element_base(h.get(), t.system);
+    cfg_free_schema_element_base(ctx, t.system);
     for (const char *id : {"system", "name", "tz"})
-        EXPECT_EQ(cfg_get_schema_node(h.get(), id), nullptr) << id;
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "legacy"), t.legacy);
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "root"), t.root);
+        EXPECT_EQ(cfg_get_schema_node(ctx, id), nullptr) << id;
+    EXPECT_EQ(cfg_get_schema_node(ctx, "legacy"), t.legacy);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "root"), t.root);
 }
 
 // A setter keeps uuid, flags, generation, tags and its own type's allowed
 // values, but not validators or links; the old map's members are marked.
-TEST(SchemaTree, SettersReplaceUnderTheSameUuid)
+TEST_F(SchemaTree, SettersReplaceUnderTheSameUuid)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_schema_element *i = cfg_load_schema_int(ctx, "port", 1, 10, 0, 0, 0, 0);
     i->generation = 7;
     i->flags = CFG_FLAG_NEW;
@@ -295,10 +289,8 @@ TEST(SchemaTree, SettersReplaceUnderTheSameUuid)
     EXPECT_STREQ(cfg_set_schema_reference(ctx, t.note, "root")->u.reference.target, "root");
 }
 
-TEST(SchemaTypes, RegistryReplacesAndLists)
+TEST_F(SchemaTypes, RegistryReplacesAndLists)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     char **names = reinterpret_cast<char **>(0x1);
     int count = -1;
     EXPECT_TRUE(cfg_types(ctx, &names, &count) && names == nullptr && count == 0);
@@ -312,10 +304,8 @@ TEST(SchemaTypes, RegistryReplacesAndLists)
     EXPECT_FALSE(cfg_delete_type(ctx, "user"));
 }
 
-TEST(SchemaTypes, PurgeFollowsNamedListTypes)
+TEST_F(SchemaTypes, PurgeFollowsNamedListTypes)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     marked_tree t(ctx);
     // root gains a list of the named type "sys", which resolves to system;
     // system's deprecated "legacy" has a deprecated key of its own.
