@@ -66,20 +66,9 @@ void oom::arm(long nth)
     countdown = nth;
 }
 
-void oom::disarm()
-{
-    countdown = 0;
-}
-
-bool oom::last_run_failed()
-{
-    return reached;
-}
-
-size_t oom::largest_request()
-{
-    return largest;
-}
+void oom::disarm() { countdown = 0; }
+bool oom::last_run_failed() { return reached; }
+size_t oom::largest_request() { return largest; }
 
 extern "C" void *malloc(size_t size)
 {
@@ -132,23 +121,8 @@ void *operator new(size_t size)
         throw std::bad_alloc();
     return p;
 }
-void *operator new[](size_t size)
-{
-    return operator new(size);
-}
-void operator delete(void *p) noexcept
-{
-    free(p);
-}
-void operator delete[](void *p) noexcept
-{
-    free(p);
-}
-void operator delete(void *p, size_t) noexcept
-{
-    free(p);
-}
-void operator delete[](void *p, size_t) noexcept
-{
-    free(p);
-}
+void *operator new[](size_t size) { return operator new(size); }
+void operator delete(void *p) noexcept { free(p); }
+void operator delete[](void *p) noexcept { free(p); }
+void operator delete(void *p, size_t) noexcept { free(p); }
+void operator delete[](void *p, size_t) noexcept { free(p); }
