@@ -130,45 +130,37 @@ TEST_F(SchemaJson, DoubledTagsAndUnsetListType)
 
 TEST_F(SchemaJson, IfWriterAndReaderKeepTheirAsymmetries)
 {
-    cfg_schema_value value{};
-
-    value.int_value = 1000;
-    cfg_schema_element *ge = cfg_load_schema_if(ctx, "ge", "^.mtu", 5, 2, value, "v-1", 2);
-    json_handle ge_json(schema_elem_to_json(ge));
-    EXPECT_EQ(sorted_dump(json_object_get(ge_json.get(), "expression")),
-              R"(["^.mtu",">=",{"id":"v-1","type":"integer","value":1000}])");
-    json_object_set_new(ge_json.get(), "id", json_string("ge-back"));
-    cfg_schema_element *ge_back = json_to_schema_elem(ctx, ge_json.get());
-    EXPECT_EQ(ge_back->u.cond.op, 5);
-    EXPECT_EQ(ge_back->u.cond.value_type, 0); // "integer" is not read as "int"
-    EXPECT_STREQ(ge_back->u.cond.path, "^.mtu");
-
-    value.float_value = 2.5;
-    cfg_schema_element *lt = cfg_load_schema_if(ctx, "lt", ".load", 6, 4, value, "v-2", 0);
-    json_handle lt_json(schema_elem_to_json(lt));
-    EXPECT_EQ(sorted_dump(json_object_get(lt_json.get(), "expression")),
-              R"([".load","<",2.5,{"id":"v-2","type":"float"}])");
-    json_object_set_new(lt_json.get(), "id", json_string("lt-back"));
-    cfg_schema_element *lt_back = json_to_schema_elem(ctx, lt_json.get());
-    EXPECT_EQ(lt_back->u.cond.op, 0);
-    EXPECT_EQ(lt_back->u.cond.path, nullptr);
-    EXPECT_EQ(strlen(lt_back->u.cond.value_id), 36u); // generated
-
-    cfg_schema_element *none = cfg_load_schema_if(ctx, "none", nullptr, 0, 0, value, "v-3", 0);
-    json_handle none_json(schema_elem_to_json(none));
-    EXPECT_EQ(sorted_dump(json_object_get(none_json.get(), "expression")), "[null]");
-
-    cfg_schema_element *ex = cfg_load_schema_if(ctx, "ex", ".gateway", 1, 0, value, nullptr, 4);
-    json_handle ex_json(schema_elem_to_json(ex));
-    EXPECT_STREQ(json_string_value(json_object_get(ex_json.get(), "exists")), ".gateway");
-    EXPECT_EQ(json_object_get(ex_json.get(), "expression"), nullptr);
+    // Written ("exists", then "expression"), then read back under another id.
+    std::string written;
+    auto round_trip = [this, &written](const char *id, const char *path, int op, int type,
+                                       cfg_schema_value v) {
+        json_handle json(schema_elem_to_json(cfg_load_schema_if(ctx, id, path, op, type, v, "v", 2)));
+        written = dump(json_object_get(json.get(), "exists")) + " " +
+                  sorted_dump(json_object_get(json.get(), "expression"));
+        json_object_set_new(json.get(), "id", json_string((std::string(id) + "-back").c_str()));
+        return json_to_schema_elem(ctx, json.get());
+    };
+    cfg_schema_element *ge = round_trip("ge", "^.mtu", 5, 2, {.int_value = 1000});
+    EXPECT_EQ(written, R"((none) ["^.mtu",">=",{"id":"v","type":"integer","value":1000}])");
+    EXPECT_EQ(ge->u.cond.op, 5);
+    EXPECT_EQ(ge->u.cond.value_type, 0); // "integer" is not read as "int"
+    EXPECT_STREQ(ge->u.cond.path, "^.mtu");
+    cfg_schema_element *lt = round_trip("lt", ".load", 6, 4, {.float_value = 2.5});
+    EXPECT_EQ(written, R"((none) [".load","<",2.5,{"id":"v","type":"float"}])");
+    EXPECT_TRUE(lt->u.cond.op == 0 && lt->u.cond.path == nullptr);
+    EXPECT_EQ(strlen(lt->u.cond.value_id), 36u); // generated
+    round_trip("none", nullptr, 0, 0, {});
+    EXPECT_EQ(written, "(none) [null]");
+    cfg_schema_element *ex = round_trip("ex", ".gateway", 1, 0, {});
+    EXPECT_EQ(written, "\".gateway\" (none)");
+    EXPECT_EQ(ex->u.cond.op, 1);
+    EXPECT_STREQ(ex->u.cond.path, ".gateway");
 
     struct {
         const char *text;
         int op, value_type;
         const char *path;
     } reads[] = {
-        {R"({"exists": ".a"})", 1, 0, ".a"},
         {R"({"exists": 3, "expression": ["p", "==", {"type": "int", "value": 1}]})", 0, 0, nullptr},
         {R"({"expression": ["p", "<=", {"type": "float", "value": 1.5}]})", 7, 4, "p"},
         {R"({"expression": ["p", "~", {"type": "int", "value": 1}]})", 0, 2, "p"},
