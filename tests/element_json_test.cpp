@@ -4,6 +4,7 @@
 #include <cstring>
 
 using namespace zrtest;
+using ElementJson = context_test;
 
 namespace {
 
@@ -15,10 +16,8 @@ std::string encoded_value(cfg_element *element)
 
 } // namespace
 
-TEST(ElementJson, ValueEncodings)
+TEST_F(ElementJson, ValueEncodings)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     const unsigned char bytes[] = {0x00, 0x0a, 0x7f, 0x80, 0xff};
     cfg_element *blob = cfg_new_blob(ctx, bytes, sizeof bytes);
     EXPECT_EQ(encoded_value(cfg_new_bool(ctx, 5)), "\"true\"");
@@ -43,16 +42,12 @@ TEST(ElementJson, ValueEncodings)
     cfg_load_mapid(map, "z", "u1");
     cfg_load_mapid(map, "a", "u2");
     EXPECT_EQ(encoded_value(map), "{\"z\":\"u1\",\"a\":\"u2\"}");
-    cfg_element *odd = cfg_new_int(ctx, 1);
-    odd->type = 5;
-    EXPECT_EQ(elem_to_json(odd), nullptr);
-    odd->type = CFG_TYPE_INT;
 }
 
-TEST(ElementJson, WholeObjectInKeyOrder)
+// The whole object in its key order; read back, only the container links
+// stay: reference parents and the future parent are dropped.
+TEST_F(ElementJson, WholeObjectInKeyOrderAndBack)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_element *e = cfg_load_int(ctx, "E", 4);
     e->generation = 3;
     strcpy(e->schema, "S");
@@ -65,12 +60,23 @@ TEST(ElementJson, WholeObjectInKeyOrder)
               "{\"list\":\"L\",\"type\":\"list\",\"index\":0},"
               "{\"reference\":\"R\",\"type\":\"reference\"}],"
               "\"type\":2,\"id\":\"E\",\"schema\":\"S\",\"value\":4}");
+
+    cfg_append_future_listelem(ctx, cfg_load_list(ctx, "F"), e);
+    object.reset(elem_to_json(e));
+    EXPECT_STREQ(json_string_value(json_object_get(object.get(), "future_parent")), "F");
+    cfg_element *back = json_to_elem(ctx, object.get());
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(cfg_find_by_id(ctx, "E"), back);
+    EXPECT_EQ(back->generation, 3);
+    EXPECT_EQ(back->future_parent, nullptr);
+    ASSERT_EQ(cfg_link_list_length(back->parents), 2);
+    auto *link = static_cast<cfg_parent_link *>(back->parents->data);
+    EXPECT_EQ(link->type, unsigned(CFG_TYPE_MAP));
+    EXPECT_STREQ(link->name, "key");
 }
 
-TEST(ElementJson, DecodesEachType)
+TEST_F(ElementJson, DecodesEachType)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     struct row {
         const char *json;
         unsigned type;
@@ -106,58 +112,19 @@ TEST(ElementJson, DecodesEachType)
     EXPECT_EQ(cfg_find_by_id(ctx, "u"), nullptr);
 }
 
-// Inputs the fuzz targets found faults with: the element objects of each
-// row are loaded in order, each into the index; the index then holds that
-// many elements, and nothing leaks (the sanitizer build checks).
-TEST(ElementJson, FuzzReproducers)
+// Found by fuzzing: ids differing only past the 255 kept characters name one
+// element, so the second replaces the first instead of being dropped
+// unindexed (and leaked; the sanitizer build checks).
+TEST_F(ElementJson, IdsCutToTheSameTextNameOneElement)
 {
     const std::string cut(255, 'a');
-    struct row {
-        std::string objects;
-        unsigned held;
-    } rows[] = {
-        // Ids differing only past the 255 kept characters name one element:
-        // the second replaces the first instead of being dropped unindexed.
-        {R"([{"type":1,"id":")" + cut + R"(first","value":"true"},
-             {"type":1,"id":")" + cut + R"(second","value":"true"}])",
-         1},
-    };
-    for (const row &r : rows) {
-        context_handle h;
-        json_handle objects = parse_json(r.objects);
-        size_t i;
-        json_t *object;
-        json_array_foreach(objects.get(), i, object)
-        {
-            cfg_element *e = json_to_elem(h.get(), object);
-            ASSERT_NE(e, nullptr) << i;
-            EXPECT_EQ(cfg_find_by_id(h.get(), e->uuid), e) << i; // indexed, so owned
-        }
-        EXPECT_EQ(HASH_COUNT(h.get()->elements), r.held) << r.objects.substr(0, 60);
+    for (const char *tail : {"first", "second"}) {
+        json_handle object = parse_json(R"({"type":1,"id":")" + cut + tail + R"(","value":"true"})");
+        cfg_element *e = json_to_elem(ctx, object.get());
+        ASSERT_NE(e, nullptr) << tail;
+        EXPECT_EQ(cfg_find_by_id(ctx, e->uuid), e) << tail; // indexed, so owned
     }
-}
-
-TEST(ElementJson, RoundTripDropsReferenceAndFutureParents)
-{
-    context_handle h;
-    cfg *ctx = h.get();
-    cfg_element *e = cfg_load_string(ctx, "E", "v");
-    e->generation = 12;
-    cfg_add_mapelem(ctx, cfg_load_map(ctx, "M"), "k", e);
-    cfg_new_reference_with_id(ctx, "E", "R");
-    cfg_append_future_listelem(ctx, cfg_load_list(ctx, "L"), e);
-    json_handle object(elem_to_json(e));
-    EXPECT_STREQ(json_string_value(json_object_get(object.get(), "future_parent")), "L");
-
-    cfg_element *back = json_to_elem(ctx, object.get());
-    ASSERT_NE(back, nullptr);
-    EXPECT_EQ(cfg_find_by_id(ctx, "E"), back);
-    EXPECT_EQ(back->generation, 12);
-    EXPECT_EQ(back->future_parent, nullptr);
-    ASSERT_EQ(cfg_link_list_length(back->parents), 1);
-    auto *link = static_cast<cfg_parent_link *>(back->parents->data);
-    EXPECT_EQ(link->type, unsigned(CFG_TYPE_MAP));
-    EXPECT_STREQ(link->name, "k");
+    EXPECT_EQ(HASH_COUNT(ctx->elements), 1u);
 }
 
 TEST(JsonPathGet, SegmentsAndIndexes)

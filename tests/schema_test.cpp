@@ -5,6 +5,9 @@
 #include <cstring>
 
 using namespace zrtest;
+using SchemaElements = context_test;
+using SchemaTree = context_test;
+using SchemaTypes = context_test;
 
 namespace {
 
@@ -37,39 +40,29 @@ bool deleted(cfg_schema_element *elem)
 
 } // namespace
 
-TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
+TEST_F(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
 {
-    context_handle h;
-    cfg_schema_element *s = cfg_new_schema_string(h.get(), 1, 32, 1, 2, "eth0", "^eth[0-9]+$");
+    cfg_schema_element *s = cfg_new_schema_string(ctx, 1, 32, 1, 2, "eth0", "^eth[0-9]+$");
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(s->flags, unsigned(CFG_FLAG_NEW));
-    EXPECT_EQ(cfg_get_schema_by_id(h.get(), s->uuid), s);
-
+    EXPECT_EQ(cfg_get_schema_by_id(ctx, s->uuid), s);
     int has_max = 0, max = 0, has_min = 0, min = 0;
     char *def = nullptr, *regex = nullptr;
     ASSERT_TRUE(cfg_schema_string_values(s, &has_max, &max, &has_min, &min, &def, &regex));
-    EXPECT_EQ(max, 32);
-    EXPECT_EQ(min, 2);
-    EXPECT_NE(def, s->u.string.default_value); // a copy
-    EXPECT_EQ(taken(def), "eth0");
-    EXPECT_EQ(taken(regex), "^eth[0-9]+$");
+    EXPECT_EQ(std::vector<int>({max, min}), std::vector<int>({32, 2}));
+    EXPECT_EQ(taken(def) + " " + taken(regex), "eth0 ^eth[0-9]+$");
 
     // float: the three flags first, the three doubles last.
-    cfg_schema_element *f = cfg_load_schema_float(h.get(), "f-1", 1, 0, 1, 9.5, 1.5, 4.25);
+    cfg_schema_element *f = cfg_load_schema_float(ctx, "f-1", 1, 0, 1, 9.5, 1.5, 4.25);
     int fh[3] = {-1, -1, -1};
     double fv[3] = {0, 0, 0};
     ASSERT_TRUE(cfg_schema_float_values(f, &fh[0], &fv[0], &fh[1], &fv[1], &fh[2], &fv[2]));
     EXPECT_EQ(std::vector<int>(fh, fh + 3), (std::vector<int>{0, 1, 1}));
     EXPECT_EQ(std::vector<double>(fv, fv + 3), (std::vector<double>{1.5, 9.5, 4.25}));
-
-    cfg_schema_element *i = cfg_load_schema_int(h.get(), "i-1", 1, 100, 0, 5, 1, 42);
+    cfg_schema_element *i = cfg_load_schema_int(ctx, "i-1", 1, 100, 0, 5, 1, 42);
     int v[6] = {-1, -1, -1, -1, -1, -1};
     ASSERT_TRUE(cfg_schema_int_values(i, &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]));
     EXPECT_EQ(std::vector<int>(v, v + 6), (std::vector<int>{0, 5, 1, 100, 1, 42}));
-
-    char *target = nullptr; // a reference without a target reads as none
-    EXPECT_FALSE(cfg_schema_reference_value(cfg_init_schema_reference(h.get(), "r-2"), &target));
-    EXPECT_EQ(target, nullptr);
 
     // Readers of another type refuse and leave their outputs alone.
     int marker = 77;
@@ -80,18 +73,17 @@ TEST(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     EXPECT_EQ(text, reinterpret_cast<char *>(0x1));
 }
 
-TEST(SchemaElements, IfValuesDependOnOperator)
+TEST_F(SchemaElements, IfValuesDependOnOperator)
 {
-    context_handle h;
     cfg_schema_value value{};
     char text[] = "static";
     value.string_value = text;
-    cfg_schema_element *exists = cfg_init_schema_if(h.get(), "if-1", ".mode", 1, 3, value, 4);
+    cfg_schema_element *exists = cfg_init_schema_if(ctx, "if-1", ".mode", 1, 3, value, 4);
     EXPECT_EQ(exists->u.cond.value_type, 0);
     EXPECT_EQ(exists->u.cond.value.string_value, nullptr);
     EXPECT_STREQ(exists->u.cond.value_id, "");
 
-    cfg_schema_element *eq = cfg_load_schema_if(h.get(), "if-2", ".mode", 2, 3, value, "v-1", 9);
+    cfg_schema_element *eq = cfg_load_schema_if(ctx, "if-2", ".mode", 2, 3, value, "v-1", 9);
     text[0] = 'S'; // the element holds its own copy
     int priority = 0;
     cfg_schema_value out{};
@@ -100,43 +92,37 @@ TEST(SchemaElements, IfValuesDependOnOperator)
     EXPECT_EQ(taken(out.string_value), "static");
     EXPECT_STREQ(eq->u.cond.value_id, "v-1");
 
+    // A missing value id is generated; a long one is cut.
     std::string long_id(100, 'x');
-    cfg_schema_element *generated = cfg_load_schema_if(h.get(), "if-3", "a", 4, 2, value, nullptr, 0);
-    EXPECT_EQ(strlen(generated->u.cond.value_id), 36u);
-    cfg_schema_element *bounded = cfg_load_schema_if(h.get(), "if-4", "a", 4, 2, value, long_id.c_str(), 0);
-    EXPECT_EQ(strlen(bounded->u.cond.value_id), 63u);
+    EXPECT_EQ(strlen(cfg_load_schema_if(ctx, "if-3", "a", 4, 2, value, nullptr, 0)->u.cond.value_id),
+              36u);
+    EXPECT_EQ(strlen(cfg_load_schema_if(ctx, "if-4", "a", 4, 2, value, long_id.c_str(), 0)
+                         ->u.cond.value_id),
+              63u);
 }
 
-TEST(SchemaElements, AllowedValuesKeepOrderAndRepeats)
+// Allowed values keep their order and repeats; of a tag key's repeats the
+// first wins until it is deleted.
+TEST_F(SchemaElements, AllowedValuesAndTags)
 {
-    context_handle h;
-    cfg_schema_element *s = cfg_load_schema_string(h.get(), "s-1", 0, 0, 0, 0, nullptr, nullptr);
-    EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, "a"));
-    EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, "b"));
-    EXPECT_TRUE(cfg_add_schema_string_allowed(h.get(), s, "a"));
+    cfg_schema_element *s = cfg_load_schema_string(ctx, "s-1", 0, 0, 0, 0, nullptr, nullptr);
+    for (const char *v : {"a", "b", "a"})
+        EXPECT_TRUE(cfg_add_schema_string_allowed(ctx, s, v));
     EXPECT_EQ(s->flags, unsigned(CFG_FLAG_CHANGED));
     EXPECT_TRUE(cfg_delete_schema_string_allowed(s, "a"));
     EXPECT_FALSE(cfg_delete_schema_string_allowed(s, "zzz"));
     ASSERT_EQ(cfg_schema_string_allowed_size(s), 2);
+    texts allowed;
     char *value = nullptr;
-    EXPECT_TRUE(cfg_schema_string_get_allowed_index(s, 0, &value));
-    EXPECT_EQ(taken(value), "b");
-    EXPECT_TRUE(cfg_schema_string_get_allowed_index(s, 1, &value));
-    EXPECT_EQ(taken(value), "a");
-    EXPECT_FALSE(cfg_schema_string_get_allowed_index(s, 2, &value));
-    EXPECT_FALSE(cfg_schema_string_get_allowed_index(s, -1, &value));
-
-    cfg_schema_element *f = cfg_load_schema_float(h.get(), "f-1", 0, 0, 0, 0, 0, 0);
-    EXPECT_FALSE(cfg_add_schema_int_allowed(h.get(), f, 3)); // wrong type
+    for (int i = -1; i < 3; i++)
+        if (cfg_schema_string_get_allowed_index(s, i, &value))
+            allowed.push_back(taken(value));
+    EXPECT_EQ(allowed, (texts{"b", "a"}));
+    cfg_schema_element *f = cfg_load_schema_float(ctx, "f-1", 0, 0, 0, 0, 0, 0);
+    EXPECT_FALSE(cfg_add_schema_int_allowed(ctx, f, 3)); // wrong type
     EXPECT_EQ(f->flags, 0u);
-    int iv = 0;
-    EXPECT_FALSE(cfg_schema_int_get_allowed_index(f, 0, &iv));
-}
 
-TEST(SchemaElements, TagsFirstOfAKeyWins)
-{
-    context_handle h;
-    cfg_schema_element *m = cfg_load_schema_map(h.get(), "m-1");
+    cfg_schema_element *m = cfg_load_schema_map(ctx, "m-1");
     EXPECT_FALSE(cfg_add_schema_tag(m, "k", nullptr));
     EXPECT_EQ(m->flags, 0u);
     EXPECT_TRUE(cfg_add_schema_tag(m, "ui", "hidden"));
@@ -145,13 +131,10 @@ TEST(SchemaElements, TagsFirstOfAKeyWins)
     EXPECT_STREQ(cfg_get_schema_tag(m, "ui"), "hidden");
     EXPECT_TRUE(cfg_delete_schema_tag(m, "ui"));
     EXPECT_STREQ(cfg_get_schema_tag(m, "ui"), "shown");
-    EXPECT_EQ(cfg_get_schema_tag(m, "none"), nullptr);
 }
 
-TEST(SchemaTree, MemberAndConditionalLinks)
+TEST_F(SchemaTree, MemberAndConditionalLinks)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_schema_element *m = cfg_load_schema_map(ctx, "m-1");
     EXPECT_TRUE(cfg_load_schema_mapid(m, 0, "name", "s-1"));
     EXPECT_TRUE(cfg_load_schema_mapid(m, 1, "mtu", "i-1"));
@@ -161,17 +144,19 @@ TEST(SchemaTree, MemberAndConditionalLinks)
     EXPECT_STREQ(cfg_get_schema_mapelem(m, 1, "mtu"), "i-1");
     EXPECT_EQ(cfg_get_schema_mapelem(m, 0, "mtu"), nullptr);
 
+    // Conditional links are numbered and renumbered when one goes.
     for (const char *id : {"c-0", "c-1", "c-2"})
         cfg_load_schema_mapconditional(m, id);
     int size = 0;
-    EXPECT_TRUE(cfg_schema_map_conditional_size(m, &size));
-    EXPECT_EQ(size, 3);
-    auto *second = static_cast<cfg_schema_mapconditional *>(m->u.map.conditionals->next->data);
-    EXPECT_EQ(second->index, 1);
+    EXPECT_TRUE(cfg_schema_map_conditional_size(m, &size) && size == 3);
     EXPECT_EQ(cfg_get_schema_map_conditionalelem(m, 3), nullptr);
     EXPECT_TRUE(cfg_delete_schema_map_conditionalelem_linkage(m, "c-0"));
     EXPECT_STREQ(cfg_get_schema_map_conditionalelem(m, 0), "c-1");
-    EXPECT_EQ(static_cast<cfg_schema_mapconditional *>(m->u.map.conditionals->data)->index, 0);
+    for (int i : {0, 1}) {
+        void *link = nullptr;
+        cfg_link_list_get(m->u.map.conditionals, i, &link);
+        EXPECT_EQ(static_cast<cfg_schema_mapconditional *>(link)->index, i);
+    }
     EXPECT_TRUE(cfg_schema_map_delete_key_linkage(m, 1, "mtu"));
     EXPECT_EQ(cfg_get_schema_mapelem(m, 1, "mtu"), nullptr);
 
@@ -187,7 +172,6 @@ TEST(SchemaTree, MemberAndConditionalLinks)
     EXPECT_STREQ(cfg_get_schema_mapelem(clean, 0, "name"), fresh->uuid);
     EXPECT_EQ(keys_of(clean, 0).size(), 1u);
     EXPECT_EQ(clean->flags, unsigned(CFG_FLAG_CHANGED));
-
     cfg_schema_element *cond = new_if(ctx, ".mode", 2);
     EXPECT_FALSE(cfg_add_schema_mapelem(ctx, cond, 0, "name", fresh));
     EXPECT_TRUE(cfg_add_schema_map_conditionalelem(ctx, cond, new_if(ctx, ".x", 1)));
@@ -196,20 +180,15 @@ TEST(SchemaTree, MemberAndConditionalLinks)
     EXPECT_STREQ(cfg_get_schema_map_conditionalelem(clean, 0), cond->uuid);
 }
 
-TEST(SchemaTree, InsertingAnExistingUuidReplacesTheEntryOnly)
+TEST_F(SchemaTree, InsertingAnExistingUuidReplacesTheEntryOnly)
 {
-    context_handle h;
-    cfg_schema_element *first = cfg_load_schema_int(h.get(), "dup", 0, 0, 0, 0, 1, 1);
-    cfg_schema_element *second = cfg_load_schema_int(h.get(), "dup", 0, 0, 0, 0, 1, 2);
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "dup"), second);
+    cfg_schema_element *first = cfg_load_schema_int(ctx, "dup", 0, 0, 0, 0, 1, 1);
+    cfg_schema_element *second = cfg_load_schema_int(ctx, "dup", 0, 0, 0, 0, 1, 2);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "dup"), second);
     EXPECT_EQ(HASH_COUNT(h.schema->elements), 1u);
-    EXPECT_EQ(first->u.integer.default_value, 1); // still allocated, unchanged
-    cfg_free_schema_element(first);
-    EXPECT_EQ(cfg_get_schema_node(h.get(), nullptr), nullptr);
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "DUP"), nullptr);
+    cfg_free_schema_element(first); // still the caller's
     EXPECT_TRUE(cfg_delete_schema_elem(&h.schema->elements, "dup"));
     EXPECT_EQ(h.schema->elements, nullptr);
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "dup"), nullptr);
     cfg_free_schema_element(second);
 }
 
@@ -244,43 +223,44 @@ struct marked_tree {
 
 } // namespace
 
-TEST(SchemaTree, DeletionFollowsRequiredOptionalAndConditionals)
+// Marking follows required and optional members and conditionals, never
+// deprecated members, and unlinks nothing; releasing the base of a map frees
+// one level below it.
+TEST_F(SchemaTree, DeletionMarksAndReleaseFreesOneLevel)
 {
-    context_handle h;
-    marked_tree t(h.get());
+    marked_tree t(ctx);
+    cfg_delete_schema_element(ctx, t.system);
+    for (auto *e : {t.system, t.name, t.tz, t.legacy, t.root, t.addr})
+        EXPECT_EQ(deleted(e), e == t.system || e == t.name || e == t.tz) << e->uuid;
+    EXPECT_EQ(cfg_get_schema_node(ctx, "name"), t.name);
+
     cfg_load_schema_mapid(t.legacy, 0, "back", "root"); // a cycle through deprecated
     cfg_load_schema_mapconditional(t.cond, "root");    // and one through a conditional
-    cfg_delete_schema_members(h.get(), t.root);
+    cfg_delete_schema_members(ctx, t.root);
     EXPECT_EQ(t.root->flags, unsigned(CFG_FLAG_CHANGED | CFG_FLAG_DELETED));
     for (auto *e : {t.system, t.name, t.tz, t.note, t.cond, t.addr})
         EXPECT_TRUE(deleted(e)) << e->uuid;
     EXPECT_FALSE(deleted(t.legacy));
-
-    cfg_delete_schema_members(h.get(), t.name); // not a map: left alone
+    cfg_delete_schema_members(ctx, t.name); // not a map: left alone
     EXPECT_EQ(t.name->flags, unsigned(CFG_FLAG_DELETED));
+
+    cfg_free_schema_element_base(ctx, t.system);
+    for (const char *id : {"system", "name", "tz"})
+        EXPECT_EQ(cfg_get_schema_node(ctx, id), nullptr) << id;
+    EXPECT_EQ(cfg_get_schema_node(ctx, "legacy"), t.legacy);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "root"), t.root);
 }
 
-TEST(SchemaTree, DeleteElementMarksItselfAndBelow)
+// A setter keeps uuid, flags, generation, tags and its own type's allowed
+// values, but not validators or links; the old map's members are marked.
+TEST_F(SchemaTree, SettersReplaceUnderTheSameUuid)
 {
-    context_handle h;
-    marked_tree t(h.get());
-    cfg_delete_schema_element(h.get(), t.system);
-    for (auto *e : {t.system, t.name, t.tz, t.legacy, t.root, t.addr})
-        EXPECT_EQ(deleted(e), e == t.system || e == t.name || e == t.tz) << e->uuid;
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "name"), t.name); // nothing unlinked
-}
-
-TEST(SchemaTree, SetterReplacesUnderTheSameUuid)
-{
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_schema_element *i = cfg_load_schema_int(ctx, "port", 1, 10, 0, 0, 0, 0);
     i->generation = 7;
     i->flags = CFG_FLAG_NEW;
     cfg_add_schema_tag(i, "ui", "port");
     cfg_add_schema_int_allowed(ctx, i, 22);
     cfg_schema_add_validator(i, cfg_init_schema_validator(ctx, "range"));
-
     cfg_schema_element *same = cfg_set_schema_int(ctx, i, 1, 1, 1, 65535, 1, 22);
     ASSERT_NE(same, nullptr);
     EXPECT_EQ(cfg_get_schema_node(ctx, "port"), same);
@@ -289,54 +269,31 @@ TEST(SchemaTree, SetterReplacesUnderTheSameUuid)
     EXPECT_STREQ(cfg_get_schema_tag(same, "ui"), "port");
     EXPECT_EQ(cfg_schema_int_allowed_size(same), 1);
     EXPECT_EQ(same->validators_count, 0);
-
     cfg_schema_element *s = cfg_set_schema_string(ctx, same, 1, 1, 1, 5, "^[0-9]+$", "22");
     EXPECT_EQ(s->type, CFG_TYPE_STRING);
     EXPECT_EQ(cfg_schema_string_allowed_size(s), 0); // int entries do not carry over
     EXPECT_EQ(cfg_set_schema_bool(ctx, nullptr, 0, 0), nullptr);
-}
 
-TEST(SchemaTree, SetterOnAMapMarksItsMembersDeleted)
-{
-    context_handle h;
-    marked_tree t(h.get());
-    cfg_schema_element *root = cfg_set_schema_map(h.get(), t.root);
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "root"), root);
-    EXPECT_TRUE(keys_of(root, 0).empty()); // links are not carried over
+    marked_tree t(ctx);
+    cfg_schema_element *root = cfg_set_schema_map(ctx, t.root);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "root"), root);
+    EXPECT_TRUE(keys_of(root, 0).empty());
     EXPECT_EQ(root->flags, unsigned(CFG_FLAG_CHANGED));
     for (const char *id : {"system", "name", "tz", "note", "cond", "addr"})
-        EXPECT_TRUE(deleted(cfg_get_schema_node(h.get(), id))) << id;
+        EXPECT_TRUE(deleted(cfg_get_schema_node(ctx, id))) << id;
     EXPECT_FALSE(deleted(t.legacy));
-
-    // The if and reference setters replace under the same uuid as well.
     cfg_schema_element *cond =
-        cfg_set_schema_if(h.get(), t.cond, "speed", 5, 4, {.float_value = 2.5}, "v-9", 3);
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "cond"), cond);
+        cfg_set_schema_if(ctx, t.cond, "speed", 5, 4, {.float_value = 2.5}, "v-9", 3);
+    EXPECT_EQ(cfg_get_schema_node(ctx, "cond"), cond);
     EXPECT_STREQ(cond->u.cond.value_id, "v-9");
-    EXPECT_EQ(cfg_set_schema_reference(h.get(), t.note, "root")->u.reference.target,
-              std::string("root"));
+    EXPECT_STREQ(cfg_set_schema_reference(ctx, t.note, "root")->u.reference.target, "root");
 }
 
-TEST(SchemaTree, FreeElementBaseReleasesOneLevel)
+TEST_F(SchemaTypes, RegistryReplacesAndLists)
 {
-    context_handle h;
-    marked_tree t(h.get());
-    cfg_free_schema_element_base(h.get(), t.system);
-    for (const char *id : {"system", "name", "tz"})
-        EXPECT_EQ(cfg_get_schema_node(h.get(), id), nullptr) << id;
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "legacy"), t.legacy);
-    EXPECT_EQ(cfg_get_schema_node(h.get(), "root"), t.root);
-}
-
-TEST(SchemaTypes, RegistryReplacesAndLists)
-{
-    context_handle h;
-    cfg *ctx = h.get();
     char **names = reinterpret_cast<char **>(0x1);
     int count = -1;
-    EXPECT_TRUE(cfg_types(ctx, &names, &count));
-    EXPECT_EQ(names, nullptr);
-    EXPECT_EQ(count, 0);
+    EXPECT_TRUE(cfg_types(ctx, &names, &count) && names == nullptr && count == 0);
     cfg_add_type(ctx, "interface", "u-1");
     cfg_add_type(ctx, "user", "u-2");
     EXPECT_TRUE(cfg_add_type(ctx, "interface", "u-3"));
@@ -347,10 +304,8 @@ TEST(SchemaTypes, RegistryReplacesAndLists)
     EXPECT_FALSE(cfg_delete_type(ctx, "user"));
 }
 
-TEST(SchemaTypes, PurgeFollowsNamedListTypes)
+TEST_F(SchemaTypes, PurgeFollowsNamedListTypes)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     marked_tree t(ctx);
     // root gains a list of the named type "sys", which resolves to system;
     // system's deprecated "legacy" has a deprecated key of its own.

@@ -13,13 +13,11 @@ namespace {
 
 // root-1 { cfg: { name: "box", port: 22, rules: [ {action: "allow"}, {action: "deny"} ] } },
 // the second rule with a local id.
-struct sample_tree {
-    context_handle h;
+struct sample_tree : context_test {
     cfg_element *root, *cfgmap, *rules, *rule0, *rule1;
 
     sample_tree()
     {
-        cfg *ctx = h.get();
         root = cfg_load_map(ctx, "root-1");
         cfgmap = cfg_load_map(ctx, "cfg-7");
         cfg_add_mapelem(ctx, root, "cfg", cfgmap);
@@ -34,7 +32,6 @@ struct sample_tree {
         cfg_map_set_string(ctx, rule0, "action", "allow");
         cfg_map_set_string(ctx, rule1, "action", "deny");
     }
-    cfg *ctx() const { return h.get(); }
 };
 
 std::string canonical(cfg *ctx, cfg_element *e, unsigned flags, const char *sep)
@@ -58,12 +55,16 @@ cfg_element *get_va(cfg *ctx, char **path, const char *format, ...)
     return found;
 }
 
+using Paths = sample_tree;
+using SimpleAccess = sample_tree;
+using MapReaders = sample_tree;
+using BlobFile = sample_tree;
+using TextDump = context_test;
+
 } // namespace
 
-TEST(Paths, Walking)
+TEST_F(Paths, Walking)
 {
-    sample_tree t;
-    cfg *ctx = t.ctx();
     cfg_element *name = cfg_get_by_path(ctx, "cfg.name");
     ASSERT_NE(name, nullptr);
     struct row {
@@ -71,47 +72,44 @@ TEST(Paths, Walking)
         const char *path;
         cfg_element *expected;
     } rows[] = {
-        {t.root, "..cfg..name", name},
-        {t.root, "cfg.rules[1]", t.rule1},
-        {t.rules, "[5]", nullptr},
-        {t.rules, "[0", nullptr},
-        {t.cfgmap, "[0]", nullptr},
-        {t.cfgmap, "", t.cfgmap},
-        {t.rules, "(cfg-7).name", name},
-        {t.root, "(nowhere)", nullptr},
+        {root, "..cfg..name", name},
+        {root, "cfg.rules[1]", rule1},
+        {rules, "[5]", nullptr},
+        {rules, "[0", nullptr},
+        {cfgmap, "[0]", nullptr},
+        {cfgmap, "", cfgmap},
+        {rules, "(cfg-7).name", name},
+        {root, "(nowhere)", nullptr},
     };
     for (const row &r : rows)
         EXPECT_EQ(cfg_get_child_by_path(ctx, r.start, r.path), r.expected) << r.path;
-    EXPECT_EQ(cfg_get_by_path(ctx, ""), t.root);
+    EXPECT_EQ(cfg_get_by_path(ctx, ""), root);
 }
 
-TEST(Paths, CanonicalAndStatic)
+TEST_F(Paths, CanonicalAndStatic)
 {
-    sample_tree t;
-    cfg *ctx = t.ctx();
-    cfg_element *action1 = cfg_get_child_by_path(ctx, t.rule1, "action");
+    cfg_element *action1 = cfg_get_child_by_path(ctx, rule1, "action");
     EXPECT_EQ(canonical(ctx, action1, 0, "."), "cfg.rules[1].action");
     EXPECT_EQ(canonical(ctx, action1, 1, "/"), "cfg/rules/1/action");
     EXPECT_EQ(canonical(ctx, action1, 0, nullptr), "cfgrules[1]action");
 
     // A daemon's id gives its number; a local id gives 100000000 plus the
     // position, and leads the path.
-    char *path = nullptr;
-    ASSERT_EQ(cfg_get_static_path(ctx, t.rule0, &path), 1);
-    EXPECT_STREQ(path, "cfg.rules(42)");
-    free(path);
-    ASSERT_EQ(cfg_get_static_path(ctx, t.rule1, &path), 1);
-    EXPECT_EQ(std::string(path), std::string(t.rule1->uuid) + ":cfg.rules(100000001)");
-    free(path);
+    auto static_path = [this](cfg_element *e) {
+        char *path = nullptr;
+        return cfg_get_static_path(ctx, e, &path) == 1 ? taken(path) : "(failed)";
+    };
+    EXPECT_EQ(static_path(rule0), "cfg.rules(42)");
+    EXPECT_EQ(static_path(rule1), std::string(rule1->uuid) + ":cfg.rules(100000001)");
 
     // An element with no place in the tree renders as its uuid; a cycle, as nothing.
     EXPECT_EQ(canonical(ctx, cfg_load_int(ctx, "loose", 1), 0, "."), "(loose)");
-    cfg_load_mapparent(t.root, "cfg-7", "up");
+    cfg_load_mapparent(root, "cfg-7", "up");
     unsigned count = 0;
-    EXPECT_EQ(cfg_get_path_elements(ctx, t.cfgmap, &count, 1), nullptr);
+    EXPECT_EQ(cfg_get_path_elements(ctx, cfgmap, &count, 1), nullptr);
 }
 
-TEST(Paths, BasenameForms)
+TEST_F(Paths, BasenameForms)
 {
     cfg_parent_link list{};
     list.type = CFG_TYPE_LIST;
@@ -127,10 +125,8 @@ TEST(Paths, BasenameForms)
     EXPECT_STREQ(small, "(lo");
 }
 
-TEST(SimpleAccess, ValuesAndDoubledNotFoundMessages)
+TEST_F(SimpleAccess, ValuesAndDoubledNotFoundMessages)
 {
-    sample_tree t;
-    cfg *ctx = t.ctx();
     char *text = nullptr;
     int value = 0;
     EXPECT_EQ(cfg_simple_string_value_by_path(ctx, &text, "cfg.%s", "name"), 1);
@@ -138,7 +134,7 @@ TEST(SimpleAccess, ValuesAndDoubledNotFoundMessages)
     free(text);
     EXPECT_EQ(cfg_simple_int_value_by_path(ctx, &value, "cfg.port"), 1);
     EXPECT_EQ(value, 22);
-    EXPECT_EQ(cfg_simple_get_by_path(ctx, "cfg.rules[%d]", 1), t.rule1);
+    EXPECT_EQ(cfg_simple_get_by_path(ctx, "cfg.rules[%d]", 1), rule1);
     // A type mismatch is silent.
     EXPECT_EQ(cfg_simple_int_value_by_path(ctx, &value, "cfg.name"), 0);
     EXPECT_EQ(cfg_message_count(ctx), 0);
@@ -165,80 +161,66 @@ TEST(SimpleAccess, ValuesAndDoubledNotFoundMessages)
 // The map readers walk a relative path from start (a plain key is one) and
 // answer with the type's accessor: a wrong type leaves the output alone,
 // nothing found clears it.
-TEST(MapReaders, PathsTypesAndClearedOutputs)
+TEST_F(MapReaders, PathsTypesAndClearedOutputs)
 {
-    sample_tree t;
-    cfg *ctx = t.ctx();
-    cfg_map_set_bool(ctx, t.cfgmap, "on", 1);
-    cfg_map_set_reference(ctx, t.cfgmap, "first", "rule-42");
-    cfg_map_set_blob(ctx, t.cfgmap, "key", "ab\0c", 4);
-    char *text = nullptr;
+    cfg_map_set_bool(ctx, cfgmap, "on", 1);
+    cfg_map_set_reference(ctx, cfgmap, "first", "rule-42");
+    cfg_map_set_blob(ctx, cfgmap, "key", "ab\0c", 4);
+    char *text = nullptr, *ref = nullptr;
     int number = 0, flag = 0;
     void *data = nullptr;
     size_t size = 0;
-    EXPECT_EQ(cfg_map_get_string(ctx, t.root, "cfg.rules[1].action", &text), 1);
-    EXPECT_EQ(taken(text), "deny");
-    EXPECT_EQ(cfg_map_get_int(ctx, t.cfgmap, "port", &number), 1);
-    EXPECT_EQ(number, 22);
-    EXPECT_EQ(cfg_map_get_bool(ctx, t.root, "cfg.on", &flag), 1);
-    EXPECT_EQ(flag, 1);
-    EXPECT_EQ(cfg_map_get_reference(ctx, t.cfgmap, "first", &text), 1);
-    EXPECT_EQ(taken(text), "rule-42");
-    ASSERT_EQ(cfg_map_get_blob(ctx, t.cfgmap, "key", &data, &size), 1);
+    EXPECT_TRUE(cfg_map_get_string(ctx, root, "cfg.rules[1].action", &text) &&
+                cfg_map_get_int(ctx, cfgmap, "port", &number) &&
+                cfg_map_get_bool(ctx, root, "cfg.on", &flag) &&
+                cfg_map_get_reference(ctx, cfgmap, "first", &ref) &&
+                cfg_map_get_blob(ctx, cfgmap, "key", &data, &size));
+    EXPECT_EQ(taken(text) + " " + taken(ref), "deny rule-42");
+    EXPECT_EQ(std::vector<int>({number, flag}), std::vector<int>({22, 1}));
     EXPECT_EQ(std::string(static_cast<char *>(data), size), std::string("ab\0c", 4));
     free(data);
 
     char *const marker = reinterpret_cast<char *>(0x1);
     text = marker;
     number = flag = 5;
-    EXPECT_EQ(cfg_map_get_string(ctx, t.cfgmap, "port", &text), 0);
-    EXPECT_EQ(cfg_map_get_int(ctx, t.cfgmap, "name", &number), 0);
-    EXPECT_EQ(cfg_map_get_bool(ctx, t.cfgmap, "port", &flag), 0);
+    EXPECT_FALSE(cfg_map_get_string(ctx, cfgmap, "port", &text) ||
+                 cfg_map_get_int(ctx, cfgmap, "name", &number) ||
+                 cfg_map_get_bool(ctx, cfgmap, "port", &flag));
     EXPECT_EQ(text, marker);
     EXPECT_EQ(number + flag, 10);
 
-    EXPECT_EQ(cfg_map_get_string(ctx, t.cfgmap, "none", &text), 0);
-    EXPECT_EQ(text, nullptr);
-    EXPECT_EQ(cfg_map_get_int(ctx, t.cfgmap, "rules[7]", &number), 0);
-    EXPECT_EQ(cfg_map_get_bool(ctx, t.cfgmap, "none", &flag), 0);
-    EXPECT_EQ(number + flag, 0);
-    text = marker;
-    EXPECT_EQ(cfg_map_get_reference(ctx, t.cfgmap, nullptr, &text), 0);
-    EXPECT_EQ(text, nullptr);
+    ref = marker;
     data = marker;
     size = 9;
-    EXPECT_EQ(cfg_map_get_blob(ctx, t.cfgmap, "none", &data, &size), 0);
-    EXPECT_EQ(data, nullptr);
-    EXPECT_EQ(size, 0u);
+    EXPECT_FALSE(cfg_map_get_string(ctx, cfgmap, "none", &text) ||
+                 cfg_map_get_int(ctx, cfgmap, "rules[7]", &number) ||
+                 cfg_map_get_bool(ctx, cfgmap, "none", &flag) ||
+                 cfg_map_get_reference(ctx, cfgmap, nullptr, &ref) ||
+                 cfg_map_get_blob(ctx, cfgmap, "none", &data, &size));
+    EXPECT_TRUE(text == nullptr && ref == nullptr && data == nullptr);
+    EXPECT_EQ(number + flag + size, 0u);
     size = 9;
-    EXPECT_EQ(cfg_map_get_blob(ctx, t.cfgmap, "none", nullptr, &size), 0);
+    EXPECT_EQ(cfg_map_get_blob(ctx, cfgmap, "none", nullptr, &size), 0);
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(cfg_message_count(ctx), 0);
 }
 
-class BlobFile : public ::testing::Test {
-  protected:
-    temp_dir dir;
-    sample_tree t;
-
-    void SetUp() override
-    {
-        ASSERT_FALSE(dir.path().empty());
-        cfg_map_set_blob(t.ctx(), t.cfgmap, "key", "secret\n", 7);
-    }
-    int sync(const std::string &file, mode_t mode, const char *path = "cfg.key")
-    {
-        return cfg_simple_sync_blob_to_file(t.ctx(), path, file.c_str(), mode);
-    }
-    static unsigned mode_of(const std::string &file)
-    {
-        struct stat st;
-        return stat(file.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-    }
-};
-
-TEST_F(BlobFile, WritesOnceThenFindsItEqual)
+// A blob is written to its file with the asked mode (directories made
+// 0700), rewritten only when the content differs, and refused under a umask
+// that would take bits from the mode, below a regular file, or when the path
+// names no blob.
+TEST_F(BlobFile, WritesOnceRewritesOnChangeAndRefuses)
 {
+    temp_dir dir;
+    ASSERT_FALSE(dir.path().empty());
+    cfg_map_set_blob(ctx, cfgmap, "key", "secret\n", 7);
+    auto sync = [this](const std::string &file, mode_t mode, const char *path = "cfg.key") {
+        return cfg_simple_sync_blob_to_file(ctx, path, file.c_str(), mode);
+    };
+    auto mode_of = [](const std::string &file) {
+        struct stat st;
+        return stat(file.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0u;
+    };
     mode_t old_mask = umask(022);
     std::string file = dir.file("a/b/key.pem");
     EXPECT_EQ(sync(file, 0600), 1);
@@ -246,7 +228,6 @@ TEST_F(BlobFile, WritesOnceThenFindsItEqual)
     EXPECT_EQ(mode_of(file), 0600u);
     EXPECT_EQ(mode_of(dir.file("a")), 0700u);
     EXPECT_EQ(sync(file, 0600), 0);
-
     // Other content is rewritten; an equal file only gets the mode back.
     std::ofstream(file) << "secret\nand more";
     EXPECT_EQ(sync(file, 0600), 1);
@@ -256,34 +237,24 @@ TEST_F(BlobFile, WritesOnceThenFindsItEqual)
     chmod(file.c_str(), 0640);
     EXPECT_EQ(sync(file, 0), 0);
     EXPECT_EQ(mode_of(file), 0644u);
-    EXPECT_EQ(cfg_message_count(t.ctx()), 0);
-    umask(old_mask);
-}
+    EXPECT_EQ(cfg_message_count(ctx), 0);
 
-TEST_F(BlobFile, RefusalsAndUmask)
-{
-    std::string file = dir.file("key");
+    file = dir.file("key");
     EXPECT_EQ(sync(file, 0, "cfg.name"), -1);
     EXPECT_EQ(sync(file, 0, "cfg.none"), -1);
-    EXPECT_EQ(cfg_message_count(t.ctx()), 0);
-
-    // A new file under a restrictive umask does not get the asked mode.
-    mode_t old_mask = umask(077);
+    EXPECT_EQ(cfg_message_count(ctx), 0);
+    umask(077);
     EXPECT_EQ(sync(file, 0644), -1);
     umask(old_mask);
     EXPECT_EQ(read_file(file), "secret\n");
-    ASSERT_EQ(cfg_message_count(t.ctx()), 1);
-    EXPECT_STREQ(cfg_get_first_message_string(t.ctx()), "File I/O error");
-
-    // The directory cannot be made below a regular file.
+    ASSERT_EQ(cfg_message_count(ctx), 1);
+    EXPECT_STREQ(cfg_get_first_message_string(ctx), "File I/O error");
     EXPECT_EQ(sync(file + "/inner/key", 0), -1);
-    EXPECT_EQ(cfg_message_count(t.ctx()), 2);
+    EXPECT_EQ(cfg_message_count(ctx), 2);
 }
 
-TEST(TextDump, LineFormat)
+TEST_F(TextDump, LineFormat)
 {
-    context_handle h;
-    cfg *ctx = h.get();
     cfg_load_int(ctx, "i", 7);
     cfg_element *f = cfg_new_float_with_id(ctx, 2.5, "f");
     cfg_set_float(ctx, f, 2.5); // new and changed: still "A "

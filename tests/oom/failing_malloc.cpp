@@ -4,9 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <execinfo.h>
 #include <new>
-#include <unistd.h>
 
 namespace {
 
@@ -49,12 +47,6 @@ bool fails_now(size_t size)
     if (--countdown != 0)
         return false;
     reached = true;
-    // OOM_TRACE=1 shows where each failing allocation was asked for.
-    if (getenv("OOM_TRACE") != nullptr) {
-        void *frames[12];
-        backtrace_symbols_fd(frames, backtrace(frames, 12), 2);
-        write(2, "--\n", 3);
-    }
     errno = ENOMEM;
     return true;
 }
@@ -74,20 +66,9 @@ void oom::arm(long nth)
     countdown = nth;
 }
 
-void oom::disarm()
-{
-    countdown = 0;
-}
-
-bool oom::last_run_failed()
-{
-    return reached;
-}
-
-size_t oom::largest_request()
-{
-    return largest;
-}
+void oom::disarm() { countdown = 0; }
+bool oom::last_run_failed() { return reached; }
+size_t oom::largest_request() { return largest; }
 
 extern "C" void *malloc(size_t size)
 {
@@ -140,23 +121,8 @@ void *operator new(size_t size)
         throw std::bad_alloc();
     return p;
 }
-void *operator new[](size_t size)
-{
-    return operator new(size);
-}
-void operator delete(void *p) noexcept
-{
-    free(p);
-}
-void operator delete[](void *p) noexcept
-{
-    free(p);
-}
-void operator delete(void *p, size_t) noexcept
-{
-    free(p);
-}
-void operator delete[](void *p, size_t) noexcept
-{
-    free(p);
-}
+void *operator new[](size_t size) { return operator new(size); }
+void operator delete(void *p) noexcept { free(p); }
+void operator delete[](void *p) noexcept { free(p); }
+void operator delete(void *p, size_t) noexcept { free(p); }
+void operator delete[](void *p, size_t) noexcept { free(p); }

@@ -99,30 +99,30 @@ TEST(OutOfMemory, Decoders)
     }
 }
 
+namespace {
+
 // Once the daemon has taken the push, the commit stands even when settling
 // the local copy runs out of memory: either value may come back then.
+bool commit_failing_at(long n)
+{
+    scripted_daemon daemon({step::serve([](json_t *) {
+        return json_pack("{s:b, s:{s:[]}}", "result", 1, "data", "uuids");
+    })});
+    client_context ctx(daemon);
+    cfg_new_string_with_id(ctx.get(), "changed", "warm");
+    cfg_element *map = cfg_new_map_with_id(ctx.get(), "m");
+    cfg_add_mapelem(ctx.get(), map, "k", cfg_new_string_with_id(ctx.get(), "v", "k1"));
+    oom::arm(n);
+    int committed = cfg_commit(ctx.get());
+    oom::disarm();
+    return committed == 1;
+}
+
+} // namespace
+
 TEST(OutOfMemory, Commit)
 {
-    EXPECT_GT(sweep(
-                  [](long n) {
-                      scripted_daemon daemon({step::serve([](json_t *) {
-                          return json_pack("{s:b, s:{s:[]}}", "result", 1, "data", "uuids");
-                      })});
-                      int committed;
-                      {
-                          client_context ctx(daemon);
-                          cfg_new_string_with_id(ctx.get(), "changed", "warm");
-                          cfg_element *map = cfg_new_map_with_id(ctx.get(), "m");
-                          cfg_add_mapelem(ctx.get(), map, "k",
-                                          cfg_new_string_with_id(ctx.get(), "v", "k1"));
-                          oom::arm(n);
-                          committed = cfg_commit(ctx.get());
-                          oom::disarm();
-                      }
-                      return committed == 1;
-                  },
-                  true),
-              0);
+    EXPECT_GT(sweep(commit_failing_at, true), 0);
 }
 
 // A frame that announces 2 GiB and brings a few bytes costs a few bytes: the

@@ -37,6 +37,12 @@ struct context_handle {
     cfg *get() const { return ctx; }
 };
 
+// A test body with a fresh context of its own, ctx.
+struct context_test : ::testing::Test {
+    context_handle h;
+    cfg *const ctx = h.get();
+};
+
 // A context with helpers to hang elements into maps and lists.
 struct tree_context {
     context_handle h;
