@@ -1,9 +1,8 @@
-// Sessions against a small daemon over a real Unix socket: connect and its
-// failures, fetch on miss, data requests, bad answers, pull, commit with id
-// renames, and the update object.
+// Sessions against a scripted daemon over a real Unix socket: connect and
+// its failures, fetch on miss, data requests, bad answers, pull, commit with
+// id renames, and the update object.
 #include "context.h"
 #include "log_capture.h"
-#include "mini_daemon.h"
 #include "scripted_daemon.h"
 
 #include <algorithm>
@@ -17,6 +16,28 @@ using namespace std::chrono_literals;
 using namespace zrtest;
 
 namespace {
+
+const char *const small_schema = R"({"root": "r", "nodes": {
+  "r": {"id": "r", "type": 8, "generation": 1, "tags": {}, "required": {"host": "h"},
+        "optional": {}, "deprecated": {}, "conditionals": []},
+  "h": {"id": "h", "type": 4, "generation": 1, "tags": {}, "min_length": null,
+        "max_length": null, "regex": null, "default": null, "allowed": []}},
+ "types": {"hostname": "h", "skipped": 5}})";
+
+// Accepts the login and serves schema, plays steps, then reads the goodbye.
+script logged_in(script steps, const std::string &schema = small_schema)
+{
+    steps.insert(steps.begin(), {step::answer(R"({"result": true})"),
+                                 step::answer(R"({"result": true, "data": )" + schema + "}")});
+    steps.push_back(step::receive());
+    return steps;
+}
+
+// Answers a data request with the elements given (JSON objects, comma-separated).
+step found(const std::string &elements = "")
+{
+    return step::answer(R"({"result": true, "data": [)" + elements + "]}");
+}
 
 std::string element_text(const char *id, const char *value, int generation)
 {
@@ -38,23 +59,23 @@ struct hooked_context : client_context {
 // Without a name the client introduces itself as program-pid.
 TEST(ClientSession, ConnectSaysHelloLoadsSchemaAndDisconnectSaysGoodbye)
 {
-    mini_daemon daemon;
+    scripted_daemon daemon(logged_in({}));
     cfg *ctx = cfg_connect(daemon.socket_path().c_str(), nullptr);
     ASSERT_NE(ctx, nullptr);
     ASSERT_NE(cfg_schema_root(ctx), nullptr);
     EXPECT_EQ(cfg_get_schema_node(ctx, "h")->flags, 0u);
     EXPECT_STREQ(cfg_get_type(ctx, "hostname"), "h");
     EXPECT_EQ(cfg_get_type(ctx, "skipped"), nullptr);
-    EXPECT_EQ(daemon.daemon.request_text(0),
+    EXPECT_EQ(daemon.request_text(0),
               R"({"method": "hello", "id": 1, "data": {"client_name": ")" +
                   std::string(program_invocation_short_name) + "-" + std::to_string(getpid()) +
                   R"("}})");
-    EXPECT_EQ(daemon.daemon.request_text(1), R"({"method": "get_schema", "id": 2})");
+    EXPECT_EQ(daemon.request_text(1), R"({"method": "get_schema", "id": 2})");
 
     EXPECT_EQ(cfg_disconnect(&ctx), 1);
     EXPECT_EQ(ctx, nullptr);
-    ASSERT_TRUE(daemon.daemon.wait_for_requests(3, 5s));
-    EXPECT_EQ(daemon.daemon.request_text(2), R"({"method": "goodbye", "id": 3, "data": {}})");
+    ASSERT_TRUE(daemon.wait_for_steps(3, 5s));
+    EXPECT_EQ(daemon.request_text(2), R"({"method": "goodbye", "id": 3, "data": {}})");
     EXPECT_EQ(cfg_disconnect(&ctx), 0);
 }
 
@@ -66,8 +87,7 @@ TEST(ClientSession, ConnectFailuresAndIncompleteSchema)
         EXPECT_TRUE(log.has("cfg_connect_timeout: connect() failed: No such file or directory"));
     }
     for (const char *hello : {R"({"result": false})", R"({"result": 1})", "[]"}) {
-        mini_daemon daemon;
-        daemon.set_hello(hello);
+        scripted_daemon daemon({step::answer(hello)});
         log_capture log;
         EXPECT_EQ(cfg_connect(daemon.socket_path().c_str(), "x"), nullptr) << hello;
         EXPECT_TRUE(log.has("cfg_connect_timeout: Bad login result")) << hello;
@@ -77,8 +97,7 @@ TEST(ClientSession, ConnectFailuresAndIncompleteSchema)
     // but the session stands.
     for (const char *schema : {R"({"root": "r", "nodes": {}})",
                                R"({"root": 7, "nodes": {"x": 5, "y": []}, "types": []})"}) {
-        mini_daemon daemon;
-        daemon.set_schema(schema);
+        scripted_daemon daemon(logged_in({}, schema));
         session s(daemon.socket_path(), "tester");
         ASSERT_NE(s.ctx, nullptr) << schema;
         EXPECT_EQ(cfg_schema_root(s.ctx), nullptr) << schema;
@@ -131,14 +150,16 @@ TEST(ClientSession, RequestsWithoutAConnectionSendNothing)
 
 TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
 {
-    mini_daemon daemon;
-    daemon.put(element_text("s1", "one", 1));
-    daemon.put(element_text("s2", "two", 1));
+    scripted_daemon daemon(logged_in({
+        found(element_text("s1", "one", 1)), found(element_text("s2", "two", 1)),
+        step::answer(R"({"result": true})"),
+        found(R"({"type": 8, "id": "root-1", "value": {"host": "s3"}})"),
+        found(element_text("s3", "three", 1))}));
     session s(daemon.socket_path(), "tester");
     ASSERT_NE(s.ctx, nullptr);
 
     EXPECT_EQ(string_of(cfg_get_by_id(s.ctx, "s1")), "one");
-    EXPECT_EQ(daemon.daemon.request_text(2),
+    EXPECT_EQ(daemon.request_text(2),
               R"({"method": "get_data_by_id", "id": 3, "data": {"ids": ["s1"]}})");
     EXPECT_EQ(string_of(cfg_get_by_id(s.ctx, "s1")), "one");
 
@@ -150,18 +171,16 @@ TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
     EXPECT_EQ(found[2], nullptr);
     free(found);
     // The held s1 was not asked for again.
-    EXPECT_EQ(daemon.daemon.request_text(3),
+    EXPECT_EQ(daemon.request_text(3),
               R"({"method": "get_data_by_id", "id": 4, "data": {"ids": ["s2", "zz"]}})");
 
     found = cfg_get_by_ids(s.ctx, ids, 2);
     free(found);
     EXPECT_EQ(cfg_lock(s.ctx, 0), 1);
-    EXPECT_EQ(daemon.daemon.request_text(4),
+    EXPECT_EQ(daemon.request_text(4),
               R"({"method": "lock", "id": 5, "data": {"operation": "none"}})");
 
     // A path walk fetches the root and then the member it names.
-    daemon.put(R"({"type": 8, "id": "root-1", "value": {"host": "s3"}})");
-    daemon.put(element_text("s3", "three", 1));
     EXPECT_EQ(string_of(cfg_get_by_path(s.ctx, "host")), "three");
     EXPECT_EQ(cfg_message_count(s.ctx), 0);
 }
@@ -252,11 +271,13 @@ TEST(ClientRequests, SubscribeSendsKeysInOrder)
 
 TEST(ClientPull, ConflictsKeepLocalWorkUnlessForced)
 {
+    // Pull asks for every held element again, the new one included.
+    const step fetches[] = {found(element_text("newer", "daemon", 5)),
+                            found(element_text("same", "daemon", 2)),
+                            found(element_text("plain", "daemon", 1))};
     for (int force = 0; force <= 1; force++) {
-        mini_daemon daemon;
-        daemon.put(element_text("newer", "daemon", 5));
-        daemon.put(element_text("same", "daemon", 2));
-        daemon.put(element_text("plain", "daemon", 1));
+        scripted_daemon daemon(logged_in({fetches[0], fetches[1], fetches[2], fetches[0],
+                                          fetches[1], fetches[2], found()}));
         session s(daemon.socket_path(), "tester");
         ASSERT_NE(s.ctx, nullptr);
         cfg *c = s.ctx;
@@ -305,8 +326,8 @@ TEST(ClientPull, ConflictListRemovesTheFirstEqualEntry)
 
 TEST(ClientPull, FutureMembersCarryOverToTheFetchedList)
 {
-    mini_daemon daemon;
-    daemon.put(R"({"type": 7, "id": "l", "value": ["a"], "generation": 1})");
+    step answer = found(R"({"type": 7, "id": "l", "value": ["a"], "generation": 1})");
+    scripted_daemon daemon(logged_in({answer, answer}));
     session s(daemon.socket_path(), "tester");
     ASSERT_NE(s.ctx, nullptr);
     cfg_element *list = cfg_get_by_id(s.ctx, "l");
@@ -321,9 +342,11 @@ TEST(ClientPull, FutureMembersCarryOverToTheFetchedList)
 
 TEST(ClientCommit, PushFreesLocalCopyAndMapsRenamedIds)
 {
-    mini_daemon daemon;
-    daemon.put(element_text("kept", "old", 1));
-    daemon.put(element_text("gone", "old", 1));
+    scripted_daemon daemon(logged_in({
+        found(element_text("kept", "old", 1)), found(element_text("gone", "old", 1)),
+        step::answer(R"({"result": false})"),
+        step::answer(R"({"result": true, "data": {"uuids": [{"old": "tmp1", "new": "new-tmp1"}]}})"),
+        found(element_text("new-tmp1", "made", 1))}));
     session s(daemon.socket_path(), "tester");
     ASSERT_NE(s.ctx, nullptr);
     cfg *c = s.ctx;
@@ -331,14 +354,11 @@ TEST(ClientCommit, PushFreesLocalCopyAndMapsRenamedIds)
     cfg_set_string(c, cfg_get_by_id(c, "kept"), "changed");
     cfg_delete_element(c, cfg_get_by_id(c, "gone"));
 
-    daemon.set_push_result(false);
     EXPECT_EQ(cfg_commit(c), 0);
     EXPECT_TRUE(cfg_element_is_new(cfg_find_by_id(c, "tmp1")));
-
-    daemon.set_push_result(true);
     EXPECT_EQ(cfg_commit(c), 1);
     EXPECT_EQ(c->elements, nullptr);
-    json_handle push = daemon.daemon.request(5); // after the refused one
+    json_handle push = daemon.request(5); // after the refused one
     EXPECT_STREQ(json_string_value(json_object_get(push.get(), "method")), "push");
     EXPECT_EQ(dump(json_path_get(push.get(), "data\adeleted"), 0), R"(["gone"])");
     EXPECT_EQ(json_array_size(json_path_get(push.get(), "data\achanged")), 1u);

@@ -124,7 +124,7 @@ void scripted_daemon::play(int connection)
             return;
         bool goes_on = act(connection, s);
         next_step_++;
-        step_done();
+        note(nullptr);
         if (!goes_on)
             return;
     }
@@ -187,7 +187,7 @@ bool scripted_daemon::read_request(int connection, json_handle *parsed)
         return false;
     if (parsed != nullptr)
         parsed->reset(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
-    record(std::move(text));
+    note(&text);
     return true;
 }
 
@@ -216,17 +216,14 @@ bool scripted_daemon::write_all(int fd, const std::string &bytes)
     });
 }
 
-void scripted_daemon::record(std::string text)
+// Records a request read, or a step played when request is null.
+void scripted_daemon::note(std::string *request)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    texts_.push_back(std::move(text));
-    changed_.notify_all();
-}
-
-void scripted_daemon::step_done()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    steps_done_++;
+    if (request != nullptr)
+        texts_.push_back(std::move(*request));
+    else
+        steps_done_++;
     changed_.notify_all();
 }
 
@@ -246,12 +243,6 @@ json_handle scripted_daemon::request(size_t i) const
 {
     std::string text = request_text(i);
     return json_handle(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
-}
-
-bool scripted_daemon::wait_for_requests(size_t count, std::chrono::milliseconds limit) const
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return texts_.size() >= count; });
 }
 
 bool scripted_daemon::wait_for_steps(size_t count, std::chrono::milliseconds limit) const

@@ -93,8 +93,6 @@ class scripted_daemon {
     std::string request_text(size_t i) const;
     // A copy of request i as parsed JSON (null when absent or unparseable).
     json_handle request(size_t i) const;
-    // Waits until count requests were read or limit passed; true if they were.
-    bool wait_for_requests(size_t count, std::chrono::milliseconds limit) const;
     // Waits until count steps were played or limit passed; true if they were.
     bool wait_for_steps(size_t count, std::chrono::milliseconds limit) const;
 
@@ -110,8 +108,7 @@ class scripted_daemon {
     bool wait_for(int fd, short events);
     bool read_exactly(int fd, char *buffer, size_t size);
     bool write_all(int fd, const std::string &bytes);
-    void record(std::string text);
-    void step_done();
+    void note(std::string *request);
 
     script steps_;
     size_t next_step_ = 0;
