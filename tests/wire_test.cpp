@@ -27,6 +27,8 @@ std::string receive_failure(int fd, int timeout_ms = 10000)
 
 } // namespace
 
+// A frame is the big-endian length and the default dump text; a failed
+// write returns 0 with its diagnostic.
 TEST(WireFrame, SendWritesBigEndianLengthAndDefaultDumpText)
 {
     int ends[2];
@@ -36,7 +38,6 @@ TEST(WireFrame, SendWritesBigEndianLengthAndDefaultDumpText)
     json_handle value(json_pack("{s:s, s:i, s:{s:s, s:[i, i]}}", "method", "hello", "id", 1,
                                 "data", "client_name", name.c_str(), "list", 1, 2));
     ASSERT_EQ(cfg_send(ends[0], value.get()), 1);
-
     std::string text = R"({"method": "hello", "id": 1, "data": {"client_name": ")" + name +
                        R"(", "list": [1, 2]}})";
     ASSERT_EQ(text.size(), 0x175u);
@@ -44,17 +45,8 @@ TEST(WireFrame, SendWritesBigEndianLengthAndDefaultDumpText)
     ASSERT_EQ(recv(ends[1], bytes.data(), bytes.size(), MSG_WAITALL), ssize_t(bytes.size()));
     EXPECT_EQ(bytes, std::string("\0\0\x01\x75", 4) + text);
     EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
-    close(ends[0]);
-    close(ends[1]);
-}
 
-TEST(WireFrame, SendFailuresReturnZeroWithTheirDiagnostic)
-{
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     close(ends[1]);
-    json_handle value(json_pack("{s:s}", "method", "goodbye"));
-
     CaptureStderr();
     EXPECT_EQ(cfg_send(ends[0], value.get()), 0);
     EXPECT_EQ(cfg_send(-1, value.get()), 0);
@@ -64,27 +56,45 @@ TEST(WireFrame, SendFailuresReturnZeroWithTheirDiagnostic)
     close(ends[0]);
 }
 
+// A hostile or broken peer fails the read with a diagnostic; the time-out
+// covers the whole frame, not each read.
 TEST(WireFrame, ReceiveFailuresPrintTheirDiagnostic)
 {
     struct failure_case {
         const char *what;
         script steps;
         const char *said;
+        int timeout_ms = 10000;
+        size_t played_first = 0; // steps played before the read starts
     };
     const char *len_closed = "cfg_receive read len unexpected peer close\n";
+    const char *data_closed = "cfg_receive read data unexpected peer close\n";
+    const char *data_late = "cfg_receive read data failed: Resource temporarily unavailable\n";
+    script trickle{step::raw(frame_prefix(8))};
+    for (char byte : std::string(R"({"a": 1})")) {
+        trickle.push_back(step::wait(200ms));
+        trickle.push_back(step::raw(std::string(1, byte)));
+    }
     const failure_case cases[] = {
         {"close before the prefix", {step::close()}, len_closed},
         {"close inside the prefix", {step::raw(std::string("\0\0", 2)), step::close()}, len_closed},
-        {"close after the prefix", {step::truncated(10), step::close()},
-         "cfg_receive read data unexpected peer close\n"},
+        {"close after the prefix", {step::truncated(10), step::close()}, data_closed},
         {"zero length", {step::truncated(0)}, "cfg_receive response len <= 0\n"},
         {"length that wraps the buffer size", {step::truncated(0xFFFFFFFFu, "{}"), step::close()},
          "cfg_receive response buffer allocate failed: Cannot allocate memory\n"},
+        {"length beyond any buffer", {step::truncated(0x7FFFFFFFu, R"({"a": )"), step::close()},
+         data_closed},
+        {"silence", {step::wait(5s)},
+         "cfg_receive read len failed: Resource temporarily unavailable\n", 200},
+        {"stall inside the payload", {step::truncated(10, "{"), step::wait(5s)}, data_late, 200, 1},
+        {"payload sent a byte at a time", trickle, data_late, 1000},
     };
     for (const failure_case &c : cases) {
         SCOPED_TRACE(c.what);
         scripted_daemon daemon(c.steps);
-        EXPECT_EQ(receive_failure(client_context(daemon).socket), c.said);
+        client_context ctx(daemon);
+        ASSERT_TRUE(daemon.wait_for_steps(c.played_first, 5s));
+        EXPECT_EQ(receive_failure(ctx.socket, c.timeout_ms), c.said);
     }
     EXPECT_EQ(receive_failure(-1), "cfg_receive sockopt failed: Bad file descriptor\n");
 }
@@ -106,19 +116,6 @@ TEST(WireFrame, InvalidJsonIsLoggedWithTheParserText)
     // The frame was read whole: the next one follows.
     json_handle next(cfg_receive(ctx.socket));
     EXPECT_EQ(dump(next.get()), "[1,2]");
-}
-
-TEST(WireFrame, TimeoutsFailTheReadOfPrefixOrPayload)
-{
-    scripted_daemon silent({step::wait(5s)});
-    EXPECT_EQ(receive_failure(client_context(silent).socket, 200),
-              "cfg_receive read len failed: Resource temporarily unavailable\n");
-
-    scripted_daemon stalled({step::truncated(10, "{"), step::wait(5s)});
-    client_context ctx(stalled);
-    ASSERT_TRUE(stalled.wait_for_steps(1, 5s));
-    EXPECT_EQ(receive_failure(ctx.socket, 200),
-              "cfg_receive read data failed: Resource temporarily unavailable\n");
 }
 
 // The microseconds are the millisecond remainder divided by ten; the kernel
@@ -217,47 +214,4 @@ TEST(WireRequest, FailuresReturnNullWithoutMessages)
     EXPECT_EQ(GetCapturedStderr(), "cfg_receive read len unexpected peer close\n"
                                    "cfg_send failed to write to socket error Broken pipe.\n");
     EXPECT_EQ(cfg_message_count(ctx.get()), 0);
-}
-
-// A hostile peer fails the request it answers, within the call's time-out
-// for the whole frame, and the next request on a new connection works.
-TEST(WireFrame, HostilePeerFailsOneRequestAndTheNextConnectionWorks)
-{
-    struct peer_case {
-        const char *what;
-        script steps;
-        const char *said;
-    };
-    script trickle{step::raw(frame_prefix(8))};
-    for (char byte : std::string(R"({"a": 1})")) {
-        trickle.push_back(step::wait(200ms));
-        trickle.push_back(step::raw(std::string(1, byte)));
-    }
-    const peer_case cases[] = {
-        {"payload sent a byte at a time", trickle,
-         "cfg_receive read data failed: Resource temporarily unavailable\n"},
-        {"close inside the payload", {step::truncated(10, R"({"a")")},
-         "cfg_receive read data unexpected peer close\n"},
-        {"length beyond any buffer", {step::truncated(0x7FFFFFFFu, R"({"a": )")},
-         "cfg_receive read data unexpected peer close\n"},
-    };
-    for (const peer_case &c : cases) {
-        SCOPED_TRACE(c.what);
-        script steps{step::receive()};
-        steps.insert(steps.end(), c.steps.begin(), c.steps.end());
-        steps.push_back(step::close());
-        steps.push_back(step::answer(R"({"result": true})"));
-        scripted_daemon daemon(steps);
-        {
-            client_context hostile(daemon);
-            json_handle request(cfg_build_request(hostile.get(), "pull", nullptr));
-            ASSERT_EQ(cfg_send(hostile.socket, request.get()), 1);
-            EXPECT_EQ(receive_failure(hostile.socket, 1000), c.said);
-            ASSERT_TRUE(daemon.wait_for_steps(steps.size() - 1, 5s));
-        }
-        client_context next(daemon);
-        json_handle request(cfg_build_request(next.get(), "pull", nullptr));
-        json_handle response(cfg_send_request(next.get(), request.get()));
-        EXPECT_EQ(dump(response.get()), R"({"result":true})");
-    }
 }
