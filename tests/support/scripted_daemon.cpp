@@ -239,12 +239,6 @@ std::string scripted_daemon::request_text(size_t i) const
     return i < texts_.size() ? texts_[i] : std::string();
 }
 
-json_handle scripted_daemon::request(size_t i) const
-{
-    std::string text = request_text(i);
-    return json_handle(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
-}
-
 bool scripted_daemon::wait_for_steps(size_t count, std::chrono::milliseconds limit) const
 {
     std::unique_lock<std::mutex> lock(mutex_);

@@ -6,12 +6,10 @@
 //   ... send requests through ctx.get() ...
 //   EXPECT_EQ(daemon.request_text(0), R"({"method": "hello", "id": 1})");
 //
-// Steps run in order on a background thread. A step that reads waits for a
-// request frame before it acts; the others act at once. When the client
-// closes, the connection ends; the steps not yet played (a reading step
-// included) go to the next connection. When the script runs
-// out, the daemon closes the connection. Every wait of the daemon is bounded,
-// and the destructor stops the thread and joins it.
+// Steps run in order on a background thread; a reading step waits for a
+// request frame before it acts. The steps a closed connection did not play
+// go to the next one; when the script runs out the daemon closes the
+// connection. Every wait is bounded; the destructor stops and joins.
 #pragma once
 
 #include "context.h"
@@ -91,8 +89,6 @@ class scripted_daemon {
     size_t request_count() const;
     // The payload text of request i as it came off the wire ("" when absent).
     std::string request_text(size_t i) const;
-    // A copy of request i as parsed JSON (null when absent or unparseable).
-    json_handle request(size_t i) const;
     // Waits until count steps were played or limit passed; true if they were.
     bool wait_for_steps(size_t count, std::chrono::milliseconds limit) const;
 
