@@ -266,25 +266,33 @@ TEST(ClientRequests, SubscribeSendsKeysInOrder)
     EXPECT_EQ(cfg_subscribe(ctx.get(), "svc", 5, nullptr, nullptr, nullptr, "p", nullptr), 0);
 }
 
+// Pull fetches every held element again, the new one included; a list
+// keeps the future members its fetched copy lacks.
 TEST(ClientPull, ConflictsKeepLocalWorkUnlessForced)
 {
-    // Pull asks for every held element again, the new one included.
     const step fetches[] = {found(element_text("newer", "daemon", 5)),
                             found(element_text("same", "daemon", 2)),
-                            found(element_text("plain", "daemon", 1))};
+                            found(element_text("plain", "daemon", 1)),
+                            found(R"({"type": 7, "id": "l", "value": ["a"], "generation": 1})")};
     for (int force = 0; force <= 1; force++) {
-        scripted_daemon daemon(logged_in({fetches[0], fetches[1], fetches[2], fetches[0],
-                                          fetches[1], fetches[2], found()}));
+        SCOPED_TRACE(force);
+        script steps(std::begin(fetches), std::end(fetches));
+        steps.insert(steps.end(), std::begin(fetches), std::end(fetches));
+        steps.push_back(found());
+        scripted_daemon daemon(logged_in(steps));
         session s(daemon.socket_path(), "tester");
         ASSERT_NE(s.ctx, nullptr);
         cfg *c = s.ctx;
         cfg_set_string(c, cfg_get_by_id(c, "newer"), "local")->generation = 4;
         cfg_set_string(c, cfg_get_by_id(c, "same"), "local")->generation = 2;
         cfg_get_by_id(c, "plain");
+        cfg_element *list = cfg_get_by_id(c, "l");
+        cfg_append_future_listid(list, "a");
+        cfg_append_future_listid(list, "b");
         cfg_new_string_with_id(c, "created", "fresh");
         cfg_add_conflict(c, "stale");
 
-        EXPECT_EQ(cfg_pull(c, force), force) << force;
+        EXPECT_EQ(cfg_pull(c, force), force);
         EXPECT_EQ(string_of(cfg_find_by_id(c, "newer")), force ? "daemon" : "local");
         EXPECT_EQ(string_of(cfg_find_by_id(c, "same")), "daemon");
         EXPECT_EQ(string_of(cfg_find_by_id(c, "plain")), "daemon");
@@ -292,6 +300,10 @@ TEST(ClientPull, ConflictsKeepLocalWorkUnlessForced)
         EXPECT_TRUE(cfg_element_is_new(cfg_find_by_id(c, "fresh")));
         EXPECT_EQ(cfg_conflict_count(c), force ? 0 : 1);
         EXPECT_STREQ(cfg_get_conflict(c, 0), force ? nullptr : "newer");
+        list = cfg_find_by_id(c, "l");
+        ASSERT_NE(list, nullptr);
+        EXPECT_STREQ(cfg_get_future_listelem(list, 0), "b");
+        EXPECT_EQ(cfg_get_future_listelem(list, 1), nullptr);
     }
 }
 
@@ -319,22 +331,6 @@ TEST(ClientPull, ConflictListRemovesTheFirstEqualEntry)
     cfg_remove_conflict(c, "b");
     EXPECT_EQ(conflicts(), texts{"a"});
     EXPECT_EQ(cfg_get_conflict(c, 1), nullptr);
-}
-
-TEST(ClientPull, FutureMembersCarryOverToTheFetchedList)
-{
-    step answer = found(R"({"type": 7, "id": "l", "value": ["a"], "generation": 1})");
-    scripted_daemon daemon(logged_in({answer, answer}));
-    session s(daemon.socket_path(), "tester");
-    ASSERT_NE(s.ctx, nullptr);
-    cfg_element *list = cfg_get_by_id(s.ctx, "l");
-    cfg_append_future_listid(list, "a");
-    cfg_append_future_listid(list, "b");
-    EXPECT_EQ(cfg_pull(s.ctx, 0), 1);
-    cfg_element *fetched = cfg_find_by_id(s.ctx, "l");
-    ASSERT_NE(fetched, nullptr);
-    EXPECT_STREQ(cfg_get_future_listelem(fetched, 0), "b");
-    EXPECT_EQ(cfg_get_future_listelem(fetched, 1), nullptr);
 }
 
 TEST(ClientCommit, PushFreesLocalCopyAndMapsRenamedIds)
