@@ -90,7 +90,7 @@ class daemon_process {
     // cleanly: under the sanitizers this is where its leaks are reported.
     ~daemon_process()
     {
-        if (running()) {
+        if (pid_ > 0) {
             EXPECT_EQ(stop(), 0) << log();
         }
     }
@@ -98,21 +98,28 @@ class daemon_process {
     daemon_process &operator=(const daemon_process &) = delete;
 
     const std::string &socket_path() const { return socket_; }
-    const std::string &db_path() const { return db_; }
     const temp_dir &dir() const { return dir_; }
     // What the daemon wrote to standard error, every run appended.
     std::string log() const { return read_file(log_); }
     bool running() const { return pid_ > 0; }
 
     // Starts the daemon (again) on the same socket and database; true once
-    // it accepts connections.
+    // it accepts connections, false when it ends or never does.
     bool start(const std::vector<std::string> &extra = {})
     {
-        std::vector<std::string> args{daemon_path(), "--socket", socket_, "--db", db_,
-                                      "--foreground"};
+        std::vector<std::string> args{daemon_path(), "--socket", socket_, "--db",
+                                      dir_.file("config.db"), "--foreground"};
         args.insert(args.end(), extra.begin(), extra.end());
         pid_ = spawn(args, log_);
-        return pid_ > 0 && wait_until_ready();
+        for (int i = 0; pid_ > 0 && i < 1200; i++) {
+            int fd = connect_raw();
+            if (fd >= 0)
+                return close(fd) == 0;
+            if (waitpid(pid_, nullptr, WNOHANG) == pid_)
+                pid_ = -1;
+            std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        }
+        return false;
     }
 
     // SIGTERM and wait; the daemon's exit status, or -1.
@@ -124,43 +131,20 @@ class daemon_process {
     int connect_raw() const { return connect_unix(socket_); }
 
   private:
-    bool wait_until_ready()
-    {
-        for (int i = 0; i < 1200; i++) {
-            int fd = connect_raw();
-            if (fd >= 0) {
-                close(fd);
-                return true;
-            }
-            int status;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-        return false;
-    }
-
     int end(int sig)
     {
         if (pid_ <= 0)
-            return exit_status_;
+            return -1;
         kill(pid_, sig);
-        exit_status_ = exit_status(pid_);
+        int status = exit_status(pid_);
         pid_ = -1;
-        return exit_status_;
+        return status;
     }
 
     temp_dir dir_;
     std::string socket_ = dir_.file("zrconfigd.sock");
-    std::string db_ = dir_.file("config.db");
     std::string log_ = dir_.file("zrconfigd.log");
     pid_t pid_ = -1;
-
-  public:
-    int exit_status_ = -1;
 };
 
 // The example appliance's time zone is checked against the zone database,
