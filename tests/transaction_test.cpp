@@ -23,19 +23,6 @@ std::string file_of(const std::string &dir, const char *id)
     return dir + "/" + id + ".transaction";
 }
 
-bool exists(const std::string &path)
-{
-    struct stat info;
-    return stat(path.c_str(), &info) == 0;
-}
-
-void age(const std::string &path, time_t seconds)
-{
-    struct utimbuf times;
-    times.actime = times.modtime = time(nullptr) - seconds;
-    ASSERT_EQ(utime(path.c_str(), &times), 0);
-}
-
 } // namespace
 
 TEST(Transaction, SavedWorkReopensWithItsFlags)
@@ -76,7 +63,7 @@ TEST(Transaction, SavedWorkReopensWithItsFlags)
     EXPECT_EQ(cfg_find_by_id(next.get(), "c")->flags, unsigned(CFG_FLAG_CHANGED));
 
     EXPECT_EQ(cfg_transaction_cancel(next.get(), id.c_str()), 1);
-    EXPECT_FALSE(exists(file_of(dir, id.c_str())));
+    EXPECT_FALSE(std::filesystem::exists(file_of(dir, id.c_str())));
     EXPECT_EQ(cfg_transaction_cancel(next.get(), id.c_str()), 0);
 }
 
@@ -88,12 +75,14 @@ TEST(Transaction, StaleFilesAreDeletedOnOpen)
         use_dir(ctx.get(), tmp.path());
         std::string id = cfg_transaction_start(ctx.get());
         ASSERT_EQ(cfg_transaction_save(ctx.get()), 1);
-        age(file_of(tmp.path(), id.c_str()), seconds);
+        struct utimbuf times;
+        times.actime = times.modtime = time(nullptr) - seconds;
+        ASSERT_EQ(utime(file_of(tmp.path(), id.c_str()).c_str(), &times), 0);
         context_handle next;
         use_dir(next.get(), tmp.path());
         bool fresh = seconds == 899;
         EXPECT_EQ(cfg_transaction_open(next.get(), id.c_str()), fresh ? 1 : 0) << seconds;
-        EXPECT_EQ(exists(file_of(tmp.path(), id.c_str())), fresh) << seconds;
+        EXPECT_EQ(std::filesystem::exists(file_of(tmp.path(), id.c_str())), fresh) << seconds;
     }
 }
 
