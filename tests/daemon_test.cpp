@@ -70,10 +70,11 @@ int first_code(json_t *answer)
         json_object_get(json_array_get(json_object_get(answer, "messages"), 0), "code")));
 }
 
-TEST_F(Daemon, ServesReadsAndACommitIsSeenByTheNextSessionWithDaemonIds)
+// A commit of data and a schema member is served to the next session and
+// after a restart; the old id of a new element leads to the daemon's copy.
+TEST_F(Daemon, CommitIsServedToOthersAndAfterARestart)
 {
     daemon_process d;
-    std::string new_id;
     {
         client c(d);
         ASSERT_NE(c.ctx, nullptr);
@@ -83,23 +84,41 @@ TEST_F(Daemon, ServesReadsAndACommitIsSeenByTheNextSessionWithDaemonIds)
         EXPECT_EQ(codes_of(c), std::vector<int>{29});
         cfg_free_message_stack(c);
 
+        cfg_element *system = cfg_get_by_path(c, "system");
+        ASSERT_NE(system, nullptr);
+        cfg_schema_element *location = cfg_new_schema_string(c, 1, 32, 1, 1, nullptr, nullptr);
+        ASSERT_TRUE(cfg_add_schema_mapelem(c, cfg_get_schema_node(c, system->schema), 1,
+                                           "location", location));
+        cfg_map_set_string(c, system, "location", "rack 4");
         cfg_element *conn = add_connection(c, "lab");
         ASSERT_NE(conn, nullptr);
-        new_id = conn->uuid;
+        std::string new_id = conn->uuid;
         ASSERT_EQ(commit_string(c, "system.hostname", "fw2"), 1)
             << testing::PrintToString(messages_of(c));
-        // The old id now leads to the daemon's copy, whose id ends in digits.
+        // The daemon's id ends in digits.
         cfg_element *fetched = cfg_get_by_id(c, new_id.c_str());
         ASSERT_NE(fetched, nullptr);
         EXPECT_NE(fetched->uuid[0], '{');
         EXPECT_TRUE(isdigit(static_cast<unsigned char>(fetched->uuid[strlen(fetched->uuid) - 1])));
+        client other(d);
+        EXPECT_EQ(string_at(other, "system.hostname"), "fw2");
     }
-    client other(d);
-    EXPECT_EQ(string_at(other, "system.hostname"), "fw2");
-    EXPECT_EQ(string_at(other, "network.conns[4].name"), "lab");
+    d.stop();
+    ASSERT_TRUE(d.start());
+    client c(d);
+    EXPECT_EQ(string_at(c, "network.conns[4].name"), "lab");
     int mtu = 0;
-    EXPECT_TRUE(cfg_simple_int_value_by_path(other, &mtu, "network.conns[4].mtu"));
+    EXPECT_TRUE(cfg_simple_int_value_by_path(c, &mtu, "network.conns[4].mtu"));
     EXPECT_EQ(mtu, 1500) << "the daemon's validation filled the default";
+    EXPECT_EQ(string_at(c, "system.location"), "rack 4");
+    cfg_element *system = cfg_get_by_path(c, "system");
+    ASSERT_NE(system, nullptr);
+    EXPECT_NE(cfg_get_schema_mapelem(cfg_get_schema_node(c, system->schema), 1, "location"),
+              nullptr);
+    // A longer value than the new member allows is refused by the daemon.
+    cfg_set_string(c, cfg_get_by_path(c, "system.location"), std::string(40, 'x').c_str());
+    EXPECT_EQ(cfg_commit(c), 0);
+    EXPECT_EQ(codes_of(c), std::vector<int>{11});
 }
 
 // Each push is refused with its code and leaves the stored data as it was,
@@ -153,33 +172,6 @@ TEST_F(Daemon, RefusedPushesChangeNothing)
     ASSERT_TRUE(d.start());
     client after_restart(d);
     EXPECT_EQ(string_at(after_restart, "system.hostname"), "fw1");
-}
-
-TEST_F(Daemon, SchemaChangesAreStoredAndValidatedInFull)
-{
-    daemon_process d;
-    {
-        client c(d);
-        cfg_element *system = cfg_get_by_path(c, "system");
-        ASSERT_NE(system, nullptr);
-        cfg_schema_element *map = cfg_get_schema_node(c, system->schema);
-        cfg_schema_element *location = cfg_new_schema_string(c, 1, 32, 1, 1, nullptr, nullptr);
-        ASSERT_TRUE(cfg_add_schema_mapelem(c, map, 1, "location", location));
-        cfg_map_set_string(c, system, "location", "rack 4");
-        ASSERT_EQ(cfg_commit(c), 1) << testing::PrintToString(messages_of(c));
-    }
-    d.stop();
-    ASSERT_TRUE(d.start());
-    client c(d);
-    EXPECT_EQ(string_at(c, "system.location"), "rack 4");
-    cfg_element *system = cfg_get_by_path(c, "system");
-    ASSERT_NE(system, nullptr);
-    EXPECT_NE(cfg_get_schema_mapelem(cfg_get_schema_node(c, system->schema), 1, "location"),
-              nullptr);
-    // A longer value than the new member allows is refused by the daemon.
-    cfg_set_string(c, cfg_get_by_path(c, "system.location"), std::string(40, 'x').c_str());
-    EXPECT_EQ(cfg_commit(c), 0);
-    EXPECT_EQ(codes_of(c), std::vector<int>{11});
 }
 
 TEST_F(Daemon, TransactionSavedAtDisconnectIsCommittedLater)
