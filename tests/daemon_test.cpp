@@ -26,8 +26,7 @@ std::vector<int> codes_of(cfg *ctx)
 
 std::string string_at(cfg *ctx, const char *path)
 {
-    char *text = nullptr;
-    return cfg_simple_string_value_by_path(ctx, &text, "%s", path) ? taken(text) : "(none)";
+    return string_of(cfg_get_by_path(ctx, path));
 }
 
 // Sets the string at path, validates the change and commits it.
@@ -298,11 +297,12 @@ TEST_F(Daemon, BadFramesAreAnsweredWithoutHarm)
     EXPECT_FALSE(std::filesystem::exists(d.socket_path())) << "the socket file goes at stop";
 }
 
-int subscribe(cfg *ctx, const char *name, int priority, std::vector<std::string> paths,
-              std::vector<std::string> before, std::vector<std::string> after,
-              const char *program, std::vector<std::string> args)
+// Subscribes name to run a shell command.
+int subscribe(cfg *ctx, const char *name, int priority, texts paths, texts before, texts after,
+              const std::string &command)
 {
-    auto pointers = [](std::vector<std::string> &v) {
+    texts args{"-c", command};
+    auto pointers = [](texts &v) {
         std::vector<char *> out;
         for (std::string &s : v)
             out.push_back(s.data());
@@ -310,7 +310,7 @@ int subscribe(cfg *ctx, const char *name, int priority, std::vector<std::string>
         return out;
     };
     auto p = pointers(paths), b = pointers(before), a = pointers(after), g = pointers(args);
-    return cfg_subscribe(ctx, name, priority, p.data(), b.data(), a.data(), program, g.data());
+    return cfg_subscribe(ctx, name, priority, p.data(), b.data(), a.data(), "/bin/sh", g.data());
 }
 
 TEST_F(DaemonSubscriptions, RunInOrderWithTheChangesetAndReport)
@@ -318,18 +318,13 @@ TEST_F(DaemonSubscriptions, RunInOrderWithTheChangesetAndReport)
     daemon_process d;
     std::string out = d.dir().file("changes.json"), order = d.dir().file("order");
     client c(d);
-    auto sh = [&](const std::string &name, const std::string &extra) {
-        return std::vector<std::string>{"-c", "echo " + name + " >> " + order + extra};
-    };
-    ASSERT_EQ(subscribe(c, "receiver", 1, {"system"}, {}, {}, "/bin/sh",
-                        sh("receiver", "; cat > " + out)),
+    auto logs = [&](const char *name) { return "echo " + std::string(name) + " >> " + order; };
+    ASSERT_EQ(subscribe(c, "receiver", 1, {"system"}, {}, {}, logs("receiver") + "; cat > " + out),
               1);
-    ASSERT_EQ(subscribe(c, "failing", 5, {}, {}, {}, "/bin/sh", sh("failing", "; exit 3")), 1);
-    ASSERT_EQ(subscribe(c, "first", 9, {}, {"receiver"}, {}, "/bin/sh", sh("first", "")), 1);
-    ASSERT_EQ(subscribe(c, "elsewhere", 0, {"network"}, {}, {}, "/bin/sh", sh("elsewhere", "")),
-              1);
-    EXPECT_EQ(subscribe(c, "cycle", 0, {}, {"first"}, {"receiver"}, "/bin/sh", sh("cycle", "")),
-              0);
+    ASSERT_EQ(subscribe(c, "failing", 5, {}, {}, {}, logs("failing") + "; exit 3"), 1);
+    ASSERT_EQ(subscribe(c, "first", 9, {}, {"receiver"}, {}, logs("first")), 1);
+    ASSERT_EQ(subscribe(c, "elsewhere", 0, {"network"}, {}, {}, logs("elsewhere")), 1);
+    EXPECT_EQ(subscribe(c, "cycle", 0, {}, {"first"}, {"receiver"}, logs("cycle")), 0);
     EXPECT_EQ(codes_of(c), std::vector<int>{48});
     cfg_free_message_stack(c);
 
@@ -354,7 +349,7 @@ TEST_F(DaemonSubscriptions, HangingProgramIsKilledWhileOthersRead)
     // Longer than the client's 10-second wait: only keep-alives save it.
     daemon_process d({"--script-timeout", "11"});
     client pusher(d), reader(d);
-    ASSERT_EQ(subscribe(pusher, "hangs", 0, {}, {}, {}, "/bin/sleep", {"60"}), 1);
+    ASSERT_EQ(subscribe(pusher, "hangs", 0, {}, {}, {}, "exec sleep 60"), 1);
     std::atomic<int> result{-1};
     std::thread push([&] { result = commit_string(pusher, "system.hostname", "slow"); });
     int reads = 0;
