@@ -45,7 +45,7 @@ std::string value_at(const daemon_process &d, const std::string &path)
     return zrcfg(d, {"get", path}).out;
 }
 
-TEST_F(Zrcfg, GetSetDeleteAndAddRoundTrip)
+TEST_F(Zrcfg, GetSetDeleteAndAddRoundTripAndRefusalsCommitNothing)
 {
     daemon_process d;
     EXPECT_EQ(value_at(d, "system.hostname"), "fw1\n");
@@ -65,21 +65,17 @@ TEST_F(Zrcfg, GetSetDeleteAndAddRoundTrip)
     json_handle lab = parse_json(zrcfg(d, {"--json", "get", "network.conns[4]"}).out);
     EXPECT_STREQ(json_string_value(json_object_get(lab.get(), "name")), "lab");
     EXPECT_EQ(json_integer_value(json_object_get(lab.get(), "mtu")), 1500); // default filled in
-}
 
-TEST_F(Zrcfg, ValidationFailurePrintsThePathAndCommitsNothing)
-{
-    daemon_process d;
+    // A validation failure prints the path and commits nothing; one bad pair
+    // refuses the whole push.
     run_result r = zrcfg(d, {"delete", "network.conns[1].address"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "error: network.conns[1]: Required field 'address' is not present\n");
     EXPECT_EQ(value_at(d, "network.conns[1].address"), "192.168.1.1\n");
-
-    // One bad pair refuses the whole push.
-    r = zrcfg(d, {"set", "network.conns[1].mtu", "1400", "system.hostname", "Not_A_Host"});
+    r = zrcfg(d, {"set", "network.conns[1].mtu", "1500", "system.hostname", "Not_A_Host"});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("error: system.hostname: "), std::string::npos) << r.err;
-    EXPECT_EQ(value_at(d, "network.conns[1].mtu"), "1500\n");
+    EXPECT_EQ(value_at(d, "network.conns[1].mtu"), "1400\n");
 }
 
 TEST(ZrcfgUsage, ExitStatusForUsageAndUnreachableDaemon)
