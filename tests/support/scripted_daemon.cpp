@@ -1,9 +1,7 @@
 #include "scripted_daemon.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <cstring>
-#include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,8 +11,8 @@ namespace zrtest {
 
 namespace {
 
-// No single wait of the daemon lasts longer than this.
-constexpr int wait_limit_ms = 20000;
+// No single read or write of the daemon waits longer than this.
+constexpr timeval io_limit = {20, 0};
 // Requests larger than this are taken for garbage and end the connection.
 constexpr uint32_t request_limit = 64u << 20;
 
@@ -25,22 +23,17 @@ void close_fd(int &fd)
     fd = -1;
 }
 
-// Moves size bytes with io (a recv or send that does not block, given the
-// count done so far), waiting until the socket is ready before each try.
-template <typename Ready, typename Io> bool transfer(size_t size, Ready ready, Io io)
+// Both fail when the peer closes, the time limit passes or stop() cuts the
+// connection.
+bool read_exactly(int fd, char *buffer, size_t size)
 {
-    size_t done = 0;
-    while (done < size) {
-        if (!ready())
-            return false;
-        ssize_t n = io(done);
-        if (n < 0 && (errno == EINTR || errno == EAGAIN))
-            continue;
-        if (n <= 0)
-            return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
+    return recv(fd, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
+}
+
+bool write_all(int fd, const std::string &bytes)
+{
+    return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
 }
 
 } // namespace
@@ -71,8 +64,6 @@ scripted_daemon::scripted_daemon(script steps) : steps_(std::move(steps))
         bind(listen_fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
         listen(listen_fd_, 8) != 0)
         throw std::runtime_error("cannot listen on " + path_);
-    if (pipe(wake_) != 0)
-        throw std::runtime_error("pipe failed");
     thread_ = std::thread([this] { run(); });
 }
 
@@ -80,54 +71,53 @@ scripted_daemon::~scripted_daemon()
 {
     stop();
     close_fd(listen_fd_);
-    close_fd(wake_[0]);
-    close_fd(wake_[1]);
     if (!path_.empty())
         unlink(path_.c_str());
     if (!dir_.empty())
         rmdir(dir_.c_str());
 }
 
+// Cuts the connection (or the wait for one) and any wait step short.
 void scripted_daemon::stop()
 {
     if (!thread_.joinable())
         return;
-    stopping_ = true;
-    char byte = 0;
-    ssize_t ignored = write(wake_[1], &byte, 1);
-    (void)ignored;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+        if (connection_ >= 0)
+            shutdown(connection_, SHUT_RDWR);
+    }
+    shutdown(listen_fd_, SHUT_RDWR);
+    changed_.notify_all();
     thread_.join();
 }
 
-// Accepts connections one after the other until stopped; each one plays the
-// steps that are left (none left: closed at once).
+// Plays the steps on the first connection until the script runs out or the
+// connection ends.
 void scripted_daemon::run()
 {
-    while (!stopping_) {
-        if (!wait_for(listen_fd_, POLLIN))
-            continue;
-        int connection = accept(listen_fd_, nullptr, nullptr);
-        if (connection < 0)
-            continue;
-        play(connection);
-        close_fd(connection);
+    int connection = accept(listen_fd_, nullptr, nullptr);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_)
+            close_fd(connection);
+        connection_ = connection;
     }
-}
-
-// Plays steps on one connection until the script runs out or the connection
-// ends. A reading step that finds the client gone stays for the next one.
-void scripted_daemon::play(int connection)
-{
-    while (next_step_ < steps_.size() && !stopping_) {
-        const step &s = steps_[next_step_];
+    if (connection < 0)
+        return;
+    setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &io_limit, sizeof io_limit);
+    setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &io_limit, sizeof io_limit);
+    for (const step &s : steps_) {
         if (s.reads_request && !read_request(connection, nullptr))
-            return;
+            break;
         bool goes_on = act(connection, s);
-        next_step_++;
         note(nullptr);
         if (!goes_on)
-            return;
+            break;
     }
+    std::lock_guard<std::mutex> lock(mutex_);
+    close_fd(connection_);
 }
 
 // Carries out a step's action; false when the connection is over.
@@ -141,9 +131,8 @@ bool scripted_daemon::act(int connection, const step &s)
     case step::kind::close:
         return false;
     case step::kind::wait: {
-        pollfd wake = {wake_[0], POLLIN, 0};
-        poll(&wake, 1, static_cast<int>(s.duration.count()));
-        return !stopping_;
+        std::unique_lock<std::mutex> lock(mutex_);
+        return !changed_.wait_for(lock, s.duration, [this] { return stopping_; });
     }
     case step::kind::serve:
         return serve(connection, s.handler);
@@ -189,31 +178,6 @@ bool scripted_daemon::read_request(int connection, json_handle *parsed)
         parsed->reset(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
     note(&text);
     return true;
-}
-
-// Waits until fd is ready for events, the daemon stops, or the limit passes;
-// true only when fd is ready.
-bool scripted_daemon::wait_for(int fd, short events)
-{
-    pollfd fds[2] = {{fd, events, 0}, {wake_[0], POLLIN, 0}};
-    int ready = poll(fds, 2, wait_limit_ms);
-    if (ready <= 0 || stopping_ || (fds[1].revents & POLLIN))
-        return false;
-    return fds[0].revents != 0;
-}
-
-bool scripted_daemon::read_exactly(int fd, char *buffer, size_t size)
-{
-    return transfer(size, [&] { return wait_for(fd, POLLIN); }, [&](size_t done) {
-        return recv(fd, buffer + done, size - done, MSG_DONTWAIT);
-    });
-}
-
-bool scripted_daemon::write_all(int fd, const std::string &bytes)
-{
-    return transfer(bytes.size(), [&] { return wait_for(fd, POLLOUT); }, [&](size_t done) {
-        return send(fd, bytes.data() + done, bytes.size() - done, MSG_DONTWAIT | MSG_NOSIGNAL);
-    });
 }
 
 // Records a request read, or a step played when request is null.

@@ -6,17 +6,16 @@
 //   ... send requests through ctx.get() ...
 //   EXPECT_EQ(daemon.request_text(0), R"({"method": "hello", "id": 1})");
 //
-// Steps run in order on a background thread; a reading step waits for a
-// request frame before it acts. The steps a closed connection did not play
-// go to the next one; when the script runs out the daemon closes the
-// connection. Every wait is bounded; the destructor stops and joins.
+// The steps run in order on a background thread against the first
+// connection; a reading step waits for a request frame before it acts. The
+// daemon closes the connection when the script runs out or the client goes.
+// Every wait is bounded; the destructor stops and joins.
 #pragma once
 
 #include "context.h"
 
 #include <jansson.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -97,28 +96,24 @@ class scripted_daemon {
 
   private:
     void run();
-    void play(int connection);
     bool act(int connection, const step &s);
     bool serve(int connection, const request_handler &handler);
     bool read_request(int connection, json_handle *parsed);
-    bool wait_for(int fd, short events);
-    bool read_exactly(int fd, char *buffer, size_t size);
-    bool write_all(int fd, const std::string &bytes);
     void note(std::string *request);
 
     script steps_;
-    size_t next_step_ = 0;
     std::string dir_;
     std::string path_;
     int listen_fd_ = -1;
-    int wake_[2] = {-1, -1};
-    std::atomic<bool> stopping_{false};
     std::thread thread_;
 
+    // Guarded by mutex_: stop() may cut the connection while run() uses it.
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<std::string> texts_;
     size_t steps_done_ = 0;
+    bool stopping_ = false;
+    int connection_ = -1;
 };
 
 // A connected Unix stream socket to path, or -1.
