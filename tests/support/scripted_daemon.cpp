@@ -51,11 +51,6 @@ std::string frame(const std::string &payload)
 
 scripted_daemon::scripted_daemon(script steps) : steps_(std::move(steps))
 {
-    char templ[] = "/tmp/zrdaemon-XXXXXX";
-    if (mkdtemp(templ) == nullptr)
-        throw std::runtime_error("mkdtemp failed");
-    dir_ = templ;
-    path_ = dir_ + "/daemon.sock";
     listen_fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -71,10 +66,6 @@ scripted_daemon::~scripted_daemon()
 {
     stop();
     close_fd(listen_fd_);
-    if (!path_.empty())
-        unlink(path_.c_str());
-    if (!dir_.empty())
-        rmdir(dir_.c_str());
 }
 
 // Cuts the connection (or the wait for one) and any wait step short.

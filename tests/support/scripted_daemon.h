@@ -13,6 +13,7 @@
 #pragma once
 
 #include "context.h"
+#include "temp_dir.h"
 
 #include <jansson.h>
 
@@ -102,8 +103,8 @@ class scripted_daemon {
     void note(std::string *request);
 
     script steps_;
-    std::string dir_;
-    std::string path_;
+    temp_dir dir_;
+    std::string path_ = dir_.file("daemon.sock");
     int listen_fd_ = -1;
     std::thread thread_;
 
