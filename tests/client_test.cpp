@@ -211,9 +211,9 @@ TEST(ClientFetch, BadAnswersFailWithoutLosingLocalWork)
 TEST(ClientRequests, ListSearchLockAndPath)
 {
     scripted_daemon daemon({
-        step::answer(R"({"result": true, "data": [{"type": 4, "id": "m1", "value": "a"}]})"),
-        step::answer(R"({"result": true, "data": [{"type": 7, "id": "RESULTS", "value": ["m1"]}]})"),
-        step::answer(R"({"result": true, "data": []})"),
+        found(R"({"type": 4, "id": "m1", "value": "a"})"),
+        found(R"({"type": 7, "id": "RESULTS", "value": ["m1"]})"),
+        found(),
         step::answer(R"({"result": false})"),
         step::answer(R"({"result": true})"),
         step::answer(R"({"result": true, "data": {"type": 4, "id": "m1", "value": "daemon"}})"),
@@ -242,7 +242,8 @@ TEST(ClientRequests, ListSearchLockAndPath)
     EXPECT_EQ(cfg_lock(c, 3), 0);
     EXPECT_EQ(cfg_message_count(c), 2);
     EXPECT_EQ(cfg_lock(c, 1), 1);
-    EXPECT_EQ(daemon.request_text(4), R"({"method": "lock", "id": 5, "data": {"operation": "write"}})");
+    EXPECT_EQ(daemon.request_text(4),
+              R"({"method": "lock", "id": 5, "data": {"operation": "write"}})");
 
     cfg_element *held = cfg_new_string_with_id(c, "local", "m1");
     EXPECT_EQ(cfg_fetch_by_path(c, "a/b"), held);

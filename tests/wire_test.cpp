@@ -178,7 +178,8 @@ TEST(WireRequest, KeepalivesAreSkippedAndOddShapesAreAnswers)
     for (const char *answer : answers)
         steps.push_back(step::answer(answer));
     steps.insert(steps.end(),
-                 {step::receive(), step::reply(R"({"keepalive": true, "messages": [)" + message + "]}"),
+                 {step::receive(),
+                  step::reply(R"({"keepalive": true, "messages": [)" + message + "]}"),
                   step::keepalive(),
                   step::reply(R"({"result": true, "data": 7, "messages": [)" + message + ", " +
                               message + "]}")});
