@@ -12,9 +12,6 @@ namespace zrtest {
 namespace {
 
 using Daemon = example_appliance_test;
-using DaemonSubscriptions = example_appliance_test;
-using DaemonDurability = example_appliance_test;
-using DaemonStart = example_appliance_test;
 
 std::vector<int> codes_of(cfg *ctx)
 {
@@ -313,7 +310,7 @@ int subscribe(cfg *ctx, const char *name, int priority, texts paths, texts befor
     return cfg_subscribe(ctx, name, priority, p.data(), b.data(), a.data(), "/bin/sh", g.data());
 }
 
-TEST_F(DaemonSubscriptions, RunInOrderWithTheChangesetAndReport)
+TEST_F(Daemon, SubscriptionsRunInOrderWithTheChangesetAndReport)
 {
     daemon_process d;
     std::string out = d.dir().file("changes.json"), order = d.dir().file("order");
@@ -344,7 +341,7 @@ TEST_F(DaemonSubscriptions, RunInOrderWithTheChangesetAndReport)
     EXPECT_EQ(read_file(order), "failing\nfirst\nreceiver\nfailing\nfirst\nreceiver\n");
 }
 
-TEST_F(DaemonSubscriptions, HangingProgramIsKilledWhileOthersRead)
+TEST_F(Daemon, HangingSubscriptionIsKilledWhileOthersRead)
 {
     // Longer than the client's 10-second wait: only keep-alives save it.
     daemon_process d({"--script-timeout", "11"});
@@ -365,7 +362,7 @@ TEST_F(DaemonSubscriptions, HangingProgramIsKilledWhileOthersRead)
     EXPECT_GT(reads, 20) << "the committed value is served while the program runs";
 }
 
-TEST_F(DaemonDurability, AcknowledgedPushesSurviveSigkill)
+TEST_F(Daemon, AcknowledgedPushesSurviveSigkill)
 {
     daemon_process d;
     std::atomic<int> acknowledged{0};
@@ -399,7 +396,7 @@ TEST_F(DaemonDurability, AcknowledgedPushesSurviveSigkill)
         EXPECT_EQ(names[initial + static_cast<size_t>(i)], "c" + std::to_string(i));
 }
 
-TEST_F(DaemonStart, RefusesInvalidDataAndNeverDisplacesALiveDaemon)
+TEST_F(Daemon, StartRefusesInvalidDataAndNeverDisplacesALiveDaemon)
 {
     temp_dir dir;
     std::string data = dir.file("bad.json"), log = dir.file("log");
@@ -423,7 +420,7 @@ TEST_F(DaemonStart, RefusesInvalidDataAndNeverDisplacesALiveDaemon)
     EXPECT_EQ(string_at(c, "system.hostname"), "fw1");
 }
 
-TEST_F(DaemonStart, RefusesPeersOutsideItsUsersAndGroup)
+TEST_F(Daemon, RefusesPeersOutsideItsUsersAndGroup)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root to connect as another user";

@@ -8,13 +8,6 @@ namespace {
 
 using Zrcfg = example_appliance_test;
 
-// The command to run: ZRCFG from the environment, else the one built.
-std::string zrcfg_path()
-{
-    const char *chosen = getenv("ZRCFG");
-    return chosen != nullptr ? chosen : ZRCFG_PATH;
-}
-
 struct run_result {
     int status = -1;
     std::string out, err;
@@ -23,7 +16,7 @@ struct run_result {
 // Runs zrcfg with args (options first) and waits for it.
 run_result zrcfg(const temp_dir &dir, std::vector<std::string> args)
 {
-    args.insert(args.begin(), zrcfg_path());
+    args.insert(args.begin(), ZRCFG_PATH);
     std::string out = dir.file("zrcfg.out"), err = dir.file("zrcfg.err");
     unlink(err.c_str());
     run_result r;

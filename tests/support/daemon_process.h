@@ -24,14 +24,6 @@ extern char **environ;
 
 namespace zrtest {
 
-// The daemon to run: ZRCONFIGD from the environment (a wrapper that runs it
-// under valgrind, say), else the one built with the tests.
-inline std::string daemon_path()
-{
-    const char *chosen = getenv("ZRCONFIGD");
-    return chosen != nullptr ? chosen : ZRCONFIGD_PATH;
-}
-
 // Starts args (the program first) with its standard error going to err,
 // appended, and its standard output to out, truncated, when out is given;
 // the pid, or -1.
@@ -68,7 +60,7 @@ inline int exit_status(pid_t pid)
 // Runs the daemon with args until it exits; its exit status.
 inline int run_daemon(std::vector<std::string> args, const std::string &log)
 {
-    args.insert(args.begin(), daemon_path());
+    args.insert(args.begin(), ZRCONFIGD_PATH);
     return exit_status(spawn(args, log));
 }
 
@@ -107,7 +99,7 @@ class daemon_process {
     // it accepts connections, false when it ends or never does.
     bool start(const std::vector<std::string> &extra = {})
     {
-        std::vector<std::string> args{daemon_path(), "--socket", socket_, "--db",
+        std::vector<std::string> args{ZRCONFIGD_PATH, "--socket", socket_, "--db",
                                       dir_.file("config.db"), "--foreground"};
         args.insert(args.end(), extra.begin(), extra.end());
         pid_ = spawn(args, log_);
