@@ -76,22 +76,52 @@ TEST(ClientSession, ConnectSaysHelloLoadsSchemaAndDisconnectSaysGoodbye)
     EXPECT_EQ(cfg_disconnect(&ctx), 0);
 }
 
-TEST(ClientSession, ConnectFailuresAndIncompleteSchema)
+// The open descriptors (the listing's own is closed when checked).
+std::set<int> open_descriptors()
 {
+    std::set<int> out;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        out.insert(std::stoi(entry.path().filename()));
+    std::erase_if(out, [](int fd) { return fcntl(fd, F_GETFD) == -1; });
+    return out;
+}
+
+// A refused login keeps its socket open (the one descriptor it may leave);
+// a refused connect leaves none.
+TEST(ClientSession, ConnectFailuresLeaveOnlyTheRefusedLoginsSocket)
+{
+    std::set<int> before = open_descriptors();
     {
         log_capture log;
         EXPECT_EQ(cfg_connect("/nonexistent-dir/daemon.sock", "x"), nullptr);
         EXPECT_TRUE(log.has("cfg_connect_timeout: connect() failed: No such file or directory"));
     }
+    EXPECT_EQ(open_descriptors(), before);
     for (const char *hello : {R"({"result": false})", R"({"result": 1})", "[]"}) {
-        scripted_daemon daemon({step::answer(hello)});
-        log_capture log;
-        EXPECT_EQ(cfg_connect(daemon.socket_path().c_str(), "x"), nullptr) << hello;
-        EXPECT_TRUE(log.has("cfg_connect_timeout: Bad login result")) << hello;
-        EXPECT_EQ(log.lines.back().priority, 3);
+        SCOPED_TRACE(hello);
+        {
+            scripted_daemon daemon({step::answer(hello)});
+            log_capture log;
+            EXPECT_EQ(cfg_connect(daemon.socket_path().c_str(), "x"), nullptr);
+            EXPECT_TRUE(log.has("cfg_connect_timeout: Bad login result"));
+            EXPECT_EQ(log.lines.back().priority, 3);
+        } // the daemon's end of the connection is closed too
+        std::set<int> after = open_descriptors();
+        std::vector<int> added;
+        std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                            std::back_inserter(added));
+        ASSERT_EQ(added.size(), 1u);
+        std::string target = std::filesystem::read_symlink("/proc/self/fd/" +
+                                                           std::to_string(added[0]));
+        EXPECT_EQ(target.rfind("socket:", 0), 0u) << target;
+        close(added[0]);
     }
-    // Without types, or with values of the wrong kinds, no schema results,
-    // but the session stands.
+}
+
+// Without types, or with values of the wrong kinds, no schema results, but
+// the session stands.
+TEST(ClientSession, IncompleteSchemaLeavesTheSessionStanding)
+{
     for (const char *schema : {R"({"root": "r", "nodes": {}})",
                                R"({"root": 7, "nodes": {"x": 5, "y": []}, "types": []})"}) {
         scripted_daemon daemon(logged_in({}, schema));
@@ -99,37 +129,6 @@ TEST(ClientSession, ConnectFailuresAndIncompleteSchema)
         ASSERT_NE(s.ctx, nullptr) << schema;
         EXPECT_EQ(cfg_schema_root(s.ctx), nullptr) << schema;
     }
-}
-
-// A refused login keeps its socket open (the one descriptor it may leave);
-// a refused connect leaves none.
-TEST(ClientSession, FailedLoginLeavesOnlyItsSocketOpen)
-{
-    auto descriptors = [] { // the listing's own descriptor is closed when checked
-        std::set<int> out;
-        for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
-            out.insert(std::stoi(entry.path().filename()));
-        std::erase_if(out, [](int fd) { return fcntl(fd, F_GETFD) == -1; });
-        return out;
-    };
-    scripted_daemon daemon({step::answer(R"({"result": false})"), step::close()});
-    log_capture log;
-    std::set<int> before = descriptors();
-    EXPECT_EQ(cfg_connect(daemon.socket_path().c_str(), "x"), nullptr);
-    daemon.stop(); // its end of the connection is closed too
-    std::set<int> after = descriptors();
-    std::vector<int> added;
-    std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
-                        std::back_inserter(added));
-    ASSERT_EQ(added.size(), 1u);
-    EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(added[0]))
-                  .string()
-                  .rfind("socket:", 0),
-              0u);
-    close(added[0]);
-
-    EXPECT_EQ(cfg_connect("/nonexistent-dir/daemon.sock", "x"), nullptr);
-    EXPECT_EQ(descriptors(), before);
 }
 
 TEST(ClientSession, RequestsWithoutAConnectionSendNothing)
