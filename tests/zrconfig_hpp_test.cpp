@@ -13,15 +13,6 @@ using ZrconfigHpp = example_appliance_test;
 using zrconfig::element;
 using zrconfig::session;
 
-// The names of the connections, in order.
-texts conn_names(const session &s)
-{
-    texts names;
-    for (element conn : s.at("network.conns").members())
-        names.push_back(conn["name"].as_string().value_or("?"));
-    return names;
-}
-
 TEST_F(ZrconfigHpp, ReadsChangesCommitsAndReadsBack)
 {
     daemon_process d;
@@ -56,7 +47,10 @@ TEST_F(ZrconfigHpp, ReadsChangesCommitsAndReadsBack)
     session moved(std::move(again));
     EXPECT_FALSE(again);
     EXPECT_EQ(moved.at("network.conns[0].mtu").as_int(), 1400);
-    EXPECT_EQ(conn_names(moved), (texts{"lan", "dmz", "mgmt", "lab"}));
+    texts names;
+    for (element conn : moved.at("network.conns").members())
+        names.push_back(conn["name"].as_string().value_or("?"));
+    EXPECT_EQ(names, (texts{"lan", "dmz", "mgmt", "lab"}));
 }
 
 // A refusal carries its messages, each naming its element by path.
