@@ -1173,8 +1173,10 @@ bool follow_patterns(cfg *context, const char *changed, const std::string &path,
 // The static paths of the flagged elements of one run, each built from its
 // parent's, as zr::triggers::static_path gives them: for a context whose
 // lookups are local, where the tree stays put while they are examined.
-// Every element of a kept path's chain is kept too, so a chain that meets
-// itself is found within one climb.
+// Flagged elements come in index order, where siblings and cousins follow
+// each other, so only the chain above the last element is kept: a handful
+// of entries searched in order. Every element a climb passed is kept with
+// it, so a chain that meets itself is found within one climb.
 class static_paths {
   public:
     explicit static_paths(cfg *context) : context_(context) {}
@@ -1207,15 +1209,29 @@ class static_paths {
 
   private:
     struct known {
+        const cfg_element *element = nullptr;
         bool ok = false; // false: the path cannot be written (a cycle, a bad component)
         bool list = false;
         std::string path;
     };
 
+    static known unwritable(const cfg_element *element)
+    {
+        known made;
+        made.element = element;
+        return made;
+    }
+    size_t position(const cfg_element *element) const
+    {
+        for (size_t i = 0; i < chain_.size(); i++)
+            if (chain_[i].element == element)
+                return i;
+        return npos;
+    }
     const known *find(const cfg_element *element) const
     {
-        auto found = known_.find(element);
-        return found != known_.end() ? &found->second : nullptr;
+        size_t at = position(element);
+        return at != npos ? &chain_[at] : nullptr;
     }
 
     // The element above element on its path, or nullptr at the top. Flagged
@@ -1234,33 +1250,35 @@ class static_paths {
         return strcmp(parent->uuid, "root-1") != 0 ? parent : nullptr;
     }
 
+    // The kept path of element, climbing to the first element kept already.
+    // The chain keeps what lies above that element and what the climb
+    // passed; what hung below it belonged to an earlier chain.
     const known &entry(cfg_element *element)
     {
-        std::vector<cfg_element *> climbed;
-        const known *top = nullptr;
+        climbed_.clear();
+        size_t top = npos;
         for (cfg_element *at = element; at != nullptr; at = above(at)) {
-            if (auto found = known_.find(at); found != known_.end()) {
-                top = &found->second;
+            if ((top = position(at)) != npos)
                 break;
+            if (std::find(climbed_.begin(), climbed_.end(), at) != climbed_.end()) {
+                for (cfg_element *e : climbed_)
+                    chain_.push_back(unwritable(e));
+                return *find(element);
             }
-            if (std::find(climbed.begin(), climbed.end(), at) != climbed.end()) {
-                for (cfg_element *e : climbed)
-                    known_[e] = known{};
-                return known_[element];
-            }
-            climbed.push_back(at);
+            climbed_.push_back(at);
         }
-        for (size_t i = climbed.size(); i-- > 0;) {
-            known &made = known_[climbed[i]];
-            made = render(climbed[i], top);
-            top = &made;
+        chain_.resize(top != npos ? top + 1 : 0);
+        for (size_t i = climbed_.size(); i-- > 0;) {
+            known made = render(climbed_[i], top != npos ? &chain_[top] : nullptr);
+            chain_.push_back(std::move(made));
+            top = chain_.size() - 1;
         }
-        return *top;
+        return chain_[top];
     }
 
     known render(cfg_element *element, const known *parent)
     {
-        known made;
+        known made = unwritable(element);
         made.list = element->type == CFG_TYPE_LIST;
         char component[1024];
         int length = cfg_get_path_basename(context_, element, CFG_PATH_STATIC, component,
@@ -1274,9 +1292,11 @@ class static_paths {
         return made;
     }
 
+    static constexpr size_t npos = static_cast<size_t>(-1);
     cfg *context_;
     cfg_element *last_parent_ = nullptr;
-    std::unordered_map<const cfg_element *, known> known_;
+    std::vector<known> chain_;
+    std::vector<cfg_element *> climbed_;
 };
 
 // Looks at one flagged element: queues it when new or changed, follows the
