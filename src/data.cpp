@@ -23,14 +23,21 @@
 //  7. Only the library's own lookup hooks are cached, and an answer is kept
 //     only when no removal happened while the hook ran and the node at its
 //     position is still the same.
+//  8. What a list knows of changes to its members (zr::member_changes)
+//     holds only while its membership stays: code here that adds or removes
+//     members of a list forgets it, and member_shape catches a new head or
+//     length made behind its back, or an element come to sit in two
+//     containers.
 #define ZR_SOURCE "src/data"
 #include "internal.h"
 #include "common.h"
 #include "data.h"
 #include "entry_pool.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <type_traits>
@@ -46,6 +53,8 @@ constexpr size_t max_string_length = 0x1000000;
 // process-wide: a position index built before the count moved is rebuilt,
 // since the nodes it holds may be gone.
 std::atomic<uint64_t> link_removals{0};
+// Moves whenever an element comes to sit in more than one container.
+std::atomic<uint64_t> shared_members{0};
 
 // Elements leaving a uuid index (or lookups changing meaning), counted
 // process-wide: a resolved member stamped with an older count is looked up
@@ -153,6 +162,8 @@ struct link_index {
 struct container_index {
     link_index members; // list or map members (the same field of the union)
     link_index future_members;
+    std::unique_ptr<zr::member_changes> changes; // lists only, made on first use
+    std::unique_ptr<zr::list_note> note;         // lists only
 };
 
 // Every element record is allocated inside one of these; the public record
@@ -304,8 +315,11 @@ cfg_link *append_link(cfg_link **head, Index &index, const char *uuid,
 cfg_link *append_parent(cfg_element *element, const char *uuid, unsigned int kind,
                         unsigned int position, const char *name)
 {
-    return append_link(&element->parents, box_of(element)->parents, uuid, kind, position,
-                       name);
+    cfg_link *node = append_link(&element->parents, box_of(element)->parents, uuid, kind,
+                                 position, name);
+    if (node != nullptr && zr::shared_member(element))
+        shared_members.fetch_add(1, std::memory_order_relaxed);
+    return node;
 }
 
 cfg_link *append_member(cfg_element *container, const char *uuid, unsigned int kind,
@@ -340,6 +354,8 @@ int delete_links_naming(cfg *context, cfg_link **head, const char *uuid);
 void remove_member_links(cfg *context, cfg_element *container, const char *uuid)
 {
     zr::forget_validation(context, container);
+    if (container->type == CFG_TYPE_LIST)
+        zr::forget_member_changes(container);
     delete_links_naming(context, members_of(container), uuid);
     container_of(container).members.reset();
 }
@@ -347,6 +363,7 @@ void remove_member_links(cfg *context, cfg_element *container, const char *uuid)
 void remove_future_links(cfg *context, cfg_element *list, const char *uuid)
 {
     zr::forget_validation(context, list);
+    zr::forget_member_changes(list);
     delete_links_naming(context, &list->value.list.future_members, uuid);
     container_of(list).future_members.reset();
 }
@@ -1020,18 +1037,66 @@ void zr::forget_all_validation()
     memo_generation.fetch_add(1, std::memory_order_relaxed);
 }
 
+namespace {
+
+// A change reached list from member: noted while the list knows its members
+// (past a bound, the list forgets instead and is walked whole once).
+void note_touched(cfg_element *list, const cfg_element *member)
+{
+    element_box *box = box_of(list);
+    if (box->container == nullptr || box->container->changes == nullptr)
+        return;
+    zr::member_changes &changes = *box->container->changes;
+    if (changes.epoch == 0)
+        return;
+    if (changes.touched.size() >= 4096) {
+        zr::forget_member_changes(list);
+        return;
+    }
+    changes.touched.emplace_back(member->uuid);
+}
+
+// Where element sits in list: 0 and its position among the members, 1 and
+// its position among the future members; false when it is no member.
+bool position_in(cfg_element *list, const cfg_element *element, std::pair<int, unsigned> &at)
+{
+    for (cfg_link *n = element->parents; n != nullptr; n = n->next) {
+        const cfg_parent_link *link = record_of(n);
+        if (link->type != CFG_TYPE_LIST || strcmp(link->uuid, list->uuid) != 0)
+            continue;
+        const char *uuid = cfg_get_listelem(list, static_cast<int>(link->index));
+        if (uuid != nullptr && strcmp(uuid, element->uuid) == 0) {
+            at = {0, link->index};
+            return true;
+        }
+    }
+    const cfg_parent_link *future = element->future_parent;
+    if (future == nullptr || strcmp(future->uuid, list->uuid) != 0)
+        return false;
+    const char *uuid = cfg_get_future_listelem(list, future->index);
+    at = {1, future->index};
+    return uuid != nullptr && strcmp(uuid, element->uuid) == 0;
+}
+
+} // namespace
+
 // Climbs parent, reference and future links through the local index only
 // (nothing is fetched), and stops at an element whose memo is forgotten
-// already: everything above it was forgotten with it.
+// already: everything above it was forgotten with it. A list the climb
+// reaches from a member notes the member as touched.
 void zr::forget_validation(cfg *context, cfg_element *element)
 {
     if (element == nullptr)
         return;
     box_of(element)->memo.epoch = 0;
     std::vector<cfg_element *> pending{element};
-    auto climb = [&](const char *uuid) {
-        cfg_element *parent = cfg_find_by_id(context, uuid);
-        if (parent != nullptr && box_of(parent)->memo.epoch != 0) {
+    auto climb = [&](cfg_element *from, const cfg_parent_link *link) {
+        cfg_element *parent = cfg_find_by_id(context, link->uuid);
+        if (parent == nullptr)
+            return;
+        if (link->type == CFG_TYPE_LIST && parent->type == CFG_TYPE_LIST)
+            note_touched(parent, from);
+        if (box_of(parent)->memo.epoch != 0) {
             box_of(parent)->memo.epoch = 0;
             pending.push_back(parent);
         }
@@ -1040,10 +1105,83 @@ void zr::forget_validation(cfg *context, cfg_element *element)
         cfg_element *at = pending.back();
         pending.pop_back();
         for (cfg_link *n = at->parents; n != nullptr; n = n->next)
-            climb(record_of(n)->uuid);
+            climb(at, record_of(n));
         if (at->future_parent != nullptr)
-            climb(at->future_parent->uuid);
+            climb(at, at->future_parent);
     }
+}
+
+zr::member_changes &zr::member_changes_of(cfg_element *list)
+{
+    std::unique_ptr<member_changes> &changes = container_of(list).changes;
+    if (changes == nullptr)
+        changes = std::make_unique<member_changes>();
+    return *changes;
+}
+
+void zr::forget_member_changes(cfg_element *list)
+{
+    element_box *box = box_of(list);
+    if (box->container == nullptr || box->container->changes == nullptr)
+        return;
+    member_changes &changes = *box->container->changes;
+    changes.epoch = 0;
+    changes.serial++;
+    changes.touched.clear();
+    changes.untracked.clear();
+}
+
+std::unique_ptr<zr::list_note> &zr::list_note_of(cfg_element *list)
+{
+    return container_of(list).note;
+}
+
+bool zr::shared_member(const cfg_element *element)
+{
+    int containers = element->future_parent != nullptr ? 1 : 0;
+    for (cfg_link *n = element->parents; n != nullptr && containers < 2; n = n->next)
+        if (record_of(n)->type == CFG_TYPE_LIST || record_of(n)->type == CFG_TYPE_MAP)
+            containers++;
+    return containers > 1;
+}
+
+uint64_t zr::member_shape(cfg_element *list)
+{
+    uint64_t sum = current(shared_members);
+    for (uint64_t part : {reinterpret_cast<uintptr_t>(list->value.list.members),
+                          reinterpret_cast<uintptr_t>(list->value.list.future_members),
+                          static_cast<uintptr_t>(member_count(list)),
+                          static_cast<uintptr_t>(future_count(list))})
+        sum = (sum ^ part) * 0x100000001b3ull;
+    return sum;
+}
+
+bool zr::changed_members(cfg *context, cfg_element *list, uint64_t epoch,
+                         std::vector<cfg_element *> &out, size_t &touched_count)
+{
+    out.clear();
+    element_box *box = box_of(list);
+    if (epoch == 0 || box->container == nullptr || box->container->changes == nullptr)
+        return false;
+    const member_changes &changes = *box->container->changes;
+    if (changes.epoch != epoch || changes.shape != member_shape(list))
+        return false;
+    touched_count = changes.touched.size();
+    std::vector<std::pair<std::pair<int, unsigned>, cfg_element *>> found;
+    for (const std::vector<std::string> *uuids : {&changes.touched, &changes.untracked})
+        for (const std::string &uuid : *uuids) {
+            cfg_element *element = cfg_get_by_id(context, uuid.c_str());
+            std::pair<int, unsigned> at;
+            if (element == nullptr || !position_in(list, element, at))
+                return false;
+            found.push_back({at, element});
+        }
+    std::sort(found.begin(), found.end(),
+              [](const auto &a, const auto &b) { return a.first < b.first; });
+    for (size_t i = 0; i < found.size(); i++)
+        if (i == 0 || found[i].first != found[i - 1].first)
+            out.push_back(found[i].second);
+    return true;
 }
 
 void zr::index_changed()
@@ -1089,13 +1227,17 @@ extern "C" cfg_link *cfg_append_listelem(cfg *context, cfg_element *list,
         link->index = position;
         free_link_record(child->future_parent);
         child->future_parent = link;
+        if (zr::shared_member(child))
+            shared_members.fetch_add(1, std::memory_order_relaxed);
         zr::forget_validation(context, list);
+        zr::forget_member_changes(list); // keeps invariant 8, as do the others
         return append_future_member(list, child->uuid, position);
     }
     unsigned int position = member_count(list);
     if (append_parent(child, list->uuid, CFG_TYPE_LIST, position, nullptr) == nullptr)
         return nullptr;
     zr::forget_validation(context, list);
+    zr::forget_member_changes(list);
     cfg_link *node = append_member(list, child->uuid, CFG_TYPE_LIST, position, nullptr);
     if (node != nullptr)
         remember_member(context, list, position, child);
@@ -1567,6 +1709,7 @@ void delete_sole_members(cfg *context, cfg_element *list,
         delete_below(context, member);
     }
     container_of(list).members.reset();
+    zr::forget_member_changes(list);
 }
 
 } // namespace

@@ -6,6 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace zr {
 
@@ -35,6 +38,43 @@ void forget_validation(cfg *context, cfg_element *element);
 void forget_all_validation();
 // Moves whenever forget_all_validation is called.
 uint64_t validation_generation();
+
+// What a list knows of its members between validations: which members a
+// change has reached since a validation last accounted for every one of
+// them (each holding a memo then, or named as untracked), so that the next
+// walk over the list need look at those alone. A change to the list itself
+// (its membership) forgets all of it.
+struct member_changes {
+    uint64_t epoch = 0;   // memo epoch of the validation that accounted for all; 0: none
+    uint64_t serial = 0;  // moves whenever what is known is forgotten
+    uint64_t commits = 0; // validations that accounted for every member
+    uint64_t shape = 0;   // the list's heads, lengths and parent events then, summed up
+    std::vector<std::string> touched;   // reached by a change since (repeats allowed)
+    std::vector<std::string> untracked; // validated then without a memo
+};
+member_changes &member_changes_of(cfg_element *list);
+// Forgets what list knows of its members.
+void forget_member_changes(cfg_element *list);
+// Sums up list's link heads and lengths, and the count of elements that have
+// come to sit in more than one container: what must stay put for
+// member_changes to hold.
+uint64_t member_shape(cfg_element *list);
+// The members of list to look at again under epoch, each once, in list
+// order (members, then future members): the touched ones, the first
+// touched_count of them, and the untracked ones. False when what the list
+// knows does not hold (or names an element that is no longer a member):
+// every member is to be looked at then.
+bool changed_members(cfg *context, cfg_element *list, uint64_t epoch,
+                     std::vector<cfg_element *> &out, size_t &touched_count);
+// Whether element sits in more than one container (or is both a member and
+// a future member).
+bool shared_member(const cfg_element *element);
+
+// Something a validator keeps beside a list between validations.
+struct list_note {
+    virtual ~list_note() = default;
+};
+std::unique_ptr<list_note> &list_note_of(cfg_element *list);
 
 // A word kept beside element for validation walks, which note there whether
 // they have seen and accounted for it; zero for a new record.

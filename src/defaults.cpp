@@ -27,6 +27,7 @@ struct population {
     zr::schema_walk walk{};
     bool stopped = false;
     const zr::populated_fn *populated = nullptr; // elements known to be complete
+    uint64_t epoch = 0; // the memo epoch populated answers under
 
     bool in_walk(const cfg_element *element) const { return walk.holds(element); }
     // Whether fault (if any) ended the run; its message is pushed once.
@@ -194,6 +195,16 @@ void populate_items(population &run, cfg_element *list, cfg_schema_element *sche
     cfg_schema_element *item_schema = named_item_schema(run.context, schema);
     if (item_schema == nullptr)
         return;
+    // Members no change reached since the list was last accounted for are
+    // complete; only the others need a look.
+    std::vector<cfg_element *> again;
+    size_t touched = 0;
+    if (run.populated != nullptr &&
+        zr::changed_members(run.context, list, run.epoch, again, touched)) {
+        for (size_t i = 0; i < again.size() && !run.stopped; i++)
+            populate_node(run, again[i], item_schema);
+        return;
+    }
     for (int i = 0; !run.stopped; i++) {
         const char *uuid = cfg_get_listelem(list, i);
         if (uuid == nullptr)
@@ -343,13 +354,15 @@ extern "C" void cfg_populate_if(cfg *context, cfg_element *map, cfg_schema_eleme
                    [&](population &run) { populate_conditional(run, map, if_elem); });
 }
 
-void zr::populate_defaults_except(cfg *context, cfg_element *element, const populated_fn &populated)
+void zr::populate_defaults_except(cfg *context, cfg_element *element, const populated_fn &populated,
+                                  uint64_t epoch)
 {
     if (context == nullptr || element == nullptr)
         return;
     cfg_schema_element *schema = cfg_get_schema_by_id(context, element->schema);
     run_population(context, element, 0, true, [&](population &run) {
         run.populated = &populated;
+        run.epoch = epoch;
         populate_node(run, element, schema);
     });
 }

@@ -4,6 +4,7 @@
 
 #include "zrconfig.h"
 
+#include <cstdint>
 #include <functional>
 
 namespace zr {
@@ -12,8 +13,9 @@ namespace zr {
 // every member that default population would add.
 using populated_fn = std::function<bool(cfg_element *, cfg_schema_element *)>;
 // cfg_populate_defaults in normal mode, passing over the elements (and what
-// they hold) that populated names.
-void populate_defaults_except(cfg *context, cfg_element *element, const populated_fn &populated);
+// they hold) that populated names: those that memos of epoch show complete.
+void populate_defaults_except(cfg *context, cfg_element *element, const populated_fn &populated,
+                              uint64_t epoch);
 
 } // namespace zr
 

@@ -19,6 +19,7 @@
 #include <pcre.h>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -81,6 +82,12 @@ bool add_entry(cfg_index_entry *&map, cfg_element *element)
 // a changed-data run uses memos it forgets those of every element that a
 // trigger names or that is not clean itself, so an element is passed over
 // only when nothing at or below it is to be validated again.
+//
+// A list walked in depth by a successful run also keeps which of its members
+// were left without a memo (zr::member_changes); a change that climbs from a
+// member to the list notes the member there. While the list's membership
+// and the epoch stay, a changed-data walk over the list validates those
+// members alone: every other member holds a memo that holds.
 
 // A 64-bit sum fed piece by piece: each piece's hash folded in FNV-style.
 class fingerprint {
@@ -223,14 +230,49 @@ class memo_run {
     {
         validated_.emplace_back(element, schema);
     }
-    // Writes the memos of the run, which succeeded.
+    uint64_t epoch() const { return epoch_; }
+    // Notes a walk over every member of list that needed a second look:
+    // the touched members it took in (the first consumed), and the members
+    // it left without a memo.
+    void walked_list(cfg_element *list, uint64_t serial, uint64_t shape, size_t consumed,
+                     std::vector<std::string> untracked)
+    {
+        auto [at, fresh] = list_positions_.try_emplace(list, lists_.size());
+        if (fresh) {
+            lists_.push_back({list, serial, shape, consumed, std::move(untracked)});
+            return;
+        }
+        walked &earlier = lists_[at->second];
+        earlier = {list, serial, shape, std::max(consumed, earlier.consumed), std::move(untracked)};
+    }
+    // Writes the memos of the run, which succeeded, and what the lists it
+    // walked now know of their members.
     void record()
     {
         for (const auto &[element, schema] : validated_)
             zr::memo_of(element) = {epoch_, element_fingerprint(element, schema), element->flags};
+        for (walked &w : lists_) {
+            zr::member_changes &changes = zr::member_changes_of(w.list);
+            if (changes.serial != w.serial || zr::member_shape(w.list) != w.shape)
+                continue;
+            size_t consumed = std::min(w.consumed, changes.touched.size());
+            changes.touched.erase(changes.touched.begin(), changes.touched.begin() + consumed);
+            changes.untracked = std::move(w.untracked);
+            changes.epoch = epoch_;
+            changes.shape = w.shape;
+            changes.commits++;
+        }
     }
 
   private:
+    struct walked {
+        cfg_element *list;
+        uint64_t serial, shape;
+        size_t consumed;
+        std::vector<std::string> untracked;
+    };
+    std::vector<walked> lists_;
+    std::unordered_map<const cfg_element *, size_t> list_positions_;
     uint64_t epoch_;
     bool passes_over_clean_;
     size_t taints_ = 0;
@@ -368,6 +410,13 @@ class walk_marks {
 
     memo_run *memo = nullptr; // the run's memos, when it keeps any
     map_members members;
+    // The list walked last, and the members it looked at again when it did
+    // not look at all of them.
+    const cfg_element *walked_list = nullptr;
+    bool walked_some = false;
+    std::vector<cfg_element *> walked_again;
+
+    static walk_marks *current() { return active; }
 
   private:
     // A mark is the serial, then four bits: the state (two), in the work
@@ -445,6 +494,14 @@ extern "C" void set_handled(validation_context *vctx, cfg_element *element)
         HASH_DEL(vctx->unhandled, entry);
         free(entry);
     }
+}
+
+const std::vector<cfg_element *> *zr::members_walked_again(const cfg_element *list)
+{
+    walk_marks *marks = walk_marks::current();
+    if (marks == nullptr || marks->walked_list != list || !marks->walked_some)
+        return nullptr;
+    return &marks->walked_again;
 }
 
 extern "C" void free_context(validation_context *vctx)
@@ -866,6 +923,58 @@ extern "C" int cfg_validate_reference(validation_context *, cfg *context, cfg_el
 
 namespace {
 
+// The items of list in a walk under local lookups. When a changed-data run
+// finds that the list knows which members a change reached since it was
+// last accounted for, only those and the members then left without a memo
+// are validated: every other member holds a memo that still holds, so
+// validating it would pass it over. The run notes, for the lists whose
+// items all passed, which members it leaves without a memo.
+int validate_items_marked(validation_context *vctx, cfg *context, cfg_element *list,
+                          cfg_schema_element *item_schema, int item_type, schema_walk &walk,
+                          walk_marks &marks)
+{
+    memo_run *memo = marks.memo;
+    std::vector<cfg_element *> again;
+    size_t consumed = 0;
+    const bool some = memo != nullptr && memo->passes_over_clean() &&
+                      zr::changed_members(context, list, memo->epoch(), again, consumed);
+    const uint64_t serial = zr::member_changes_of(list).serial;
+    const uint64_t shape = zr::member_shape(list);
+    if (!some)
+        consumed = zr::member_changes_of(list).touched.size();
+    std::vector<std::string> untracked;
+    auto validate = [&](cfg_element *item) {
+        const size_t taints = memo != nullptr ? memo->taints() : 0;
+        if (!validate_list_item(vctx, context, list, item, item_schema, item_type, walk))
+            return false;
+        if (memo != nullptr &&
+            (item_schema == nullptr || memo->taints() != taints || zr::shared_member(item)))
+            untracked.emplace_back(item->uuid);
+        return true;
+    };
+    if (some) {
+        for (cfg_element *item : again)
+            if (!validate(item))
+                return 0;
+    } else {
+        // The list remembers what its members resolved to.
+        unsigned int count = 0;
+        cfg_list_size(list, &count);
+        for (unsigned int i = 0; i < count; i++)
+            if (!validate(zr::list_member(context, list, i)))
+                return 0;
+        for (const std::string &uuid : member_uuids(list->value.list.future_members))
+            if (!validate(cfg_get_by_id(context, uuid.c_str())))
+                return 0;
+    }
+    if (memo != nullptr)
+        memo->walked_list(list, serial, shape, consumed, std::move(untracked));
+    marks.walked_list = list;
+    marks.walked_some = some;
+    marks.walked_again = std::move(again);
+    return 1;
+}
+
 int validate_list_in(validation_context *vctx, cfg *context, cfg_element *list,
                      cfg_schema_element *schema, schema_walk &walk)
 {
@@ -892,6 +1001,9 @@ int validate_list_in(validation_context *vctx, cfg *context, cfg_element *list,
     }
     if (vctx->shallow)
         return 1;
+    if (walk_marks *marks = walk_marks::of(vctx))
+        return validate_items_marked(vctx, context, list, item_schema, part.element_type, walk,
+                                     *marks);
     if (zr::lookups_are_local(context)) {
         // The list remembers what its members resolved to.
         unsigned int count = 0;
@@ -1467,7 +1579,7 @@ extern "C" int cfg_validate_changed_data(cfg *context)
             (element->type != CFG_TYPE_LIST && element->type != CFG_TYPE_MAP))
             continue;
         if (memo)
-            zr::populate_defaults_except(context, element, populated);
+            zr::populate_defaults_except(context, element, populated, memo->epoch());
         else
             cfg_populate_defaults(context, element, 0);
     }
