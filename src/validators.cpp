@@ -10,6 +10,7 @@
 // ------------------------------------------------------------------------
 
 #include "triggers.h"
+#include "walk.h"
 
 #include <cstring>
 #include <string>
@@ -171,7 +172,9 @@ extern "C" int evaluate_if(cfg *context, cfg_element *map, cfg_schema_element *i
 #include <climits>
 #include <cstring>
 #include <crypt.h>
+#include <memory>
 #include <new>
+#include <optional>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -182,6 +185,9 @@ extern "C" int evaluate_if(cfg *context, cfg_element *map, cfg_schema_element *i
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -600,9 +606,132 @@ extern "C" int validator_networkaddress(cfg *context, cfg_element *element, char
     return 0;
 }
 
+namespace {
+
+// The text a list item gives for uniqueness: a string item its value, any
+// other item the string at path below it; none when there is no such string.
+std::optional<std::string> item_text(cfg *context, cfg_element *item, const char *path)
+{
+    if (custom::is_type(item, CFG_TYPE_STRING) && item->value.string_value != nullptr)
+        return std::string(item->value.string_value);
+    zr::cstr_ptr text = custom::string_at(context, item, path);
+    if (text == nullptr)
+        return std::nullopt;
+    return std::string(text.get());
+}
+
+// What validator_uniqueness knows of one list and path between validations:
+// the text each member gives and how many members give each text. A walk
+// that looks again only at some members (zr::members_walked_again) knows
+// every other member unchanged since the list was last accounted for, and
+// every run that accounted for the list ran this validator on it after its
+// walk; so the tally stays in step when it takes in those members' texts,
+// provided it was last brought in step no earlier than the run before the
+// list's last accounting (synced against the list's commits).
+class text_tally {
+  public:
+    bool in_step_with(uint64_t commits) const { return synced_ + 1 >= commits; }
+    void synced(uint64_t commits) { synced_ = commits; }
+
+    // Records member's text, replacing what it gave before.
+    void take(const std::string &member, std::optional<std::string> text)
+    {
+        auto held = by_member_.find(member);
+        if (held != by_member_.end()) {
+            drop(held->second);
+            if (!text) {
+                by_member_.erase(held);
+                return;
+            }
+            held->second = std::move(*text);
+            count(held->second);
+            return;
+        }
+        if (text)
+            count(by_member_.emplace(member, std::move(*text)).first->second);
+    }
+    bool has_duplicates() const { return duplicated_ != 0; }
+
+  private:
+    void count(const std::string &text)
+    {
+        if (++counts_[text] == 2)
+            duplicated_++;
+    }
+    void drop(const std::string &text)
+    {
+        auto found = counts_.find(text);
+        if (found == counts_.end())
+            return;
+        if (found->second-- == 2)
+            duplicated_--;
+        if (found->second == 0)
+            counts_.erase(found);
+    }
+
+    uint64_t synced_ = 0;
+    std::unordered_map<std::string, std::string> by_member_;
+    std::unordered_map<std::string, size_t> counts_;
+    size_t duplicated_ = 0; // texts that more than one member gives
+};
+
+struct uniqueness_note : zr::list_note {
+    std::unordered_map<std::string, text_tally> by_path;
+};
+
+uniqueness_note &uniqueness_note_of(cfg_element *list)
+{
+    std::unique_ptr<zr::list_note> &note = zr::list_note_of(list);
+    if (dynamic_cast<uniqueness_note *>(note.get()) == nullptr)
+        note = std::make_unique<uniqueness_note>();
+    return static_cast<uniqueness_note &>(*note);
+}
+
+// True when the tally of list and path, brought in step with the members
+// the running walk looked at again, shows every text given once. False
+// when it cannot tell: the whole list is read then.
+bool known_unique(cfg *context, cfg_element *list, const char *path)
+{
+    const std::vector<cfg_element *> *again = zr::members_walked_again(list);
+    if (again == nullptr)
+        return false;
+    uniqueness_note &note = uniqueness_note_of(list);
+    auto found = note.by_path.find(path);
+    const uint64_t commits = zr::member_changes_of(list).commits;
+    if (found == note.by_path.end() || !found->second.in_step_with(commits))
+        return false;
+    text_tally &tally = found->second;
+    for (cfg_element *item : *again)
+        tally.take(item->uuid, item_text(context, item, path));
+    tally.synced(commits);
+    return !tally.has_duplicates();
+}
+
+// Starts the tally of list and path afresh from every member's text (uuids
+// and texts side by side; a member without text has none). Members listed
+// twice cannot be tallied by member: the tally is dropped then.
+void restart_tally(cfg_element *list, const char *path, const std::vector<std::string> &uuids,
+                   const std::vector<std::optional<std::string>> &texts)
+{
+    uniqueness_note &note = uniqueness_note_of(list);
+    note.by_path.erase(path);
+    text_tally tally;
+    std::unordered_set<std::string_view> seen;
+    for (size_t i = 0; i < uuids.size(); i++) {
+        if (!seen.insert(uuids[i]).second)
+            return;
+        tally.take(uuids[i], texts[i]);
+    }
+    tally.synced(zr::member_changes_of(list).commits);
+    note.by_path.emplace(path, std::move(tally));
+}
+
+} // namespace
+
 // No two items of a list may give the same text: a string item its value,
 // any other item the string at the path below it (items without one are
-// left out).
+// left out). Under local lookups a tally of the texts is kept beside the
+// list, so a walk that looked again at a few members reads only theirs.
 extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **params,
                                     int params_count)
 {
@@ -611,25 +740,30 @@ extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **p
         !custom::is_type(element, CFG_TYPE_LIST))
         return 0;
     return custom::guarded([&] {
-        std::vector<std::string> uuids = custom::member_uuids(element);
-        if (uuids.size() < 2)
+        const bool local = zr::lookups_are_local(context);
+        if (local && known_unique(context, element, params[0]))
             return 1;
+        std::vector<std::string> uuids = custom::member_uuids(element);
+        if (uuids.size() < 2) {
+            if (local)
+                uniqueness_note_of(element).by_path.erase(params[0]);
+            return 1;
+        }
         // Under local lookups the list remembers what its members resolved to.
         unsigned int remembered = 0;
-        if (zr::lookups_are_local(context))
+        if (local)
             cfg_list_size(element, &remembered);
+        std::vector<std::optional<std::string>> given;
         std::vector<std::string> texts;
         for (size_t i = 0; i < uuids.size(); i++) {
             cfg_element *item = i < remembered ? zr::list_member(context, element, i)
                                                : cfg_get_by_id(context, uuids[i].c_str());
-            if (custom::is_type(item, CFG_TYPE_STRING) && item->value.string_value != nullptr) {
-                texts.emplace_back(item->value.string_value);
-                continue;
-            }
-            zr::cstr_ptr text = custom::string_at(context, item, params[0]);
-            if (text != nullptr)
-                texts.emplace_back(text.get());
+            given.push_back(item_text(context, item, params[0]));
+            if (given.back())
+                texts.push_back(*given.back());
         }
+        if (local)
+            restart_tally(element, params[0], uuids, given);
         return custom::report_first_duplicate(context, element, params[0], texts,
                                               custom::whole_text);
     });

@@ -233,3 +233,43 @@ TEST(ChangedData, MapTestingOutsideItselfIsNotPassedOver)
     EXPECT_EQ(a.messages(),
               texts{"Element [" + std::string(trace->uuid) + "] is of the wrong type"});
 }
+
+// Runs that look again only at the users a change reached still judge the
+// names of all of them: collisions with an untouched user, between two
+// changed users, the holder of a duplicate going, and a name changed behind
+// the library's back (flagged by hand).
+TEST(ChangedData, UniqueNamesJudgedAcrossRunsThatLookAtChangedItemsOnly)
+{
+    validated_appliance a;
+    cfg *c = a.ctx();
+    auto judged = [&](int valid, const texts &messages) {
+        EXPECT_EQ(cfg_validate_changed_data(c), valid);
+        EXPECT_EQ(a.messages(), messages);
+        a.clear_messages();
+        if (valid)
+            a.clear_flags();
+    };
+    auto duplicate = [](const std::string &name) {
+        return texts{"Duplicate 'name' fields with value '" + name + "'"};
+    };
+    cfg_element *user3 = a.put(a.users, nullptr, cfg_new_map_with_id(c, "user-3"));
+    a.put(user3, "name", cfg_new_string_with_id(c, "guest", "user-name-3"));
+    a.put(user3, "uid", cfg_new_int_with_id(c, 2000, "user-uid-3"));
+    judged(1, {});
+
+    a.set(user3, "name", "operator");
+    judged(0, duplicate("operator"));
+    a.set(user3, "name", "guest");
+    judged(1, {});
+    a.set(a.user1, "name", "guest");
+    judged(0, duplicate("guest"));
+    cfg_delete_element(c, user3);
+    judged(1, {});
+
+    cfg_element *name = a.member(a.user1, "name");
+    free(name->value.string_value);
+    name->value.string_value = strdup("operator");
+    name->flags |= CFG_FLAG_CHANGED;
+    judged(0, duplicate("operator"));
+    EXPECT_EQ(cfg_validate_data(c), 0);
+}
