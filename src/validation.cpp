@@ -201,6 +201,15 @@ uint64_t element_fingerprint(const cfg_element *e, const cfg_schema_element *sch
     return sum.sum();
 }
 
+// Whether more than half of list's members are left without a memo.
+bool mostly_untracked(cfg_element *list, size_t untracked)
+{
+    unsigned int members = 0, future = 0;
+    cfg_list_size(list, &members);
+    cfg_list_future_size(list, &future);
+    return untracked * 2 > static_cast<size_t>(members) + future;
+}
+
 // What one run knows of memos: the epoch, whether clean elements are passed
 // over, and the elements validated in depth so far, whose memos are written
 // if the run succeeds.
@@ -255,6 +264,10 @@ class memo_run {
             zr::member_changes &changes = zr::member_changes_of(w.list);
             if (changes.serial != w.serial || zr::member_shape(w.list) != w.shape)
                 continue;
+            if (mostly_untracked(w.list, w.untracked.size())) {
+                zr::forget_member_changes(w.list); // walking them all costs less
+                continue;
+            }
             size_t consumed = std::min(w.consumed, changes.touched.size());
             changes.touched.erase(changes.touched.begin(), changes.touched.begin() + consumed);
             changes.untracked = std::move(w.untracked);
