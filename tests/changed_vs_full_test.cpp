@@ -6,9 +6,11 @@
 // live elements in full (in a child process: loading the copy would make
 // what the edited side remembers from earlier rounds stale); a round both
 // accept is mostly committed, the rest stay pending into the next. Rules:
-//  1. Same verdict; after edits to a certificate's members (judged by a
-//     validator that declares no trigger paths) only "changed rejects =>
-//     full rejects".
+//  1. Same verdict; only "changed rejects => full rejects" after edits to
+//     a certificate's members (judged by a validator that declares no
+//     trigger paths) and once a deletion left pending has been met by an
+//     earlier run (that run forgot what watched the deleted element, so a
+//     later run no longer validates it again).
 //  2. An accepting run pushes no message.
 //  3. Changed-data rejects with at most one message; full with at most one
 //     constraint message, or only no-match messages, one per stray element.
@@ -101,6 +103,7 @@ struct edited_appliance : appliance {
     std::mt19937 rng;
     std::vector<std::string> edits;
     bool edited_certificate_members = false;
+    bool deletions_met = false; // a pending deletion was met by an earlier run
     int next_id = 0;
 
     explicit edited_appliance(unsigned seed) : rng(seed)
@@ -113,18 +116,25 @@ struct edited_appliance : appliance {
         clear_messages();
     }
 
-    // What a commit leaves: deleted elements gone, no flags.
-    void commit()
+    // The elements marked deleted and not yet committed.
+    std::vector<cfg_element *> deleted() const
     {
-        std::vector<cfg_element *> deleted;
+        std::vector<cfg_element *> out;
         for (cfg_index_entry *e = ctx()->elements; e != nullptr;
              e = static_cast<cfg_index_entry *>(e->hh.next))
             if (e->element->flags & CFG_FLAG_DELETED)
-                deleted.push_back(e->element);
-        for (cfg_element *e : deleted)
+                out.push_back(e->element);
+        return out;
+    }
+
+    // What a commit leaves: deleted elements gone, no flags.
+    void commit()
+    {
+        for (cfg_element *e : deleted())
             cfg_free_element(ctx(), e);
         clear_flags();
         edited_certificate_members = false;
+        deletions_met = false;
         edits.push_back("-- commit --");
     }
 
@@ -398,8 +408,9 @@ void check_round(unsigned seed, const A &a, const verdict &changed, const verdic
     SCOPED_TRACE(trace + "\n  changed-data " + describe(changed.valid, changed.messages) +
                  "\n  full " + describe(full.valid, full.messages));
 
-    EXPECT_TRUE(a.edited_certificate_members ? changed.valid || !full.valid
-                                             : changed.valid == full.valid)
+    EXPECT_TRUE(a.edited_certificate_members || a.deletions_met
+                    ? changed.valid || !full.valid
+                    : changed.valid == full.valid)
         << "rule 1";
     EXPECT_TRUE(!changed.valid || changed.messages.empty()) << "rule 2";
     EXPECT_TRUE(!full.valid || full.messages.empty()) << "rule 2";
@@ -439,10 +450,12 @@ void run_sequence(unsigned seed, unsigned rounds)
         verdict full = full_verdict(tree);
         verdict changed{cfg_validate_changed_data(a.ctx()), messages_with_elements(a.ctx())};
         check_round(seed, a, changed, full, tree);
-        if (changed.valid && full.valid && a.rng() % 4 != 0)
+        if (changed.valid && full.valid && a.rng() % 4 != 0) {
             a.commit();
-        else
+        } else {
             a.clear_messages();
+            a.deletions_met = a.deletions_met || !a.deleted().empty();
+        }
     }
 }
 
