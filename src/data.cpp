@@ -1147,13 +1147,13 @@ bool zr::shared_member(const cfg_element *element)
 
 uint64_t zr::member_shape(cfg_element *list)
 {
-    uint64_t sum = current(shared_members);
-    for (uint64_t part : {reinterpret_cast<uintptr_t>(list->value.list.members),
-                          reinterpret_cast<uintptr_t>(list->value.list.future_members),
-                          static_cast<uintptr_t>(member_count(list)),
-                          static_cast<uintptr_t>(future_count(list))})
-        sum = (sum ^ part) * 0x100000001b3ull;
-    return sum;
+    return fingerprint()
+        .add(current(shared_members))
+        .add(list->value.list.members)
+        .add(list->value.list.future_members)
+        .add(member_count(list))
+        .add(future_count(list))
+        .sum();
 }
 
 bool zr::changed_members(cfg *context, cfg_element *list, uint64_t epoch,

@@ -6,11 +6,34 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zr {
+
+// A 64-bit sum fed piece by piece: each piece's hash folded in FNV-style.
+class fingerprint {
+  public:
+    fingerprint &add(const void *data, size_t size)
+    {
+        std::string_view bytes(static_cast<const char *>(data), size);
+        sum_ = (sum_ ^ std::hash<std::string_view>{}(bytes)) * 0x100000001b3ull;
+        return *this;
+    }
+    template <typename T> fingerprint &add(const T &value) { return add(&value, sizeof value); }
+    fingerprint &text(const char *value)
+    {
+        return value != nullptr ? add(value, strlen(value) + 1) : add(uint8_t{0xff});
+    }
+    uint64_t sum() const { return sum_; }
+
+  private:
+    uint64_t sum_ = 0xcbf29ce484222325ull;
+};
 
 // Tells the data tree that an element left a uuid index, an index was
 // swapped, or a lookup hook's answers changed.

@@ -89,25 +89,7 @@ bool add_entry(cfg_index_entry *&map, cfg_element *element)
 // and the epoch stay, a changed-data walk over the list validates those
 // members alone: every other member holds a memo that holds.
 
-// A 64-bit sum fed piece by piece: each piece's hash folded in FNV-style.
-class fingerprint {
-  public:
-    fingerprint &add(const void *data, size_t size)
-    {
-        std::string_view bytes(static_cast<const char *>(data), size);
-        sum_ = (sum_ ^ std::hash<std::string_view>{}(bytes)) * 0x100000001b3ull;
-        return *this;
-    }
-    template <typename T> fingerprint &add(const T &value) { return add(&value, sizeof value); }
-    fingerprint &text(const char *value)
-    {
-        return value != nullptr ? add(value, strlen(value) + 1) : add(uint8_t{0xff});
-    }
-    uint64_t sum() const { return sum_; }
-
-  private:
-    uint64_t sum_ = 0xcbf29ce484222325ull;
-};
+using zr::fingerprint;
 
 void sum_links(fingerprint &sum, cfg_link *head)
 {
