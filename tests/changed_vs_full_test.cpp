@@ -355,15 +355,9 @@ std::string in_child(const std::function<std::string()> &judge)
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
-        close(fds[0]);
+        // A blocking pipe takes the whole text in one write.
         std::string out = judge();
-        for (size_t done = 0; done < out.size();) {
-            ssize_t n = write(fds[1], out.data() + done, out.size() - done);
-            if (n <= 0)
-                break;
-            done += static_cast<size_t>(n);
-        }
-        _exit(0);
+        _exit(write(fds[1], out.data(), out.size()) == static_cast<ssize_t>(out.size()) ? 0 : 1);
     }
     close(fds[1]);
     std::string out;
@@ -389,12 +383,11 @@ verdict full_verdict(const std::vector<json_handle> &tree)
     verdict full{-1, {}};
     std::string line;
     if (std::getline(lines, line))
-        full.valid = std::stoi(line);
-    while (std::getline(lines, line)) {
-        size_t first = line.find('\t'), second = line.find('\t', first + 1);
-        full.messages.push_back({std::stoi(line.substr(0, first)), line.substr(second + 1),
-                                 line.substr(first + 1, second - first - 1)});
-    }
+        full.valid = std::stoi(line); // stays -1 when the child wrote nothing
+    std::string code, uuid, text;
+    while (std::getline(lines, code, '\t') && std::getline(lines, uuid, '\t') &&
+           std::getline(lines, text))
+        full.messages.push_back({std::stoi(code), text, uuid});
     return full;
 }
 
