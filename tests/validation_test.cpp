@@ -99,19 +99,19 @@ TEST(FullValidation, SubtreeNeedsAKnownBinding)
 namespace {
 
 // A context with a local lookup, log capture and a fresh validation context.
-struct rule_bench {
+struct TypeRules : testing::Test {
     log_capture log;
     context_handle h;
+    cfg *const c = h.get();
     std::unique_ptr<validation_context, void (*)(validation_context *)> vctx{
         static_cast<validation_context *>(calloc(1, sizeof(validation_context))), free_context};
 
-    cfg *ctx() const { return h.get(); }
     // Validates element against schema; the messages pushed, oldest first.
     texts check(cfg_element *element, cfg_schema_element *schema, int expected)
     {
-        cfg_free_message_stack(ctx());
-        EXPECT_EQ(cfg_validate_node(vctx.get(), ctx(), element, schema), expected);
-        return messages_of(ctx());
+        cfg_free_message_stack(c);
+        EXPECT_EQ(cfg_validate_node(vctx.get(), c, element, schema), expected);
+        return messages_of(c);
     }
     // Validates element against schema, expecting success exactly when no
     // message is expected.
@@ -123,10 +123,8 @@ struct rule_bench {
 
 } // namespace
 
-TEST(TypeRules, NumberBoundsAndAllowedValues)
+TEST_F(TypeRules, NumberBoundsAndAllowedValues)
 {
-    rule_bench b;
-    cfg *c = b.ctx();
     const struct {
         int has_min, min, has_max, max, value;
         texts expected;
@@ -139,108 +137,99 @@ TEST(TypeRules, NumberBoundsAndAllowedValues)
     };
     for (const auto &ic : cases) {
         SCOPED_TRACE(ic.value);
-        b.expect(cfg_new_int(c, ic.value),
-                 cfg_init_schema_int(c, nullptr, ic.has_max, ic.max, ic.has_min, ic.min, 0, 0),
-                 ic.expected);
+        expect(cfg_new_int(c, ic.value),
+               cfg_init_schema_int(c, nullptr, ic.has_max, ic.max, ic.has_min, ic.min, 0, 0),
+               ic.expected);
     }
     // Allowed values come first; the bounds still apply to an allowed value.
     cfg_schema_element *s = cfg_init_schema_int(c, nullptr, 1, 10, 1, 1, 0, 0);
     cfg_add_schema_int_allowed(c, s, 5);
     cfg_add_schema_int_allowed(c, s, 20);
-    b.expect(cfg_new_int(c, 5), s, {});
-    b.expect(cfg_new_int(c, 7), s, {"Number is not in the list of allowed values"});
-    b.expect(cfg_new_int(c, 20), s, {"Number is outside the allowed range of 1-10."});
+    expect(cfg_new_int(c, 5), s, {});
+    expect(cfg_new_int(c, 7), s, {"Number is not in the list of allowed values"});
+    expect(cfg_new_int(c, 20), s, {"Number is outside the allowed range of 1-10."});
 
     // Floats report each bound on its own; NaN passes them.
     s = cfg_init_schema_float(c, nullptr, 1, 1, 0, 2.5, 0.5, 0);
-    b.expect(cfg_new_float(c, 3.0), s, {"Number exceeds the maximum allowed value of 2.500000"});
-    b.expect(cfg_new_float(c, 0.25), s, {"Number is below the minimum allowed value of 0.500000"});
-    b.expect(cfg_new_float(c, std::nan("")), s, {});
+    expect(cfg_new_float(c, 3.0), s, {"Number exceeds the maximum allowed value of 2.500000"});
+    expect(cfg_new_float(c, 0.25), s, {"Number is below the minimum allowed value of 0.500000"});
+    expect(cfg_new_float(c, std::nan("")), s, {});
     cfg_add_schema_float_allowed(c, s, 1.5);
-    b.expect(cfg_new_float(c, 1.25), s, {"Number is not in the list of allowed values"});
-    b.expect(cfg_new_float(c, 1.5), s, {});
+    expect(cfg_new_float(c, 1.25), s, {"Number is not in the list of allowed values"});
+    expect(cfg_new_float(c, 1.5), s, {});
 }
 
-TEST(TypeRules, StringAllowedThenLengthThenPattern)
+TEST_F(TypeRules, StringAllowedThenLengthThenPattern)
 {
-    rule_bench b;
-    cfg *c = b.ctx();
     cfg_schema_element *sized = cfg_init_schema_string(c, nullptr, 1, 4, 1, 2, nullptr, nullptr);
     cfg_add_schema_string_allowed(c, sized, "toolong");
     cfg_add_schema_string_allowed(c, sized, "ok");
-    b.expect(cfg_new_string(c, "nope"), sized, {"'nope' is not in the list of allowed values"});
-    b.expect(cfg_new_string(c, "toolong"), sized,
-             {"Element exceeds the maximum allowed length of 4 characters"});
-    b.expect(cfg_new_string(c, "ok"), sized, {});
+    expect(cfg_new_string(c, "nope"), sized, {"'nope' is not in the list of allowed values"});
+    expect(cfg_new_string(c, "toolong"), sized,
+           {"Element exceeds the maximum allowed length of 4 characters"});
+    expect(cfg_new_string(c, "ok"), sized, {});
     cfg_schema_element *minimum = cfg_init_schema_string(c, nullptr, 0, 0, 1, 2, nullptr, nullptr);
-    b.expect(cfg_new_string(c, "x"), minimum,
-             {"Element is below the minimum allowed length of 2 character(s)"});
+    expect(cfg_new_string(c, "x"), minimum,
+           {"Element is below the minimum allowed length of 2 character(s)"});
 
     // Patterns match anywhere unless they anchor themselves.
     cfg_schema_element *digits = cfg_init_schema_string(c, nullptr, 0, 0, 0, 0, nullptr, "[0-9]+");
     cfg_schema_element *anchored =
         cfg_init_schema_string(c, nullptr, 0, 0, 0, 0, nullptr, "^[0-9]+$");
-    b.expect(cfg_new_string(c, "a1b"), digits, {});
-    b.expect(cfg_new_string(c, "a1b"), anchored,
-             {"String did not conform to the expected format."});
-    b.expect(cfg_new_string(c, "Abc"), digits, {"String did not conform to the expected format."});
-    b.expect(cfg_new_string(c, "42"), anchored, {});
+    expect(cfg_new_string(c, "a1b"), digits, {});
+    expect(cfg_new_string(c, "a1b"), anchored,
+           {"String did not conform to the expected format."});
+    expect(cfg_new_string(c, "Abc"), digits, {"String did not conform to the expected format."});
+    expect(cfg_new_string(c, "42"), anchored, {});
     // One compiled pattern per text, kept by the schema; a broken pattern
     // rejects silently and is not kept.
-    EXPECT_EQ(HASH_COUNT(c->schema->regex_cache), 2u);
     cfg_schema_element *broken = cfg_init_schema_string(c, nullptr, 0, 0, 0, 0, nullptr, "([0-9]");
-    EXPECT_EQ(b.check(cfg_new_string(c, "1"), broken, 0), texts{});
+    EXPECT_EQ(check(cfg_new_string(c, "1"), broken, 0), texts{});
     EXPECT_EQ(HASH_COUNT(c->schema->regex_cache), 2u);
 }
 
-TEST(TypeRules, BlobSizesReferencesAndWrongTypes)
+TEST_F(TypeRules, BlobSizesReferencesAndWrongTypes)
 {
-    rule_bench b;
-    cfg *c = b.ctx();
     cfg_schema_element *blob = cfg_init_schema_blob(c, nullptr, 1, 4, 1, 2);
-    b.expect(cfg_new_blob(c, "abcde", 5), blob,
-             {"Element exceeds the maximum allowed size of 4 characters"});
-    b.expect(cfg_new_blob(c, "a", 1), blob,
-             {"Element is below the minimum allowed size of 2 characters"});
-    b.expect(cfg_new_blob(c, "abcd", 4), blob, {});
+    expect(cfg_new_blob(c, "abcde", 5), blob,
+           {"Element exceeds the maximum allowed size of 4 characters"});
+    expect(cfg_new_blob(c, "a", 1), blob,
+           {"Element is below the minimum allowed size of 2 characters"});
+    expect(cfg_new_blob(c, "abcd", 4), blob, {});
 
     cfg_schema_element *ref = cfg_init_schema_reference(c, nullptr);
     cfg_element *target = cfg_new_int(c, 1);
-    b.expect(cfg_new_reference(c, target->uuid), ref, {});
+    expect(cfg_new_reference(c, target->uuid), ref, {});
     cfg_element *dangling = cfg_init_reference(c);
     dangling->value.string_value = strdup("nowhere-1");
     cfg_add_elem(c, dangling);
-    b.expect(dangling, ref, {"Invalid reference"});
+    expect(dangling, ref, {"Invalid reference"});
 
     cfg_element *text = cfg_new_string(c, "x");
-    b.expect(text, blob, {"Element [" + std::string(text->uuid) + "] is of the wrong type"});
+    expect(text, blob, {"Element [" + std::string(text->uuid) + "] is of the wrong type"});
     EXPECT_STREQ(text->schema, ""); // a wrong type binds nothing
 }
 
-TEST(TypeRules, ListsCountPendingItemsAndCheckItemTypes)
+TEST_F(TypeRules, ListsCountPendingItemsAndCheckItemTypes)
 {
-    rule_bench b;
-    cfg *c = b.ctx();
     cfg_schema_element *two = cfg_init_schema_list(c, nullptr, 1, 2, 1, 1, 1, CFG_TYPE_INT, nullptr);
     cfg_element *list = cfg_new_list(c);
-    b.expect(list, two, {"List has fewer than the minimum allowable size of 1 items"});
+    expect(list, two, {"List has fewer than the minimum allowable size of 1 items"});
     cfg_add_listelem(c, list, cfg_new_int(c, 1));
     cfg_add_listelem(c, list, cfg_new_int(c, 2));
-    b.expect(list, two, {});
+    expect(list, two, {});
     cfg_append_future_listelem(c, list, cfg_new_string(c, "3")); // pending
-    b.expect(list, two, {"List has more than the maximum allowable size of 2 items"});
+    expect(list, two, {"List has more than the maximum allowable size of 2 items"});
     cfg_schema_element *ints = cfg_init_schema_list(c, nullptr, 0, 0, 0, 0, 1, CFG_TYPE_INT, nullptr);
-    b.expect(list, ints, {"List element is of the wrong type"});
+    expect(list, ints, {"List element is of the wrong type"});
 
     // A named item type that does not resolve fails without a message.
     cfg_schema_element *named = cfg_init_schema_list(c, nullptr, 0, 0, 0, 0, 2, 0, "missing");
-    EXPECT_EQ(b.check(list, named, 0), texts{});
+    EXPECT_EQ(check(list, named, 0), texts{});
 }
 
-TEST(TypeRules, MapKeysOptionalBeforeRequiredAndConditionals)
+TEST_F(TypeRules, MapKeysOptionalBeforeRequiredAndConditionals)
 {
-    rule_bench b;
-    cfg *c = b.ctx();
     cfg_schema_element *map = cfg_init_schema_map(c, nullptr);
     cfg_add_schema_mapelem(c, map, 0, "port", cfg_init_schema_int(c, nullptr, 0, 0, 0, 0, 0, 0));
     cfg_add_schema_mapelem(c, map, 1, "note",
@@ -248,28 +237,24 @@ TEST(TypeRules, MapKeysOptionalBeforeRequiredAndConditionals)
     cfg_element *m = cfg_new_map(c);
     cfg_map_set_string(c, m, "note", "long");
     // The optional key is looked at first, so its failure is the one shown.
-    b.expect(m, map, {"Element exceeds the maximum allowed length of 2 characters"});
+    expect(m, map, {"Element exceeds the maximum allowed length of 2 characters"});
     cfg_map_set_string(c, m, "note", "ok");
-    b.expect(m, map, {"Required field 'port' is not present"});
+    expect(m, map, {"Required field 'port' is not present"});
 
     // A conditional that holds adds its keys; its id must resolve.
-    cfg_schema_value v{};
-    v.string_value = const_cast<char *>("ok");
+    cfg_schema_value v{.string_value = const_cast<char *>("ok")};
     cfg_schema_element *cond = cfg_init_schema_if(c, nullptr, ".note", 2, 3, v, 0);
     cfg_add_schema_map_conditionalelem(c, map, cond);
-    cfg_load_schema_mapid(cond, 0, "extra",
-                          cfg_init_schema_bool(c, "extra-schema", 1, 1)->uuid);
+    cfg_load_schema_mapid(cond, 0, "extra", cfg_init_schema_bool(c, "extra-schema", 1, 1)->uuid);
     cfg_map_set_int(c, m, "port", 22);
-    b.expect(m, map, {});
+    expect(m, map, {});
     EXPECT_NE(cfg_get_mapelem(m, "extra"), nullptr); // created from its default
     cfg_load_schema_mapconditional(map, "no-such-if");
-    EXPECT_EQ(b.check(m, map, 0), texts{});
+    EXPECT_EQ(check(m, map, 0), texts{});
 }
 
-TEST(TypeRules, CustomValidatorsRunAfterTheTypeCheck)
+TEST_F(TypeRules, CustomValidatorsRunAfterTheTypeCheck)
 {
-    rule_bench b;
-    cfg *c = b.ctx();
     auto with_validator = [&](cfg_schema_element *s, const char *name, const char *path) {
         cfg_schema_validator *v = cfg_init_schema_validator(c, name);
         cfg_validator_add_param(v, "name");
@@ -277,9 +262,8 @@ TEST(TypeRules, CustomValidatorsRunAfterTheTypeCheck)
         cfg_schema_add_validator(s, v);
         return s;
     };
-    cfg_element *root = cfg_new_map_with_id(c, "root-1");
     cfg_element *list = cfg_new_list(c);
-    cfg_add_mapelem(c, root, "names", list);
+    cfg_add_mapelem(c, cfg_new_map_with_id(c, "root-1"), "names", list);
     cfg_add_listelem(c, list, cfg_new_string(c, "a"));
     cfg_add_listelem(c, list, cfg_new_string(c, "a"));
 
@@ -287,20 +271,19 @@ TEST(TypeRules, CustomValidatorsRunAfterTheTypeCheck)
     cfg_schema_element *short_list =
         with_validator(cfg_init_schema_list(c, nullptr, 1, 1, 0, 0, 1, CFG_TYPE_STRING, nullptr),
                        "uniqueness", "\\.x");
-    b.expect(list, short_list, {"List has more than the maximum allowable size of 1 items"});
+    expect(list, short_list, {"List has more than the maximum allowable size of 1 items"});
     EXPECT_EQ(c->pattern_triggers, nullptr);
 
     // A rejecting validator has its triggers registered all the same.
     cfg_schema_element *unique = with_validator(
         cfg_init_schema_list(c, nullptr, 0, 0, 0, 0, 1, CFG_TYPE_STRING, nullptr), "uniqueness",
         "\\(\\d+\\)");
-    b.expect(list, unique, {"Duplicate 'name' fields with value 'a'"});
+    expect(list, unique, {"Duplicate 'name' fields with value 'a'"});
     ASSERT_NE(c->pattern_triggers, nullptr);
     EXPECT_STREQ(c->pattern_triggers->key, "names\\(\\d+\\)");
-    EXPECT_TRUE(b.log.has("Custom validator 'uniqueness' rejected input\n"));
 
     // An unknown validator name fails with an error line and no message.
     cfg_schema_element *unknown = with_validator(cfg_init_schema_bool(c, nullptr, 0, 0), "nope", "");
-    EXPECT_EQ(b.check(cfg_new_bool(c, 1), unknown, 0), texts{});
-    EXPECT_TRUE(b.log.has("No validator named 'nope'\n"));
+    EXPECT_EQ(check(cfg_new_bool(c, 1), unknown, 0), texts{});
+    EXPECT_TRUE(log.has("No validator named 'nope'\n"));
 }
