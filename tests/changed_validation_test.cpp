@@ -34,14 +34,6 @@ struct validated_appliance : appliance {
     }
 };
 
-// The trigger tables as printed: every record's key and dependents.
-std::string trigger_tables(cfg *c)
-{
-    testing::internal::CaptureStdout();
-    cfg_print_trigger_tables(c);
-    return testing::internal::GetCapturedStdout();
-}
-
 using V = validated_appliance;
 
 struct edit_case {
@@ -140,10 +132,10 @@ TEST(ChangedData, DeletedElementsPruneTheirRegistrations)
 {
     validated_appliance a;
     cfg *c = a.ctx();
-    ASSERT_NE(trigger_tables(c).find("conn-1"), std::string::npos);
+    ASSERT_NE(a.trigger_tables().find("conn-1"), std::string::npos);
     cfg_delete_element(c, a.conn1);
     EXPECT_EQ(cfg_validate_changed_data(c), 1) << testing::PrintToString(a.messages());
-    EXPECT_EQ(trigger_tables(c).find("conn-1"), std::string::npos);
+    EXPECT_EQ(a.trigger_tables().find("conn-1"), std::string::npos);
 
     // Both connections watched the log level; only conn-2 is left to react,
     // and it gains its trace member from the branch that now holds.
@@ -156,11 +148,11 @@ TEST(ChangedData, DeletedElementsPruneTheirRegistrations)
 
     // The users list's pattern record goes with its only dependent.
     const std::string users_pattern = "users\\(\\d+\\)\\.name triggers";
-    ASSERT_NE(trigger_tables(c).find(users_pattern), std::string::npos);
+    ASSERT_NE(a.trigger_tables().find(users_pattern), std::string::npos);
     a.clear_flags();
     cfg_delete_element(c, a.users);
     cfg_validate_changed_data(c);
-    EXPECT_EQ(trigger_tables(c).find(users_pattern), std::string::npos);
+    EXPECT_EQ(a.trigger_tables().find(users_pattern), std::string::npos);
 }
 
 TEST(ChangedData, NewItemValidatedThroughItsListWithDefaults)

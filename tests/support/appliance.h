@@ -114,6 +114,14 @@ struct appliance : tree_context {
             e->element->flags = 0;
     }
 
+    // The trigger tables as printed: every record's key and dependents.
+    std::string trigger_tables() const
+    {
+        testing::internal::CaptureStdout();
+        cfg_print_trigger_tables(ctx());
+        return testing::internal::GetCapturedStdout();
+    }
+
     // Loads a string or int member into map.
     cfg_element *load_string(cfg_element *map, const char *key, const char *uuid,
                              const char *text) const
