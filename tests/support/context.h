@@ -86,6 +86,16 @@ inline std::string taken(char *text)
     return out;
 }
 
+// Takes an array of count strings the library allocated.
+inline texts take_strings(char **list, int count)
+{
+    texts out;
+    for (int i = 0; i < count; i++)
+        out.push_back(taken(list[i]));
+    free(list);
+    return out;
+}
+
 // The string value of an element, "(none)" when there is none.
 inline std::string string_of(cfg_element *element)
 {
