@@ -34,30 +34,31 @@ struct tree : tree_context {
     texts messages() const { return messages_of(c); }
 };
 
+struct Validators : tree, testing::Test {};
+
 } // namespace
 
-TEST(ValidatorTable, RowsLookupAndSilentMismatches)
+TEST_F(Validators, TableLookupAndSilentMismatches)
 {
     for (const char *unknown : {"Uniqueness", "unique", ""})
         EXPECT_EQ(get_validator(unknown), nullptr) << unknown;
 
     // Wrong element types and parameter counts reject without a message.
-    tree t;
     for (const cfg_validator_def *row = validator_lut; row->name != nullptr; row++)
         for (int count : {0, 1, 2, 3})
-            EXPECT_EQ(t.run(row->name, cfg_new_bool(t.c, 1), texts(count, "x")), 0) << row->name;
-    cfg_element *net = t.map(t.root, "net");
-    t.set(net, "ip", "10.0.0.1");
-    t.set(net, "mask", "255.255.255.0");
-    EXPECT_EQ(t.run("networkvalidity", net, {"ip"}), 0);
-    EXPECT_EQ(t.run("networkvalidity", net, {"ip", "gateway"}), 0);
-    EXPECT_EQ(t.run("networkaddress", t.text("10.0.0.1")), 0);
-    EXPECT_EQ(t.run("ssl_cert", net, {"a", "b", "c", "d"}), 0);
-    EXPECT_EQ(t.messages(), texts{});
-    EXPECT_EQ(t.run("networkvalidity", net, {"ip", "mask"}), 1);
+            EXPECT_EQ(run(row->name, cfg_new_bool(c, 1), texts(count, "x")), 0) << row->name;
+    cfg_element *net = map(root, "net");
+    set(net, "ip", "10.0.0.1");
+    set(net, "mask", "255.255.255.0");
+    EXPECT_EQ(run("networkvalidity", net, {"ip"}), 0);
+    EXPECT_EQ(run("networkvalidity", net, {"ip", "gateway"}), 0);
+    EXPECT_EQ(run("networkaddress", text("10.0.0.1")), 0);
+    EXPECT_EQ(run("ssl_cert", net, {"a", "b", "c", "d"}), 0);
+    EXPECT_EQ(messages(), texts{});
+    EXPECT_EQ(run("networkvalidity", net, {"ip", "mask"}), 1);
 }
 
-TEST(ElementaryChecks, AddressesNamesAndRoles)
+TEST_F(Validators, ElementaryChecksOfAddressesNamesAndRoles)
 {
     const struct {
         int (*check)(const char *);
@@ -76,7 +77,7 @@ TEST(ElementaryChecks, AddressesNamesAndRoles)
     EXPECT_EQ(validate_group_role("other", "SummitAdmin"), 1);
 }
 
-TEST(KeysAndSecrets, SshKeys)
+TEST_F(Validators, SshKeys)
 {
     const test_material &m = material();
     ASSERT_TRUE(m.complete);
@@ -92,14 +93,13 @@ TEST(KeysAndSecrets, SshKeys)
                "ssh-rsa AB-C", "ecdsa-sha2-nistp512 AB", " ssh-rsa AB", ""})
         EXPECT_EQ(validate_ssh_key(refused.c_str()), 0) << refused;
 
-    tree t;
     const std::string &line = m.ssh_public.at("ssh-ed25519");
-    EXPECT_EQ(t.run("ssh_key", cfg_new_blob(t.c, line.data(), line.size())), 1);
-    EXPECT_EQ(t.run("ssh_key", t.text(line)), 0);
-    EXPECT_EQ(t.messages(), texts{});
+    EXPECT_EQ(run("ssh_key", cfg_new_blob(c, line.data(), line.size())), 1);
+    EXPECT_EQ(run("ssh_key", text(line)), 0);
+    EXPECT_EQ(messages(), texts{});
 }
 
-TEST(KeysAndSecrets, PasswordsAgainstFixedSaltCrypt)
+TEST_F(Validators, PasswordsAgainstFixedSaltCrypt)
 {
     auto des_hash = [](const char *clear, const char *salt) {
         crypt_data scratch{};
@@ -111,18 +111,17 @@ TEST(KeysAndSecrets, PasswordsAgainstFixedSaltCrypt)
     EXPECT_EQ(validate_password("s3cret", des_hash("s3cret", "Ab").c_str()), 0);
     EXPECT_EQ(validate_password(nullptr, hash.c_str()), 1);
 
-    tree t;
-    cfg_element *user = t.map(t.root, "user");
-    t.set(user, "hash", hash.c_str());
-    EXPECT_EQ(t.run("password", user, {"clear", "hash"}), 1);
-    t.set(user, "clear", "s3cret");
-    EXPECT_EQ(t.run("password", user, {"clear", "hash"}), 1);
-    t.set(user, "clear", "guess");
-    EXPECT_EQ(t.run("password", user, {"clear", "hash"}), 0);
-    EXPECT_EQ(t.messages(), texts{"Plaintext and hashed passwords do not match"});
+    cfg_element *user = map(root, "user");
+    set(user, "hash", hash.c_str());
+    EXPECT_EQ(run("password", user, {"clear", "hash"}), 1);
+    set(user, "clear", "s3cret");
+    EXPECT_EQ(run("password", user, {"clear", "hash"}), 1);
+    set(user, "clear", "guess");
+    EXPECT_EQ(run("password", user, {"clear", "hash"}), 0);
+    EXPECT_EQ(messages(), texts{"Plaintext and hashed passwords do not match"});
 }
 
-TEST(KeysAndSecrets, CertificateKeyPairsAndCommonName)
+TEST_F(Validators, CertificateKeyPairsAndCommonName)
 {
     const test_material &m = material();
     ASSERT_TRUE(m.complete);
@@ -140,154 +139,147 @@ TEST(KeysAndSecrets, CertificateKeyPairsAndCommonName)
         EXPECT_EQ(validate_ssl_cert(c.certificate, c.key, c.common_name), c.expected)
             << (c.common_name ? c.common_name : "-");
 
-    tree t;
-    cfg_element *tls = t.map(t.root, "tls");
-    cfg_map_set_blob(t.c, tls, "cert", m.certificate.data(), m.certificate.size());
-    cfg_map_set_blob(t.c, tls, "key", m.key.data(), m.key.size());
-    t.set(tls, "cn", "device.example");
-    EXPECT_EQ(t.run("ssl_cert", tls, {"cert", "key", "cn"}), 1);
-    t.set(tls, "cn", "other.example");
-    EXPECT_EQ(t.run("ssl_cert", tls, {"cert", "key"}), 1);
-    EXPECT_EQ(t.run("ssl_cert", tls, {"cert", "key", "cn"}), 0);
-    EXPECT_EQ(t.messages(), texts{"Certificate / Key combination failed validation"});
+    cfg_element *tls = map(root, "tls");
+    cfg_map_set_blob(c, tls, "cert", m.certificate.data(), m.certificate.size());
+    cfg_map_set_blob(c, tls, "key", m.key.data(), m.key.size());
+    set(tls, "cn", "device.example");
+    EXPECT_EQ(run("ssl_cert", tls, {"cert", "key", "cn"}), 1);
+    set(tls, "cn", "other.example");
+    EXPECT_EQ(run("ssl_cert", tls, {"cert", "key"}), 1);
+    EXPECT_EQ(run("ssl_cert", tls, {"cert", "key", "cn"}), 0);
+    EXPECT_EQ(messages(), texts{"Certificate / Key combination failed validation"});
 }
 
-TEST(NetworkValidators, ReservedAddressesAndAcceptedForms)
+TEST_F(Validators, NetworkReservedAddressesAndAcceptedForms)
 {
-    tree t;
     auto validity = [&](const char *address, const char *mask) {
-        cfg_element *iface = t.map(t.root, "iface");
-        t.set(iface, "ip", address);
-        t.set(iface, "mask", mask);
-        return t.run("networkvalidity", iface, {"ip", "mask"});
+        cfg_element *iface = map(root, "iface");
+        set(iface, "ip", address);
+        set(iface, "mask", mask);
+        return run("networkvalidity", iface, {"ip", "mask"});
     };
     EXPECT_EQ(validity("192.168.1.7", "255.255.255.0"), 1);
     EXPECT_EQ(validity("10.0.0.0", "255.255.255.254"), 1); // a /31 has no reserved ends
-    EXPECT_EQ(t.run("networkaddress", t.text("host-1.example"), {"ipv4", "dnsname"}), 1);
-    EXPECT_EQ(t.messages(), texts{});
+    EXPECT_EQ(run("networkaddress", text("host-1.example"), {"ipv4", "dnsname"}), 1);
+    EXPECT_EQ(messages(), texts{});
 
     EXPECT_EQ(validity("192.168.1.0", "255.255.255.0"), 0);
     EXPECT_EQ(validity("10.255.255.255", "255.0.0.0"), 0);
-    EXPECT_EQ(t.run("networkaddress", t.text("300.1.1.1"), {"ipv4", "dnsname"}), 0);
-    EXPECT_EQ(t.messages(), (texts{"'192.168.1.0' is not a valid network address",
+    EXPECT_EQ(run("networkaddress", text("300.1.1.1"), {"ipv4", "dnsname"}), 0);
+    EXPECT_EQ(messages(), (texts{"'192.168.1.0' is not a valid network address",
                                    "'10.255.255.255' is not a valid network address",
                                    "'300.1.1.1' is not a valid network address"}));
 }
 
-TEST(ListValidators, UniquenessReportsOneDuplicate)
+TEST_F(Validators, UniquenessReportsOneDuplicate)
 {
-    tree t;
-    cfg_element *names = t.list(t.root, "names");
-    t.put(names, nullptr, t.text("b"));
-    EXPECT_EQ(t.run("uniqueness", names, {"name"}), 1);
-    t.put(names, nullptr, t.text("a"));
-    cfg_append_future_listelem(t.c, names, t.text("b"));
-    EXPECT_EQ(t.run("uniqueness", names, {"name"}), 0);
-    cfg_element *same = t.list(t.root, "same");
+    cfg_element *names = list(root, "names");
+    put(names, nullptr, text("b"));
+    EXPECT_EQ(run("uniqueness", names, {"name"}), 1);
+    put(names, nullptr, text("a"));
+    cfg_append_future_listelem(c, names, text("b"));
+    EXPECT_EQ(run("uniqueness", names, {"name"}), 0);
+    cfg_element *same = list(root, "same");
     for (int i = 0; i < 3; i++)
-        t.put(same, nullptr, t.text("a"));
-    EXPECT_EQ(t.run("uniqueness", same, {"name"}), 0);
+        put(same, nullptr, text("a"));
+    EXPECT_EQ(run("uniqueness", same, {"name"}), 0);
 
     // Map items give the text at the path; items without one are left out.
-    cfg_element *users = t.list(t.root, "users");
+    cfg_element *users = list(root, "users");
     auto add_user = [&](const char *login) {
-        cfg_element *user = t.map(users);
+        cfg_element *user = map(users);
         if (login != nullptr)
-            t.set(t.map(user, "login"), "name", login);
+            set(map(user, "login"), "name", login);
     };
     for (const char *login : {"ann", "bob"}) {
         add_user(login);
         add_user(nullptr);
     }
-    EXPECT_EQ(t.run("uniqueness", users, {"login.name"}), 1);
+    EXPECT_EQ(run("uniqueness", users, {"login.name"}), 1);
     add_user("ann");
-    EXPECT_EQ(t.run("uniqueness", users, {"login.name"}), 0);
-    EXPECT_EQ(t.messages(), (texts{"Duplicate 'name' fields with value 'b'",
+    EXPECT_EQ(run("uniqueness", users, {"login.name"}), 0);
+    EXPECT_EQ(messages(), (texts{"Duplicate 'name' fields with value 'b'",
                                    "Duplicate 'name' fields with value 'a'",
                                    "Duplicate 'login.name' fields with value 'ann'"}));
 }
 
-TEST(ListValidators, TagsAndTemplates)
+TEST_F(Validators, TagsAndTemplates)
 {
-    tree t;
     // A tag reference names the tag's meta.id, two containers below the tag.
-    cfg_element *tags = t.list(t.root, "tags");
+    cfg_element *tags = list(root, "tags");
     auto tag = [&](const char *name) {
-        cfg_element *tag = t.map(tags);
-        t.set(tag, "name", name);
-        return t.set(t.map(tag, "meta"), "id", name);
+        cfg_element *tag = map(tags);
+        set(tag, "name", name);
+        return set(map(tag, "meta"), "id", name);
     };
     auto references = [&](std::initializer_list<cfg_element *> targets) {
-        cfg_element *list = cfg_new_list(t.c);
+        cfg_element *list = cfg_new_list(c);
         for (cfg_element *target : targets)
-            t.put(list, nullptr, cfg_new_reference(t.c, target->uuid));
+            put(list, nullptr, cfg_new_reference(c, target->uuid));
         return list;
     };
     cfg_element *red = tag("red"), *blue = tag("blue"), *red_again = tag("red");
     // References whose chain ends early never count, not even as equals.
-    EXPECT_EQ(t.run("tag_uniqueness", references({red, tags, tags, blue}), {"name"}), 1);
-    EXPECT_EQ(t.run("deny_tag_name", references({blue, tags}), {"red"}), 1);
+    EXPECT_EQ(run("tag_uniqueness", references({red, tags, tags, blue}), {"name"}), 1);
+    EXPECT_EQ(run("deny_tag_name", references({blue, tags}), {"red"}), 1);
 
-    cfg_element *templates = t.list(t.root, "templates");
+    cfg_element *templates = list(root, "templates");
     auto add_template = [&](const char *type) {
-        cfg_element *item = t.map(templates);
-        t.set(item, "template_type", type);
-        t.set(item, "name", "x");
+        cfg_element *item = map(templates);
+        set(item, "template_type", type);
+        set(item, "name", "x");
     };
     add_template("firewall");
     add_template("vpn");
-    EXPECT_EQ(t.run("template_uniqueness", templates, {"name"}), 1);
-    EXPECT_EQ(t.messages(), texts{});
+    EXPECT_EQ(run("template_uniqueness", templates, {"name"}), 1);
+    EXPECT_EQ(messages(), texts{});
 
-    EXPECT_EQ(t.run("tag_uniqueness", references({red, blue, red_again}), {"name"}), 0);
-    EXPECT_EQ(t.run("deny_tag_name", references({blue, red}), {"red"}), 0);
+    EXPECT_EQ(run("tag_uniqueness", references({red, blue, red_again}), {"name"}), 0);
+    EXPECT_EQ(run("deny_tag_name", references({blue, red}), {"red"}), 0);
     add_template("vpn");
-    EXPECT_EQ(t.run("template_uniqueness", templates, {"name"}), 0);
-    EXPECT_EQ(t.messages(), (texts{"Duplicate 'name' fields with value 'red'",
+    EXPECT_EQ(run("template_uniqueness", templates, {"name"}), 0);
+    EXPECT_EQ(messages(), (texts{"Duplicate 'name' fields with value 'red'",
                                    "Can not use a tag with name 'red' in this context",
                                    "Duplicate 'name' fields with value 'x'"}));
 }
 
-TEST(MapValidators, DhcpConnectionsPerInterface)
+TEST_F(Validators, DhcpConnectionsPerInterface)
 {
-    tree t;
-    cfg_element *net = t.map(t.map(t.root, "system"), "net");
-    cfg_element *ifaces = t.list(net, "ifaces");
-    cfg_element *eth0 = t.map(ifaces), *eth1 = t.map(ifaces);
-    cfg_element *conns = t.list(net, "conns");
+    cfg_element *net = map(map(root, "system"), "net");
+    cfg_element *ifaces = list(net, "ifaces");
+    cfg_element *eth0 = map(ifaces), *eth1 = map(ifaces);
+    cfg_element *conns = list(net, "conns");
     auto connection = [&](const char *mode, cfg_element *iface) {
-        cfg_element *conn = t.map(conns);
+        cfg_element *conn = map(conns);
         if (mode != nullptr)
-            t.set(conn, "mode", mode);
+            set(conn, "mode", mode);
         if (iface != nullptr)
-            cfg_map_set_reference(t.c, conn, "physif", iface->uuid);
+            cfg_map_set_reference(c, conn, "physif", iface->uuid);
         return conn;
     };
     cfg_element *first = connection("dhcp", eth0), *fixed = connection("static", eth0);
-    EXPECT_EQ(t.run("dhcp_unique", first), 1);
-    EXPECT_EQ(t.run("dhcp_unique", connection("dhcp", eth1)), 1);
-    EXPECT_EQ(t.run("dhcp_unique", connection(nullptr, eth1)), 0);
-    EXPECT_EQ(t.run("dhcp_unique", connection("dhcp", nullptr)), 0);
-    EXPECT_EQ(t.messages(), texts{});
+    EXPECT_EQ(run("dhcp_unique", first), 1);
+    EXPECT_EQ(run("dhcp_unique", connection("dhcp", eth1)), 1);
+    EXPECT_EQ(run("dhcp_unique", connection(nullptr, eth1)), 0); // no mode: silent
+    EXPECT_EQ(messages(), texts{});
 
-    EXPECT_EQ(t.run("dhcp_unique", connection("dhcp", eth0)), 0);
-    EXPECT_EQ(t.run("dhcp_unique", fixed), 1);
-    EXPECT_EQ(t.messages(),
+    EXPECT_EQ(run("dhcp_unique", connection("dhcp", eth0)), 0);
+    EXPECT_EQ(run("dhcp_unique", fixed), 1);
+    EXPECT_EQ(messages(),
               texts{"Cannot have more than one DHCP connection per physical interface."});
 }
 
-TEST(MapValidators, RolesAndPasswordPresence)
+TEST_F(Validators, RolesAndPasswordPresence)
 {
-    tree t;
-    cfg_element *roles = t.list(t.root, "roles");
-    cfg_element *admin = t.map(roles), *viewer = t.map(roles), *nameless = t.map(roles);
-    t.set(admin, "rolename", "SummitAdmin");
-    t.set(viewer, "rolename", "Viewer");
+    cfg_element *roles = list(root, "roles");
+    cfg_element *admin = map(roles), *viewer = map(roles), *nameless = map(roles);
+    set(admin, "rolename", "SummitAdmin");
+    set(viewer, "rolename", "Viewer");
     auto group = [&](const char *mode, const char *holder, const char *key, cfg_element *role) {
-        cfg_element *g = cfg_new_map(t.c);
-        t.set(g, "mode", mode);
-        cfg_map_set_reference(t.c, t.map(g, holder), key, role->uuid);
-        return t.run("mode_roles", g);
+        cfg_element *g = cfg_new_map(c);
+        set(g, "mode", mode);
+        cfg_map_set_reference(c, map(g, holder), key, role->uuid);
+        return run("mode_roles", g);
     };
     EXPECT_EQ(group("global", "global_roles", "ref", admin), 1);
     EXPECT_EQ(group("smart_group", "smart_group", "roles_ref", viewer), 1);
@@ -295,7 +287,7 @@ TEST(MapValidators, RolesAndPasswordPresence)
     EXPECT_EQ(group("local", "global_roles", "ref", admin), 0);
     EXPECT_EQ(group("global", "global_roles", "ref", nameless), 0);
     EXPECT_EQ(group("global", "global_roles", "ref", viewer), 0);
-    EXPECT_EQ(t.messages(),
+    EXPECT_EQ(messages(),
               (texts{"'SummitAdmin' is not a valid role for this group mode (smart_group).",
                      "'Viewer' is not a valid role for this group mode (global)."}));
 
@@ -319,38 +311,34 @@ TEST(MapValidators, RolesAndPasswordPresence)
     }
 }
 
-TEST(StringValidators, DelimiterAndCondition)
+TEST_F(Validators, SshDelimiterAndCondition)
 {
-    tree t;
-    auto run = [&](const char *name, const std::string &value) {
-        return t.run(name, t.text(value));
-    };
     for (const char *ok : {":", "~"})
-        EXPECT_EQ(run("ssh_url_delimiter", ok), 1) << ok;
+        EXPECT_EQ(run("ssh_url_delimiter", text(ok)), 1) << ok;
     for (const char *refused : {"#", "::", "", " ", "'", "\x7f"})
-        EXPECT_EQ(run("ssh_url_delimiter", refused), 0) << refused;
+        EXPECT_EQ(run("ssh_url_delimiter", text(refused)), 0) << refused;
 
-    EXPECT_EQ(run("condition", R"({"type":3,"fieldname":"a","oper":1,"datatype":2,"value":1})"), 1);
-    EXPECT_EQ(run("condition", "{"), 0);
-    EXPECT_EQ(run("condition", "[1]"), 0);
-    EXPECT_EQ(t.messages(), texts(2, "Query string is not a valid condition tree"));
+    EXPECT_EQ(run("condition", text(R"({"type":3,"fieldname":"a","oper":1,"datatype":2,"value":1})")),
+              1);
+    EXPECT_EQ(run("condition", text("{")), 0);
+    EXPECT_EQ(run("condition", text("[1]")), 0);
+    EXPECT_EQ(messages(), texts(2, "Query string is not a valid condition tree"));
 }
 
 // Needs the time zone database (tzdata).
-TEST(SystemValidators, TimezoneLooksInTheZoneDatabase)
+TEST_F(Validators, TimezoneLooksInTheZoneDatabase)
 {
     if (access("/usr/share/zoneinfo/Europe/Berlin", R_OK) != 0)
         GTEST_SKIP() << "no time zone database (tzdata) on this machine";
-    tree t;
     for (const char *zone : {"Europe/Berlin", "Europe"})
-        EXPECT_EQ(t.run("timezone", t.text(zone)), 1) << zone;
-    EXPECT_EQ(t.run("timezone", t.text("Mars/Olympus")), 0);
-    EXPECT_EQ(t.run("timezone", t.text("Europe/" + std::string(300, 'x'))), 0);
-    EXPECT_EQ(t.messages(), texts{});
+        EXPECT_EQ(run("timezone", text(zone)), 1) << zone;
+    EXPECT_EQ(run("timezone", text("Mars/Olympus")), 0);
+    EXPECT_EQ(run("timezone", text("Europe/" + std::string(300, 'x'))), 0);
+    EXPECT_EQ(messages(), texts{});
 }
 
 // Needs a system account: a user id from 1 to 999.
-TEST(SystemValidators, UsernameNotSystemRefusesLowUserIds)
+TEST_F(Validators, UsernameNotSystemRefusesLowUserIds)
 {
     std::string system_account;
     setpwent();
@@ -360,9 +348,8 @@ TEST(SystemValidators, UsernameNotSystemRefusesLowUserIds)
     endpwent();
     if (system_account.empty())
         GTEST_SKIP() << "no account with a user id from 1 to 999 on this machine";
-    tree t;
-    EXPECT_EQ(t.run("username_not_system", t.text("root")), 1);
-    EXPECT_EQ(t.run("username_not_system", t.text(system_account)), 0) << system_account;
-    EXPECT_EQ(t.run("username_not_system", t.text("zr-no-such-user-4711")), 1);
-    EXPECT_EQ(t.messages(), texts{});
+    EXPECT_EQ(run("username_not_system", text("root")), 1);
+    EXPECT_EQ(run("username_not_system", text(system_account)), 0) << system_account;
+    EXPECT_EQ(run("username_not_system", text("zr-no-such-user-4711")), 1);
+    EXPECT_EQ(messages(), texts{});
 }
