@@ -5,11 +5,6 @@
 
 using namespace zrtest;
 using Elements = context_test;
-using Replacement = context_test;
-using References = context_test;
-using Lists = context_test;
-using Maps = context_test;
-using Deletion = context_test;
 
 namespace {
 
@@ -41,6 +36,43 @@ cfg_element *find(cfg *ctx, const std::string &uuid) { return cfg_find_by_id(ctx
 
 bool is_deleted(cfg_element *element) { return (element->flags & CFG_FLAG_DELETED) != 0; }
 
+cfg_element *at(cfg *ctx, cfg_element *list, int i)
+{
+    return cfg_simple_get_listelem(ctx, list, static_cast<unsigned>(i));
+}
+
+int hook_calls = 0;
+cfg_element *counting_lookup(cfg *ctx, const char *uuid)
+{
+    hook_calls++;
+    return cfg_find_by_id(ctx, uuid);
+}
+
+// A list of ints and maps (each map holding one string) is deleted whole or
+// member by member; each member's flags, link index and child's flags.
+std::vector<std::vector<unsigned>> delete_mixed_list(cfg *ctx, const std::string &name, bool whole)
+{
+    cfg_element *list = cfg_load_list(ctx, name.c_str());
+    for (int i = 0; i < 6; i++) {
+        std::string id = name + std::to_string(i);
+        cfg_element *m = i % 2 ? cfg_load_map(ctx, id.c_str()) : cfg_load_int(ctx, id.c_str(), i);
+        if (i % 2)
+            cfg_add_mapelem(ctx, m, "k", cfg_load_string(ctx, (id + "c").c_str(), "v"));
+        cfg_add_listelem(ctx, list, m);
+    }
+    whole ? cfg_delete_element(ctx, list)
+          : cfg_delete_members(ctx, list); // the list itself stays: one member at a time
+    EXPECT_EQ(list->value.list.members, nullptr);
+    EXPECT_TRUE(list->flags & CFG_FLAG_CHANGED);
+    std::vector<std::vector<unsigned>> states;
+    for (int i = 0; i < 6; i++) {
+        std::string id = name + std::to_string(i);
+        cfg_element *m = find(ctx, id), *child = find(ctx, id + "c");
+        states.push_back({m->flags, link_at(m->parents, 0)->index, child ? child->flags : 0u});
+    }
+    return states;
+}
+
 } // namespace
 
 TEST_F(Elements, ValuesAndAccessors)
@@ -67,7 +99,7 @@ TEST_F(Elements, ValuesAndAccessors)
     EXPECT_EQ(cfg_find_by_id(ctx, flag->uuid), flag);
 }
 
-TEST_F(Replacement, CarriesIdentityParentsFlagsAndSchemaDeletesOldMembers)
+TEST_F(Elements, ReplacementCarriesIdentityParentsFlagsAndSchemaDeletesOldMembers)
 {
     cfg_element *list = make_list(ctx, "L", 2);
     cfg_element *old = find(ctx, "m1");
@@ -103,7 +135,7 @@ TEST_F(Replacement, CarriesIdentityParentsFlagsAndSchemaDeletesOldMembers)
     EXPECT_TRUE(is_deleted(find(ctx, "a1")));
 }
 
-TEST_F(References, LinkMoveAndDuplicateOnReset)
+TEST_F(Elements, ReferenceLinkMovesAndDuplicatesOnReset)
 {
     cfg_element *a = cfg_new_int_with_id(ctx, 1, "A");
     cfg_element *b = cfg_new_int_with_id(ctx, 2, "B");
@@ -123,7 +155,7 @@ TEST_F(References, LinkMoveAndDuplicateOnReset)
     cfg_free_element(ctx, ref);
 }
 
-TEST_F(Lists, ChangedFlagsOnAddAndRenumberingOnDelete)
+TEST_F(Elements, ListChangedFlagsOnAddAndRenumberingOnDelete)
 {
     cfg_element *list = make_list(ctx, "L", 3);
     EXPECT_EQ(list->flags, 0u); // unchanged children leave the list alone
@@ -140,7 +172,7 @@ TEST_F(Lists, ChangedFlagsOnAddAndRenumberingOnDelete)
 
 // The position index kept beside each list agrees with the links after
 // deletions and after a link appended behind its back.
-TEST_F(Lists, PositionsStayTrueToTheLinks)
+TEST_F(Elements, ListPositionsStayTrueToTheLinks)
 {
     cfg_element *list = make_list(ctx, "L", 40);
     for (int i : {0, 17, 39, 5})
@@ -158,26 +190,10 @@ TEST_F(Lists, PositionsStayTrueToTheLinks)
     }
 }
 
-namespace {
-
-cfg_element *at(cfg *ctx, cfg_element *list, int i)
-{
-    return cfg_simple_get_listelem(ctx, list, static_cast<unsigned>(i));
-}
-
-int hook_calls = 0;
-cfg_element *counting_lookup(cfg *ctx, const char *uuid)
-{
-    hook_calls++;
-    return cfg_find_by_id(ctx, uuid);
-}
-
-} // namespace
-
 // Members reached by position are remembered beside the list; replacement,
 // deletion, release, links removed from outside and a foreign hook must all
 // be seen.
-TEST_F(Lists, MembersByPositionFollowChanges)
+TEST_F(Elements, ListMembersByPositionFollowChanges)
 {
     cfg_element *list = make_list(ctx, "L", 12);
     for (int i = 0; i < 12; i++)
@@ -200,7 +216,7 @@ TEST_F(Lists, MembersByPositionFollowChanges)
     EXPECT_EQ(hook_calls, 18);
 }
 
-TEST_F(Lists, FutureMembers)
+TEST_F(Elements, ListFutureMembers)
 {
     cfg_element *list = cfg_load_list(ctx, "L");
     cfg_element *child = cfg_new_int_with_id(ctx, 1, "F");
@@ -221,7 +237,7 @@ TEST_F(Lists, FutureMembers)
     EXPECT_NE(child->future_parent, nullptr);
 }
 
-TEST_F(Maps, MembershipKeysAndSetters)
+TEST_F(Elements, MapMembershipKeysAndSetters)
 {
     cfg_element *map = cfg_load_map(ctx, "M");
     cfg_element *first = cfg_load_int(ctx, "v1", 1);
@@ -244,7 +260,7 @@ TEST_F(Maps, MembershipKeysAndSetters)
     EXPECT_EQ(cfg_get_mapelem(map, "b"), nullptr);
 }
 
-TEST_F(Deletion, CascadesThroughReferencesAndFutureMembers)
+TEST_F(Elements, DeletionCascadesThroughReferencesAndFutureMembers)
 {
     cfg_element *target = cfg_new_int_with_id(ctx, 1, "T");
     cfg_element *ref = cfg_new_reference_with_id(ctx, "T", "R");
@@ -273,38 +289,9 @@ TEST_F(Deletion, CascadesThroughReferencesAndFutureMembers)
     EXPECT_FALSE(child->flags & CFG_FLAG_FUTURE_CHILD);
 }
 
-namespace {
-
-// A list of ints and maps (each map holding one string) is deleted whole or
-// member by member; each member's flags, link index and child's flags.
-std::vector<std::vector<unsigned>> delete_mixed_list(cfg *ctx, const std::string &name, bool whole)
-{
-    cfg_element *list = cfg_load_list(ctx, name.c_str());
-    for (int i = 0; i < 6; i++) {
-        std::string id = name + std::to_string(i);
-        cfg_element *m = i % 2 ? cfg_load_map(ctx, id.c_str()) : cfg_load_int(ctx, id.c_str(), i);
-        if (i % 2)
-            cfg_add_mapelem(ctx, m, "k", cfg_load_string(ctx, (id + "c").c_str(), "v"));
-        cfg_add_listelem(ctx, list, m);
-    }
-    whole ? cfg_delete_element(ctx, list)
-          : cfg_delete_members(ctx, list); // the list itself stays: one member at a time
-    EXPECT_EQ(list->value.list.members, nullptr);
-    EXPECT_TRUE(list->flags & CFG_FLAG_CHANGED);
-    std::vector<std::vector<unsigned>> states;
-    for (int i = 0; i < 6; i++) {
-        std::string id = name + std::to_string(i);
-        cfg_element *m = find(ctx, id), *child = find(ctx, id + "c");
-        states.push_back({m->flags, link_at(m->parents, 0)->index, child ? child->flags : 0u});
-    }
-    return states;
-}
-
-} // namespace
-
 // Deleting a whole list takes one pass; the result is the one that deleting
 // its members one at a time (renumbering the rest each time) gives.
-TEST_F(Deletion, WholeListEndsAsMemberByMember)
+TEST_F(Elements, DeletionOfAWholeListEndsAsMemberByMember)
 {
     auto whole = delete_mixed_list(ctx, "a", true);
     EXPECT_EQ(whole, delete_mixed_list(ctx, "b", false));
@@ -314,7 +301,7 @@ TEST_F(Deletion, WholeListEndsAsMemberByMember)
     EXPECT_TRUE(whole[5][2] & CFG_FLAG_DELETED);
 }
 
-TEST_F(Deletion, ReferenceCycleEnds)
+TEST_F(Elements, DeletionOfAReferenceCycleEnds)
 {
     cfg_new_int_with_id(ctx, 0, "X");
     cfg_element *a = cfg_new_reference_with_id(ctx, "X", "A");

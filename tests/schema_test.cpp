@@ -5,9 +5,7 @@
 #include <cstring>
 
 using namespace zrtest;
-using SchemaElements = context_test;
-using SchemaTree = context_test;
-using SchemaTypes = context_test;
+using Schema = context_test;
 
 namespace {
 
@@ -24,14 +22,38 @@ cfg_schema_element *new_if(cfg *ctx, const char *path, int op)
     return cfg_new_schema_if(ctx, path, op, 2, {.int_value = 7}, 0);
 }
 
-bool deleted(cfg_schema_element *elem)
-{
-    return (elem->flags & CFG_FLAG_DELETED) != 0;
-}
+bool deleted(cfg_schema_element *elem) { return (elem->flags & CFG_FLAG_DELETED) != 0; }
+
+// root map: required "system" (map: required "name", optional "tz",
+// deprecated "legacy"), optional "note", conditional "cond" (if: required
+// "addr").
+struct marked_tree {
+    cfg_schema_element *root, *system, *name, *tz, *legacy, *note, *cond, *addr;
+
+    explicit marked_tree(cfg *ctx)
+    {
+        root = cfg_load_schema_map(ctx, "root");
+        system = cfg_load_schema_map(ctx, "system");
+        name = cfg_load_schema_string(ctx, "name", 0, 0, 0, 0, nullptr, nullptr);
+        tz = cfg_load_schema_string(ctx, "tz", 0, 0, 0, 0, nullptr, nullptr);
+        legacy = cfg_load_schema_map(ctx, "legacy");
+        note = cfg_load_schema_string(ctx, "note", 0, 0, 0, 0, nullptr, nullptr);
+        cond = cfg_load_schema_if(ctx, "cond", ".mode", 1, 0, cfg_schema_value{}, nullptr, 0);
+        addr = cfg_load_schema_string(ctx, "addr", 0, 0, 0, 0, nullptr, nullptr);
+        cfg_load_schema_mapid(root, 0, "system", "system");
+        cfg_load_schema_mapid(root, 1, "note", "note");
+        cfg_load_schema_mapid(root, 1, "ghost", "no-such-uuid");
+        cfg_load_schema_mapconditional(root, "cond");
+        cfg_load_schema_mapid(system, 0, "name", "name");
+        cfg_load_schema_mapid(system, 1, "tz", "tz");
+        cfg_load_schema_mapid(system, 2, "legacy", "legacy");
+        cfg_load_schema_mapid(cond, 0, "addr", "addr");
+    }
+};
 
 } // namespace
 
-TEST_F(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
+TEST_F(Schema, ConstructorsKeepParameterOrderAndRegister)
 {
     cfg_schema_element *s = cfg_new_schema_string(ctx, 1, 32, 1, 2, "eth0", "^eth[0-9]+$");
     ASSERT_NE(s, nullptr);
@@ -61,7 +83,7 @@ TEST_F(SchemaElements, ConstructorsKeepParameterOrderAndRegister)
     EXPECT_EQ(marker, 77);
 }
 
-TEST_F(SchemaElements, IfValuesDependOnOperator)
+TEST_F(Schema, IfValuesDependOnOperator)
 {
     cfg_schema_value value{};
     char text[] = "static";
@@ -90,7 +112,7 @@ TEST_F(SchemaElements, IfValuesDependOnOperator)
 
 // Allowed values keep their order and repeats; of a tag key's repeats the
 // first wins until it is deleted.
-TEST_F(SchemaElements, AllowedValuesAndTags)
+TEST_F(Schema, AllowedValuesAndTags)
 {
     cfg_schema_element *s = cfg_load_schema_string(ctx, "s-1", 0, 0, 0, 0, nullptr, nullptr);
     for (const char *v : {"a", "b", "a"})
@@ -115,7 +137,7 @@ TEST_F(SchemaElements, AllowedValuesAndTags)
     EXPECT_STREQ(cfg_get_schema_tag(m, "ui"), "shown");
 }
 
-TEST_F(SchemaTree, MemberAndConditionalLinks)
+TEST_F(Schema, MemberAndConditionalLinks)
 {
     cfg_schema_element *m = cfg_load_schema_map(ctx, "m-1");
     EXPECT_TRUE(cfg_load_schema_mapid(m, 0, "name", "s-1"));
@@ -158,7 +180,7 @@ TEST_F(SchemaTree, MemberAndConditionalLinks)
     EXPECT_STREQ(cfg_get_schema_map_conditionalelem(clean, 0), cond->uuid);
 }
 
-TEST_F(SchemaTree, InsertingAnExistingUuidReplacesTheEntryOnly)
+TEST_F(Schema, InsertingAnExistingUuidReplacesTheEntryOnly)
 {
     cfg_schema_element *first = cfg_load_schema_int(ctx, "dup", 0, 0, 0, 0, 1, 1);
     cfg_schema_element *second = cfg_load_schema_int(ctx, "dup", 0, 0, 0, 0, 1, 2);
@@ -170,41 +192,10 @@ TEST_F(SchemaTree, InsertingAnExistingUuidReplacesTheEntryOnly)
     cfg_free_schema_element(second);
 }
 
-namespace {
-
-// root map: required "system" (map: required "name", optional "tz",
-// deprecated "legacy"), optional "note", conditional "cond" (if: required
-// "addr").
-struct marked_tree {
-    cfg_schema_element *root, *system, *name, *tz, *legacy, *note, *cond, *addr;
-
-    explicit marked_tree(cfg *ctx)
-    {
-        root = cfg_load_schema_map(ctx, "root");
-        system = cfg_load_schema_map(ctx, "system");
-        name = cfg_load_schema_string(ctx, "name", 0, 0, 0, 0, nullptr, nullptr);
-        tz = cfg_load_schema_string(ctx, "tz", 0, 0, 0, 0, nullptr, nullptr);
-        legacy = cfg_load_schema_map(ctx, "legacy");
-        note = cfg_load_schema_string(ctx, "note", 0, 0, 0, 0, nullptr, nullptr);
-        cond = cfg_load_schema_if(ctx, "cond", ".mode", 1, 0, cfg_schema_value{}, nullptr, 0);
-        addr = cfg_load_schema_string(ctx, "addr", 0, 0, 0, 0, nullptr, nullptr);
-        cfg_load_schema_mapid(root, 0, "system", "system");
-        cfg_load_schema_mapid(root, 1, "note", "note");
-        cfg_load_schema_mapid(root, 1, "ghost", "no-such-uuid");
-        cfg_load_schema_mapconditional(root, "cond");
-        cfg_load_schema_mapid(system, 0, "name", "name");
-        cfg_load_schema_mapid(system, 1, "tz", "tz");
-        cfg_load_schema_mapid(system, 2, "legacy", "legacy");
-        cfg_load_schema_mapid(cond, 0, "addr", "addr");
-    }
-};
-
-} // namespace
-
 // Marking follows required and optional members and conditionals, never
 // deprecated members, and unlinks nothing; releasing the base of a map frees
 // one level below it.
-TEST_F(SchemaTree, DeletionMarksAndReleaseFreesOneLevel)
+TEST_F(Schema, DeletionMarksAndReleaseFreesOneLevel)
 {
     marked_tree t(ctx);
     cfg_delete_schema_element(ctx, t.system);
@@ -231,7 +222,7 @@ TEST_F(SchemaTree, DeletionMarksAndReleaseFreesOneLevel)
 
 // A setter keeps uuid, flags, generation, tags and its own type's allowed
 // values, but not validators or links; the old map's members are marked.
-TEST_F(SchemaTree, SettersReplaceUnderTheSameUuid)
+TEST_F(Schema, SettersReplaceUnderTheSameUuid)
 {
     cfg_schema_element *i = cfg_load_schema_int(ctx, "port", 1, 10, 0, 0, 0, 0);
     i->generation = 7;
@@ -266,7 +257,7 @@ TEST_F(SchemaTree, SettersReplaceUnderTheSameUuid)
     EXPECT_STREQ(cfg_set_schema_reference(ctx, t.note, "root")->u.reference.target, "root");
 }
 
-TEST_F(SchemaTypes, RegistryReplacesAndLists)
+TEST_F(Schema, TypeRegistryReplacesAndLists)
 {
     char **names = reinterpret_cast<char **>(0x1);
     int count = -1;
@@ -281,7 +272,7 @@ TEST_F(SchemaTypes, RegistryReplacesAndLists)
     EXPECT_FALSE(cfg_delete_type(ctx, "user"));
 }
 
-TEST_F(SchemaTypes, PurgeFollowsNamedListTypes)
+TEST_F(Schema, PurgeFollowsNamedListTypes)
 {
     marked_tree t(ctx);
     // root gains a list of the named type "sys", which resolves to system;

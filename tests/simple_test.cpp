@@ -48,15 +48,12 @@ cfg_element *get_va(cfg *ctx, char **path, const char *format, ...)
     return found;
 }
 
-using Paths = sample_tree;
-using SimpleAccess = sample_tree;
-using MapReaders = sample_tree;
-using BlobFile = sample_tree;
+using Simple = sample_tree;
 using TextDump = context_test;
 
 } // namespace
 
-TEST_F(Paths, Walking)
+TEST_F(Simple, PathWalking)
 {
     cfg_element *name = cfg_get_by_path(ctx, "cfg.name");
     ASSERT_NE(name, nullptr);
@@ -79,7 +76,7 @@ TEST_F(Paths, Walking)
     EXPECT_EQ(cfg_get_by_path(ctx, ""), root);
 }
 
-TEST_F(Paths, CanonicalAndStatic)
+TEST_F(Simple, CanonicalAndStaticPaths)
 {
     cfg_element *action1 = cfg_get_child_by_path(ctx, rule1, "action");
     EXPECT_EQ(canonical(ctx, action1, 0, "."), "cfg.rules[1].action");
@@ -108,7 +105,7 @@ TEST_F(Paths, CanonicalAndStatic)
     EXPECT_STREQ(small, "(lo");
 }
 
-TEST_F(SimpleAccess, ValuesAndDoubledNotFoundMessages)
+TEST_F(Simple, ValuesAndDoubledNotFoundMessages)
 {
     char *text = nullptr;
     int value = 0;
@@ -141,7 +138,7 @@ TEST_F(SimpleAccess, ValuesAndDoubledNotFoundMessages)
 // The map readers walk a relative path from start (a plain key is one) and
 // answer with the type's accessor: a wrong type leaves the output alone,
 // nothing found clears it.
-TEST_F(MapReaders, PathsTypesAndClearedOutputs)
+TEST_F(Simple, MapReaderPathsTypesAndClearedOutputs)
 {
     cfg_map_set_bool(ctx, cfgmap, "on", 1);
     cfg_map_set_reference(ctx, cfgmap, "first", "rule-42");
@@ -189,7 +186,7 @@ TEST_F(MapReaders, PathsTypesAndClearedOutputs)
 // 0700), rewritten only when the content differs, and refused under a umask
 // that would take bits from the mode, below a regular file, or when the path
 // names no blob.
-TEST_F(BlobFile, WritesOnceRewritesOnChangeAndRefuses)
+TEST_F(Simple, BlobFileWritesOnceRewritesOnChangeAndRefuses)
 {
     temp_dir dir;
     ASSERT_FALSE(dir.path().empty());
