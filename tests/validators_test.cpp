@@ -13,7 +13,7 @@ namespace {
 
 // A context with a root map, helpers to grow a tree, and a runner that goes
 // through the validator table.
-struct tree : tree_context {
+struct Validators : tree_context, testing::Test {
     cfg *c = ctx();
     cfg_element *root = cfg_load_map(c, "root-1");
 
@@ -33,8 +33,6 @@ struct tree : tree_context {
     }
     texts messages() const { return messages_of(c); }
 };
-
-struct Validators : tree, testing::Test {};
 
 } // namespace
 
@@ -71,8 +69,8 @@ TEST_F(Validators, ElementaryChecksOfAddressesNamesAndRoles)
         {validate_dnsname, "-..a", 1},                 {validate_dnsname, "10.0.0.1", 0},
         {validate_dnsname, "host_1", 0},               {validate_dnsname, "h\xc3\xa9.example", 0},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(c.check(c.text), c.expected) << c.text;
+    for (const auto &row : cases)
+        EXPECT_EQ(row.check(row.text), row.expected) << row.text;
     // Modes other than "global" and "smart_group" allow every role.
     EXPECT_EQ(validate_group_role("other", "SummitAdmin"), 1);
 }
@@ -135,9 +133,9 @@ TEST_F(Validators, CertificateKeyPairsAndCommonName)
         {cert, "garbage", nullptr, 0},    {nullptr, nullptr, "x", 1},
         {cert, nullptr, nullptr, 0},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(validate_ssl_cert(c.certificate, c.key, c.common_name), c.expected)
-            << (c.common_name ? c.common_name : "-");
+    for (const auto &row : cases)
+        EXPECT_EQ(validate_ssl_cert(row.certificate, row.key, row.common_name), row.expected)
+            << (row.common_name ? row.common_name : "-");
 
     cfg_element *tls = map(root, "tls");
     cfg_map_set_blob(c, tls, "cert", m.certificate.data(), m.certificate.size());
@@ -299,15 +297,15 @@ TEST_F(Validators, RolesAndPasswordPresence)
         std::string message; // empty when accepted
     } cases[] = {{1, nullptr, ""},     {1, "", found},  {0, "x", ""},  {0, "", missing},
                  {0, nullptr, missing}, {-1, "x", ""}, {-1, nullptr, missing}};
-    for (const auto &c : cases) {
-        tree u;
-        cfg_element *user = cfg_new_map(u.c);
-        if (c.no_password >= 0)
-            cfg_map_set_bool(u.c, user, "no_password", c.no_password);
-        if (c.hash != nullptr)
-            u.set(user, "hashed_password", c.hash);
-        EXPECT_EQ(u.run("no_password", user), c.message.empty() ? 1 : 0);
-        EXPECT_EQ(u.messages(), c.message.empty() ? texts{} : texts{c.message});
+    for (const auto &row : cases) {
+        cfg_free_message_stack(c);
+        cfg_element *user = cfg_new_map(c);
+        if (row.no_password >= 0)
+            cfg_map_set_bool(c, user, "no_password", row.no_password);
+        if (row.hash != nullptr)
+            set(user, "hashed_password", row.hash);
+        EXPECT_EQ(run("no_password", user), row.message.empty() ? 1 : 0);
+        EXPECT_EQ(messages(), row.message.empty() ? texts{} : texts{row.message});
     }
 }
 
