@@ -33,7 +33,6 @@ TEST(Conditions, ConstructorsRefuseOperatorsThatDoNotSuitTheType)
         {"int LIKE", [] { return cfg_new_int_condition("f", 8, 3); }, false},
         {"int unknown code", [] { return cfg_new_int_condition("f", 12, 3); }, true},
         {"string any code", [] { return cfg_new_string_condition("f", 12, "v"); }, true},
-        {"string null value", [] { return cfg_new_string_condition("f", 1, nullptr); }, false},
         {"reference <>", [] { return cfg_new_reference_condition("f", 2, "{u}"); }, true},
         {"reference <", [] { return cfg_new_reference_condition("f", 3, "{u}"); }, false},
         {"bool <", [] { return cfg_new_bool_condition("enabled", 3, 1); }, false},

