@@ -51,8 +51,7 @@ TEST(Changeset, RefusedFromTheDaemon)
         {R"({"added": [{"id": "t", "type": 99}]})", 1},
         {R"({"deleted": [{"id": "ghost"}]})", 3},
         {R"({"schema_added": [{"id": "h", "type": 4}]})", 4},
-        {R"({"schema_changed": [{"id": "h", "type": 4, "generation": 3}]})", 6,
-         "config update for schema 'h' has newer generation (3) than (2)"},
+        {R"({"schema_changed": [{"id": "h", "type": 4, "generation": 3}]})", 6},
         {R"({"schema_changed": [{"id": "ghost", "type": 4}]})", 5},
     };
     for (const refusal &r : cases) {
