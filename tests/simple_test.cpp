@@ -224,30 +224,13 @@ TEST_F(Simple, BlobFileWritesOnceRewritesOnChangeAndRefuses)
     EXPECT_EQ(cfg_message_count(ctx), 2);
 }
 
-TEST_F(TextDump, LineFormat)
+// A container's line in the dump stops at 1023 characters of members.
+TEST_F(TextDump, ContainerLineIsCut)
 {
-    cfg_load_int(ctx, "i", 7);
-    cfg_element *f = cfg_new_float_with_id(ctx, 2.5, "f");
-    cfg_set_float(ctx, f, 2.5); // new and changed: still "A "
-    cfg_load_bool(ctx, "b", 0)->flags = CFG_FLAG_CHANGED | CFG_FLAG_DELETED;
-    cfg_load_string(ctx, "s", "text")->flags = CFG_FLAG_DELETED;
     cfg_element *list = cfg_load_list(ctx, "l");
-    cfg_load_listid(list, "u1");
-    cfg_load_listid(list, "u2");
-    char *dump = cfg_to_string(ctx);
-    EXPECT_STREQ(dump, "  i [Integer   ]: 7\n"
-                       "A f [Float     ]: 2.500\n"
-                       "M b [Boolean   ]: False\n"
-                       "D s [String    ]: text\n"
-                       "  l [List      ]: (u1, u2, )\n");
-    free(dump);
-
-    // A container's text stops at 1023 characters.
-    context_handle long_list;
-    list = cfg_load_list(long_list.get(), "l");
     for (int i = 0; i < 200; i++)
         cfg_load_listid(list, ("member-" + std::to_string(i)).c_str());
-    dump = cfg_to_string(long_list.get());
+    char *dump = cfg_to_string(ctx);
     EXPECT_EQ(strlen(dump), strlen("  l [List      ]: \n") + 1023);
     free(dump);
 }
