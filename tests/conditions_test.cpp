@@ -104,7 +104,6 @@ TEST(ConditionJson, EveryValueFormInKeyOrderAndBack)
     condition_ptr back(json_dump_to_condition(expected.c_str(), &error));
     ASSERT_NE(back, nullptr);
     EXPECT_EQ(json_text(back.get()), expected);
-    EXPECT_EQ(sql(back.get()), sql(tree.get()));
 }
 
 // Each input with the SQL of what it reads as; "(none)" marks a refusal.

@@ -182,10 +182,8 @@ TEST_F(Validators, UniquenessReportsOneDuplicate)
         if (login != nullptr)
             set(map(user, "login"), "name", login);
     };
-    for (const char *login : {"ann", "bob"}) {
+    for (const char *login : std::initializer_list<const char *>{"ann", nullptr, "bob", nullptr})
         add_user(login);
-        add_user(nullptr);
-    }
     EXPECT_EQ(run("uniqueness", users, {"login.name"}), 1);
     add_user("ann");
     EXPECT_EQ(run("uniqueness", users, {"login.name"}), 0);
