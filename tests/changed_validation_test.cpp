@@ -121,15 +121,6 @@ TEST(ChangedData, DeletedElementsPruneTheirRegistrations)
     EXPECT_EQ(cfg_validate_changed_data(c), 1) << testing::PrintToString(a.messages());
     EXPECT_EQ(a.trigger_tables().find("conn-1"), std::string::npos);
 
-    // Both connections watched the log level; only conn-2 is left to react,
-    // and it gains its trace member from the branch that now holds.
-    a.clear_flags();
-    a.log.lines.clear();
-    cfg_element *loglevel = cfg_set_int(c, a.member(a.system, "loglevel"), 7);
-    EXPECT_EQ(cfg_validate_changed_data(c), 1) << testing::PrintToString(a.messages());
-    EXPECT_EQ(a.triggered_by(loglevel->uuid), texts{"conn-2"});
-    EXPECT_NE(a.member(a.conn2, "trace"), nullptr);
-
     // The users list's pattern record goes with its only dependent.
     const std::string users_pattern = "users\\(\\d+\\)\\.name triggers";
     ASSERT_NE(a.trigger_tables().find(users_pattern), std::string::npos);
@@ -137,21 +128,6 @@ TEST(ChangedData, DeletedElementsPruneTheirRegistrations)
     cfg_delete_element(c, a.users);
     cfg_validate_changed_data(c);
     EXPECT_EQ(a.trigger_tables().find(users_pattern), std::string::npos);
-}
-
-TEST(ChangedData, NewItemValidatedThroughItsListWithDefaults)
-{
-    validated_appliance a;
-    cfg *c = a.ctx();
-    cfg_element *conn = cfg_new_map(c);
-    cfg_add_listelem(c, a.conns, conn);
-    cfg_map_set_string(c, conn, "name", "dmz");
-    cfg_map_set_string(c, conn, "address", "10.1.0.1");
-    EXPECT_EQ(cfg_validate_changed_data(c), 1) << testing::PrintToString(a.messages());
-    // The list's item type filled in mode, then the static branch netmask.
-    EXPECT_EQ(string_of(a.member(conn, "mode")), "static");
-    EXPECT_NE(a.member(conn, "netmask"), nullptr);
-    EXPECT_STREQ(conn->schema, "n-connection");
 }
 
 TEST(ChangedData, FlaggedElementsAreTakenInIndexOrder)
