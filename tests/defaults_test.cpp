@@ -146,13 +146,3 @@ TEST(PopulateDefaults, DeterministicModeDerivesUuidsAndAgreesAcrossRuns)
     }
 }
 
-TEST(PopulateDefaults, MismatchedTypesAndUnknownSchemasAreLeftAlone)
-{
-    appliance a;
-    cfg *c = a.ctx();
-    cfg_populate_node(c, a.network, cfg_get_schema_by_id(c, "n-conns"), 0);
-    EXPECT_STREQ(a.network->schema, "");
-    EXPECT_EQ(cfg_link_list_length(a.network->value.map.members), 1);
-    cfg_populate_defaults(c, a.system, 0); // no schema binding yet
-    EXPECT_EQ(a.member(a.system, "loglevel"), nullptr);
-}
