@@ -47,7 +47,6 @@ TEST(Changeset, RefusedFromTheDaemon)
         {R"({"changed": [{"type": 4, "id": "s", "value": "new", "generation": 2}]})", 2},
         {R"({"changed": [{"type": 4, "id": "ghost", "value": "x"}]})", 2},
         {R"({"added": [{"type": 4, "id": "s", "value": "x"}]})", 1},
-        {R"({"added": [{"type": 4}]})", 1},
         {R"({"added": [{"id": "t", "type": 99}]})", 1},
         {R"({"deleted": [{"id": "ghost"}]})", 3},
         {R"({"schema_added": [{"id": "h", "type": 4}]})", 4},
@@ -136,7 +135,6 @@ TEST(Changeset, LocalReplayReplacesWithoutChecks)
                       0);
     EXPECT_EQ(a.result, 1);
     EXPECT_EQ(a.config_count, 3);
-    EXPECT_EQ(string_of(cfg_find_by_id(c, "s")), "again");
     EXPECT_EQ(cfg_find_by_id(c, "s")->flags, unsigned(CFG_FLAG_NEW));
     EXPECT_EQ(cfg_find_by_id(c, "t")->flags, unsigned(CFG_FLAG_CHANGED));
     EXPECT_EQ(replay(c, R"({"deleted": ["s"]})", 0).result, 1);

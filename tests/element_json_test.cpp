@@ -21,7 +21,6 @@ TEST_F(ElementJson, ValueEncodings)
     const unsigned char bytes[] = {0x00, 0x0a, 0x7f, 0x80, 0xff};
     cfg_element *blob = cfg_new_blob(ctx, bytes, sizeof bytes);
     EXPECT_EQ(encoded_value(cfg_new_bool(ctx, 5)), "\"true\"");
-    EXPECT_EQ(encoded_value(cfg_new_float(ctx, 0.5)), "\"0.500000\"");
     // 20 bytes hold 19 characters: longer renderings are cut.
     EXPECT_EQ(encoded_value(cfg_new_float(ctx, 123456789012345.0)), "\"123456789012345.000\"");
     // Bytes from 0x80 become signed pairs below '0', and decode back.
@@ -129,10 +128,8 @@ TEST(JsonPathGet, SegmentsAndIndexes)
     json_handle root = parse_json(R"({"data":{"root":{"x":1},"a":[10,20]},"result":true})");
     json_t *r = root.get();
     EXPECT_EQ(json_path_get(r, "\a\adata\a\aroot\a"), json_path_get(r, "data\aroot"));
-    EXPECT_EQ(json_integer_value(json_path_get(r, "data\aroot\ax")), 1);
     EXPECT_EQ(json_integer_value(json_path_get(r, "data\aa[1]")), 20);
     EXPECT_EQ(json_path_get(r, "data\aa[2]"), nullptr);
     EXPECT_EQ(json_path_get(r, "data\aa[-1]"), json_path_get(r, "data\aa"));
     EXPECT_EQ(json_path_get(r, "data\aa[99999999999999999999]"), nullptr);
-    EXPECT_EQ(json_path_get(r, "data\amissing"), nullptr);
 }

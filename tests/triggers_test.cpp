@@ -61,7 +61,6 @@ TEST(TriggerTables, RegistrationsPrintedAndFreed)
         condition(a, map, "^^^system.hostname", 3, 3, text("gateway"));
     condition(a, a.conn2, ".trace", 2, 1, {.bool_value = 1});
     condition(a, a.system, ".proxy_mode", 2, 3, text("http"));
-    condition(a, a.root, "system.loglevel", 5, 2, {.int_value = 7});
 
     const std::string one = "network\\.conns\\(1\\)", two = "network\\.conns\\(2\\)";
     const std::string extra = "system\\.extra\\.port", id = fresh->uuid;
@@ -73,12 +72,10 @@ TEST(TriggerTables, RegistrationsPrintedAndFreed)
         "host-1 triggers (conn-1, conn-2)",
         "network.conns(2).trace triggers (conn-2)",
         "system.proxy_mode triggers (sys-1)",
-        "system.loglevel triggers (root-1)",
         "conn-1 thinks it is triggered by (" + one + "\\.name, " + one + "\\.mode, host-1)",
         "conn-2 thinks it is triggered by (" + two + "\\.name, host-1, network.conns(2).trace)",
         id + " thinks it is triggered by (" + extra + ")",
         "sys-1 thinks it is triggered by (system.proxy_mode)",
-        "root-1 thinks it is triggered by (system.loglevel)",
     }));
 
     cfg_free_trigger_tables(c);

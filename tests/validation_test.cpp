@@ -46,8 +46,6 @@ TEST(FullValidation, EditsYieldExactlyOneMessage)
         return [=](na &a) { cfg_set_string(a.ctx(), a.member(a.*map, key), text); };
     };
     const std::vector<edit_case> cases = {
-        {set(&na::system, "hostname", "Gateway"), {"String did not conform to the expected format."}},
-        // The static branch turns the address required.
         {set(&na::conn1, "mode", "static"), {"Required field 'address' is not present"}},
         {set(&na::conn2, "address", "300.1.1.1"), {"'300.1.1.1' is not a valid network address"}},
         {set(&na::user2, "name", "admin"), {"Duplicate 'name' fields with value 'admin'"}},
@@ -56,7 +54,6 @@ TEST(FullValidation, EditsYieldExactlyOneMessage)
          {"Required field 'proxy_port' is not present"}},
         // A deprecated member is left alone.
         {[](na &a) { a.load_int(a.system, "legacy_port", "legacy-1", 99); }, {}},
-        // Unknown members, one message each.
         {[](na &a) {
              a.load_string(a.system, "colour", "colour-1", "blue");
              a.load_string(a.conn2, "vlan", "vlan-2", "7");
