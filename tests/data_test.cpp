@@ -75,7 +75,7 @@ std::vector<std::vector<unsigned>> delete_mixed_list(cfg *ctx, const std::string
 
 } // namespace
 
-TEST_F(Elements, ValuesAndAccessors)
+TEST_F(Elements, BlobCopiesStringLimitAndUnindexedTwins)
 {
     // A blob's copy carries a terminator past its size.
     const unsigned char bytes[] = {1, 0, 255, 0};

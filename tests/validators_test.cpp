@@ -299,8 +299,8 @@ TEST_F(Validators, RolesAndPasswordPresence)
 
 TEST_F(Validators, ConditionTreeText)
 {
-    EXPECT_EQ(run("condition", text(R"({"type":3,"fieldname":"a","oper":1,"datatype":2,"value":1})")),
-              1);
+    const char *tree = R"({"type":3,"fieldname":"a","oper":1,"datatype":2,"value":1})";
+    EXPECT_EQ(run("condition", text(tree)), 1);
     EXPECT_EQ(run("condition", text("[1]")), 0);
     EXPECT_EQ(messages(), texts{"Query string is not a valid condition tree"});
 }
