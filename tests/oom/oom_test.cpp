@@ -105,9 +105,7 @@ namespace {
 // the local copy runs out of memory: either value may come back then.
 bool commit_failing_at(long n)
 {
-    scripted_daemon daemon({step::serve([](json_t *) {
-        return json_pack("{s:b, s:{s:[]}}", "result", 1, "data", "uuids");
-    })});
+    scripted_daemon daemon({step::answer(R"({"result": true, "data": {"uuids": []}})")});
     client_context ctx(daemon);
     cfg_new_string_with_id(ctx.get(), "changed", "warm");
     cfg_element *map = cfg_new_map_with_id(ctx.get(), "m");

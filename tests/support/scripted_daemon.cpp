@@ -23,8 +23,8 @@ void close_fd(int &fd)
     fd = -1;
 }
 
-// Both fail when the peer closes, the time limit passes or stop() cuts the
-// connection.
+// Both fail when the peer closes, the time limit passes or the destructor
+// cuts the connection.
 bool read_exactly(int fd, char *buffer, size_t size)
 {
     return recv(fd, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
@@ -62,17 +62,10 @@ scripted_daemon::scripted_daemon(script steps) : steps_(std::move(steps))
     thread_ = std::thread([this] { run(); });
 }
 
+// Cuts the connection (or the wait for one) and any wait step short, then
+// joins.
 scripted_daemon::~scripted_daemon()
 {
-    stop();
-    close_fd(listen_fd_);
-}
-
-// Cuts the connection (or the wait for one) and any wait step short.
-void scripted_daemon::stop()
-{
-    if (!thread_.joinable())
-        return;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopping_ = true;
@@ -82,6 +75,7 @@ void scripted_daemon::stop()
     shutdown(listen_fd_, SHUT_RDWR);
     changed_.notify_all();
     thread_.join();
+    close_fd(listen_fd_);
 }
 
 // Plays the steps on the first connection until the script runs out or the
@@ -100,7 +94,7 @@ void scripted_daemon::run()
     setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &io_limit, sizeof io_limit);
     setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &io_limit, sizeof io_limit);
     for (const step &s : steps_) {
-        if (s.reads_request && !read_request(connection, nullptr))
+        if (s.reads_request && !read_request(connection))
             break;
         bool goes_on = act(connection, s);
         note(nullptr);
@@ -125,34 +119,12 @@ bool scripted_daemon::act(int connection, const step &s)
         std::unique_lock<std::mutex> lock(mutex_);
         return !changed_.wait_for(lock, s.duration, [this] { return stopping_; });
     }
-    case step::kind::serve:
-        return serve(connection, s.handler);
     }
     return false;
 }
 
-// Answers requests with handler until the client closes or handler
-// returns null.
-bool scripted_daemon::serve(int connection, const request_handler &handler)
-{
-    for (;;) {
-        json_handle request;
-        if (!read_request(connection, &request))
-            return false;
-        json_handle response(handler(request.get()));
-        if (response == nullptr)
-            return false;
-        char *text = json_dumps(response.get(), JSON_ENCODE_ANY);
-        bool sent = text != nullptr && write_all(connection, frame(text));
-        free(text);
-        if (!sent)
-            return false;
-    }
-}
-
-// Reads one request frame and records it; the parsed request goes to
-// *parsed when asked for.
-bool scripted_daemon::read_request(int connection, json_handle *parsed)
+// Reads one request frame and records it.
+bool scripted_daemon::read_request(int connection)
 {
     char prefix[4];
     if (!read_exactly(connection, prefix, sizeof prefix))
@@ -165,8 +137,6 @@ bool scripted_daemon::read_request(int connection, json_handle *parsed)
     std::string text(length, '\0');
     if (!read_exactly(connection, text.data(), length))
         return false;
-    if (parsed != nullptr)
-        parsed->reset(json_loadb(text.data(), text.size(), JSON_DECODE_ANY, nullptr));
     note(&text);
     return true;
 }

@@ -1,11 +1,5 @@
 // A daemon for tests: it plays a script against the client over a Unix
 // socket in a temporary directory and records every request it reads.
-//
-//   zrtest::scripted_daemon daemon({step::answer(R"({"result": true})")});
-//   zrtest::client_context ctx(daemon); // or connect to daemon.socket_path()
-//   ... send requests through ctx.get() ...
-//   EXPECT_EQ(daemon.request_text(0), R"({"method": "hello", "id": 1})");
-//
 // The steps run in order on a background thread against the first
 // connection; a reading step waits for a request frame before it acts. The
 // daemon closes the connection when the script runs out or the client goes.
@@ -20,15 +14,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <thread>
 
 namespace zrtest {
-
-// Answers a request (borrowed; null when the frame held no JSON) with a new
-// response, or with null to close the connection.
-using request_handler = std::function<json_t *(json_t *request)>;
 
 // The 4-byte big-endian prefix of a frame of length bytes.
 std::string frame_prefix(uint32_t length);
@@ -37,13 +26,12 @@ std::string frame(const std::string &payload);
 
 // One step of a script: it may first read a request, then it acts.
 struct step {
-    enum class kind { none, send_bytes, close, wait, serve };
+    enum class kind { none, send_bytes, close, wait };
 
     bool reads_request = false;
     kind what = kind::none;
     std::string bytes{};                   // send_bytes
     std::chrono::milliseconds duration{0}; // wait
-    request_handler handler{};             // serve
 
     // Reads one request frame and records it.
     static step receive() { return {.reads_request = true}; }
@@ -68,8 +56,6 @@ struct step {
     static step close() { return {.what = kind::close}; }
     // Waits (cut short when the daemon stops).
     static step wait(std::chrono::milliseconds d) { return {.what = kind::wait, .duration = d}; }
-    // Answers every request with handler until the client closes.
-    static step serve(request_handler h) { return {.what = kind::serve, .handler = std::move(h)}; }
 };
 
 using script = std::vector<step>;
@@ -92,14 +78,10 @@ class scripted_daemon {
     // Waits until count steps were played or limit passed; true if they were.
     bool wait_for_steps(size_t count, std::chrono::milliseconds limit) const;
 
-    // Stops the daemon and joins its thread; idempotent.
-    void stop();
-
   private:
     void run();
     bool act(int connection, const step &s);
-    bool serve(int connection, const request_handler &handler);
-    bool read_request(int connection, json_handle *parsed);
+    bool read_request(int connection);
     void note(std::string *request);
 
     script steps_;
@@ -108,7 +90,7 @@ class scripted_daemon {
     int listen_fd_ = -1;
     std::thread thread_;
 
-    // Guarded by mutex_: stop() may cut the connection while run() uses it.
+    // Guarded by mutex_: the destructor may cut the connection while run() uses it.
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<std::string> texts_;
