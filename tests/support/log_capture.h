@@ -3,6 +3,7 @@
 
 #include "zrutil.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,6 @@ namespace zrtest {
 
 struct log_line {
     int priority;
-    std::string file;
     std::string func;
     std::string message;
 };
@@ -27,18 +27,15 @@ class log_capture {
     // True when some line's message equals text exactly.
     bool has(const std::string &text) const
     {
-        for (const log_line &l : lines)
-            if (l.message == text)
-                return true;
-        return false;
+        return std::any_of(lines.begin(), lines.end(),
+                           [&](const log_line &l) { return l.message == text; });
     }
 
   private:
-    static void record(int priority, const char *file, const char *func, int line,
-                       const char *message, void *user)
+    static void record(int priority, const char *, const char *func, int, const char *message,
+                       void *user)
     {
-        (void)line;
-        static_cast<log_capture *>(user)->lines.push_back({priority, file, func, message});
+        static_cast<log_capture *>(user)->lines.push_back({priority, func, message});
     }
 };
 
