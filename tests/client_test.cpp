@@ -5,7 +5,6 @@
 #include "log_capture.h"
 #include "scripted_daemon.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
@@ -73,7 +72,6 @@ TEST(ClientSession, ConnectSaysHelloLoadsSchemaAndDisconnectSaysGoodbye)
     EXPECT_EQ(ctx, nullptr);
     ASSERT_TRUE(daemon.wait_for_steps(3, 5s));
     EXPECT_EQ(daemon.request_text(2), R"({"method": "goodbye", "id": 3, "data": {}})");
-    EXPECT_EQ(cfg_disconnect(&ctx), 0);
 }
 
 // The open descriptors (the listing's own is closed when checked).
@@ -106,15 +104,13 @@ TEST(ClientSession, ConnectFailuresLeaveOnlyTheRefusedLoginsSocket)
             EXPECT_TRUE(log.has("cfg_connect_timeout: Bad login result"));
             EXPECT_EQ(log.lines.back().priority, 3);
         } // the daemon's end of the connection is closed too
-        std::set<int> after = open_descriptors();
-        std::vector<int> added;
-        std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
-                            std::back_inserter(added));
+        std::set<int> added = open_descriptors();
+        std::erase_if(added, [&](int fd) { return before.count(fd) != 0; });
         ASSERT_EQ(added.size(), 1u);
-        std::string target = std::filesystem::read_symlink("/proc/self/fd/" +
-                                                           std::to_string(added[0]));
+        int fd = *added.begin();
+        std::string target = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
         EXPECT_EQ(target.rfind("socket:", 0), 0u) << target;
-        close(added[0]);
+        close(fd);
     }
 }
 
@@ -148,7 +144,6 @@ TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
 {
     scripted_daemon daemon(logged_in({
         found(element_text("s1", "one", 1)), found(element_text("s2", "two", 1)),
-        step::answer(R"({"result": true})"),
         found(R"({"type": 8, "id": "root-1", "value": {"host": "s3"}})"),
         found(element_text("s3", "three", 1))}));
     session s(daemon.socket_path(), "tester");
@@ -170,11 +165,8 @@ TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
     EXPECT_EQ(daemon.request_text(3),
               R"({"method": "get_data_by_id", "id": 4, "data": {"ids": ["s2", "zz"]}})");
 
-    found = cfg_get_by_ids(s.ctx, ids, 2);
-    free(found);
-    EXPECT_EQ(cfg_lock(s.ctx, 0), 1);
-    EXPECT_EQ(daemon.request_text(4),
-              R"({"method": "lock", "id": 5, "data": {"operation": "none"}})");
+    free(cfg_get_by_ids(s.ctx, ids, 2));
+    EXPECT_EQ(daemon.request_count(), 4u) << "both were held";
 
     // A path walk fetches the root and then the member it names.
     EXPECT_EQ(string_of(cfg_get_by_path(s.ctx, "host")), "three");
