@@ -13,8 +13,14 @@ namespace {
 
 // No single read or write of the daemon waits longer than this.
 constexpr timeval io_limit = {20, 0};
-// Requests larger than this are taken for garbage and end the connection.
-constexpr uint32_t request_limit = 64u << 20;
+
+sockaddr_un unix_address(const std::string &path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
 
 void close_fd(int &fd)
 {
@@ -52,9 +58,7 @@ std::string frame(const std::string &payload)
 scripted_daemon::scripted_daemon(script steps) : steps_(std::move(steps))
 {
     listen_fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
+    sockaddr_un address = unix_address(path_);
     if (listen_fd_ < 0 ||
         bind(listen_fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
         listen(listen_fd_, 8) != 0)
@@ -93,14 +97,9 @@ void scripted_daemon::run()
         return;
     setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &io_limit, sizeof io_limit);
     setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &io_limit, sizeof io_limit);
-    for (const step &s : steps_) {
-        if (s.reads_request && !read_request(connection))
+    for (const step &s : steps_)
+        if ((s.reads_request && !read_request(connection)) || !act(connection, s))
             break;
-        bool goes_on = act(connection, s);
-        note(nullptr);
-        if (!goes_on)
-            break;
-    }
     std::lock_guard<std::mutex> lock(mutex_);
     close_fd(connection_);
 }
@@ -126,30 +125,16 @@ bool scripted_daemon::act(int connection, const step &s)
 // Reads one request frame and records it.
 bool scripted_daemon::read_request(int connection)
 {
-    char prefix[4];
-    if (!read_exactly(connection, prefix, sizeof prefix))
-        return false;
     uint32_t network_order;
-    memcpy(&network_order, prefix, sizeof network_order);
-    uint32_t length = ntohl(network_order);
-    if (length > request_limit)
+    if (!read_exactly(connection, reinterpret_cast<char *>(&network_order), sizeof network_order))
         return false;
-    std::string text(length, '\0');
-    if (!read_exactly(connection, text.data(), length))
+    std::string text(ntohl(network_order), '\0');
+    if (!read_exactly(connection, text.data(), text.size()))
         return false;
-    note(&text);
-    return true;
-}
-
-// Records a request read, or a step played when request is null.
-void scripted_daemon::note(std::string *request)
-{
     std::lock_guard<std::mutex> lock(mutex_);
-    if (request != nullptr)
-        texts_.push_back(std::move(*request));
-    else
-        steps_done_++;
+    texts_.push_back(std::move(text));
     changed_.notify_all();
+    return true;
 }
 
 size_t scripted_daemon::request_count() const
@@ -160,22 +145,15 @@ size_t scripted_daemon::request_count() const
 
 std::string scripted_daemon::request_text(size_t i) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return i < texts_.size() ? texts_[i] : std::string();
-}
-
-bool scripted_daemon::wait_for_steps(size_t count, std::chrono::milliseconds limit) const
-{
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return steps_done_ >= count; });
+    changed_.wait_for(lock, std::chrono::seconds(5), [&] { return i < texts_.size(); });
+    return i < texts_.size() ? texts_[i] : std::string();
 }
 
 int connect_unix(const std::string &path)
 {
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    sockaddr_un address = unix_address(path);
     if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
         close_fd(fd);
     return fd;

@@ -9,8 +9,6 @@
 #include "context.h"
 #include "temp_dir.h"
 
-#include <jansson.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -73,16 +71,14 @@ class scripted_daemon {
 
     // Requests read so far.
     size_t request_count() const;
-    // The payload text of request i as it came off the wire ("" when absent).
+    // The payload text of request i as it came off the wire, waited for up
+    // to five seconds ("" when it never comes).
     std::string request_text(size_t i) const;
-    // Waits until count steps were played or limit passed; true if they were.
-    bool wait_for_steps(size_t count, std::chrono::milliseconds limit) const;
 
   private:
     void run();
     bool act(int connection, const step &s);
     bool read_request(int connection);
-    void note(std::string *request);
 
     script steps_;
     temp_dir dir_;
@@ -94,7 +90,6 @@ class scripted_daemon {
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<std::string> texts_;
-    size_t steps_done_ = 0;
     bool stopping_ = false;
     int connection_ = -1;
 };
