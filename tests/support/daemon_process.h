@@ -4,21 +4,12 @@
 #pragma once
 
 #include "scripted_daemon.h"
-#include "temp_dir.h"
 
-#include "zrconfig.h"
-
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <fcntl.h>
 #include <csignal>
+#include <fcntl.h>
 #include <spawn.h>
-#include <string>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 extern char **environ;
 
@@ -93,7 +84,6 @@ class daemon_process {
     const temp_dir &dir() const { return dir_; }
     // What the daemon wrote to standard error, every run appended.
     std::string log() const { return read_file(log_); }
-    bool running() const { return pid_ > 0; }
 
     // Starts the daemon (again) on the same socket and database; true once
     // it accepts connections, false when it ends or never does.
