@@ -1,5 +1,5 @@
 // zrconfig.hpp against a real zrconfigd: the appliance client's flow (read,
-// change, validate, commit, read back, refused changes) written with the
+// change, validate, commit, read back, a refused change) written with the
 // C++ layer, and a local context without a daemon.
 #include "daemon_process.h"
 
@@ -51,21 +51,16 @@ TEST_F(ZrconfigHpp, ReadsChangesCommitsAndReadsBack)
     for (element conn : moved.at("network.conns").members())
         names.push_back(conn["name"].as_string().value_or("?"));
     EXPECT_EQ(names, (texts{"lan", "dmz", "mgmt", "lab"}));
-}
 
-// A refusal carries its messages, each naming its element by path.
-TEST_F(ZrconfigHpp, RefusalCarriesItsMessages)
-{
-    daemon_process d;
-    session s(d.socket_path(), "hpp-test");
-    ASSERT_TRUE(s.at("network.conns[1]").erase("address"));
-    zrconfig::outcome checked = s.validate_changed();
+    // A refusal carries its messages, each naming its element by path.
+    ASSERT_TRUE(moved.at("network.conns[0]").erase("address"));
+    zrconfig::outcome checked = moved.validate_changed();
     EXPECT_FALSE(checked);
     EXPECT_FALSE(checked.unreachable());
     ASSERT_EQ(checked.messages.size(), 1u);
     EXPECT_EQ(checked.messages[0].code, 20);
     EXPECT_EQ(checked.messages[0].level, 1);
-    EXPECT_EQ(checked.messages[0].path, "network.conns[1]");
+    EXPECT_EQ(checked.messages[0].path, "network.conns[0]");
     EXPECT_EQ(checked.messages[0].text, "Required field 'address' is not present");
 }
 
@@ -77,9 +72,6 @@ TEST(ZrconfigHppLocal, ContextWithoutADaemon)
     ASSERT_TRUE(root.put("on", local.new_value(true)));
     EXPECT_EQ(local.at("ratio").as_double(), 0.5);
     EXPECT_EQ(local.at("on").as_bool(), true);
-    EXPECT_EQ(local.at("on").as_string(), std::nullopt);
-    EXPECT_TRUE(root.erase("on"));
-    EXPECT_EQ(root.entries().size(), 1u);
 
     session unreachable("/nonexistent/zrconfigd.sock", "hpp-test");
     EXPECT_FALSE(unreachable);
