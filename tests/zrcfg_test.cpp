@@ -19,11 +19,8 @@ run_result zrcfg(const temp_dir &dir, std::vector<std::string> args)
     args.insert(args.begin(), ZRCFG_PATH);
     std::string out = dir.file("zrcfg.out"), err = dir.file("zrcfg.err");
     unlink(err.c_str());
-    run_result r;
-    r.status = exit_status(spawn(args, err, out));
-    r.out = read_file(out);
-    r.err = read_file(err);
-    return r;
+    int status = exit_status(spawn(args, err, out));
+    return {status, read_file(out), read_file(err)};
 }
 
 // zrcfg against d's socket.
