@@ -25,53 +25,46 @@ struct rooted_context {
     }
 };
 
+// The schema root after a replacement: the new "top" record when kept, else
+// none; validation must not touch the record replaced.
+void expect_root(const rooted_context &r, bool kept)
+{
+    cfg_schema_element *root = cfg_schema_root(r.ctx());
+    EXPECT_EQ(root, kept ? cfg_get_schema_node(r.ctx(), "top") : nullptr);
+    if (root != nullptr) {
+        EXPECT_STREQ(root->uuid, "top");
+    }
+    cfg_validate_data(r.ctx());
+}
+
 } // namespace
 
 TEST(HostileInput, ReplacingTheSchemaRootRepointsTheRoot)
 {
     struct replacement {
-        const char *name;
-        void (*replace)(const rooted_context &);
-        bool root_kept;
+        const char *changeset;
+        int applied; // 0: the node cannot be read and the root goes
+        bool root_deleted_first = false;
     };
-    const replacement cases[] = {
-        {"schema_changed",
-         [](const rooted_context &r) {
-             EXPECT_EQ(r.apply(R"({"schema_changed": [{"id": "top", "type": 8}]})"), 1);
-         },
-         true},
-        {"schema_added over a deleted root",
-         [](const rooted_context &r) {
-             r.ctx()->schema->root->flags |= CFG_FLAG_DELETED;
-             EXPECT_EQ(r.apply(R"({"schema_added": [{"id": "top", "type": 8}]})"), 1);
-         },
-         true},
-        {"schema_changed that cannot be read",
-         [](const rooted_context &r) {
-             EXPECT_EQ(r.apply(R"({"schema_changed": [{"id": "top", "type": 5}]})"), 0);
-         },
-         false},
-        {"cfg_set_schema_map",
-         [](const rooted_context &r) {
-             EXPECT_NE(cfg_set_schema_map(r.ctx(), r.ctx()->schema->root), nullptr);
-         },
-         true},
-        {"cfg_free_schema_element_base",
-         [](const rooted_context &r) {
-             cfg_free_schema_element_base(r.ctx(), r.ctx()->schema->root);
-         },
-         false},
+    const replacement changesets[] = {
+        {R"({"schema_changed": [{"id": "top", "type": 8}]})", 1},
+        {R"({"schema_added": [{"id": "top", "type": 8}]})", 1, true},
+        {R"({"schema_changed": [{"id": "top", "type": 5}]})", 0},
     };
-    for (const replacement &c : cases) {
+    for (const replacement &c : changesets) {
+        SCOPED_TRACE(c.changeset);
         rooted_context r;
-        c.replace(r);
-        cfg_schema_element *root = cfg_schema_root(r.ctx());
-        EXPECT_EQ(root, c.root_kept ? cfg_get_schema_node(r.ctx(), "top") : nullptr) << c.name;
-        if (root != nullptr) {
-            EXPECT_EQ(std::string(root->uuid), "top") << c.name;
-        }
-        cfg_validate_data(r.ctx());
+        if (c.root_deleted_first)
+            r.ctx()->schema->root->flags |= CFG_FLAG_DELETED;
+        EXPECT_EQ(r.apply(c.changeset), c.applied);
+        expect_root(r, c.applied == 1);
     }
+    rooted_context set;
+    EXPECT_NE(cfg_set_schema_map(set.ctx(), set.ctx()->schema->root), nullptr);
+    expect_root(set, true);
+    rooted_context freed;
+    cfg_free_schema_element_base(freed.ctx(), freed.ctx()->schema->root);
+    expect_root(freed, false);
 }
 
 // An element without a string id is refused; its decoded value goes with it.
