@@ -4,7 +4,6 @@
 #include "log_capture.h"
 #include "scripted_daemon.h"
 
-#include <csignal>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,32 +25,6 @@ std::string receive_failure(int fd, int timeout_ms = 10000)
 }
 
 } // namespace
-
-// A frame is the big-endian length and the default dump text; a failed
-// write returns 0 with its diagnostic.
-TEST(WireFrame, SendWritesBigEndianLengthAndDefaultDumpText)
-{
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    signal(SIGPIPE, SIG_DFL);
-    std::string name(300, 'n');
-    json_handle value(json_pack("{s:s, s:i, s:{s:s, s:[i, i]}}", "method", "hello", "id", 1,
-                                "data", "client_name", name.c_str(), "list", 1, 2));
-    ASSERT_EQ(cfg_send(ends[0], value.get()), 1);
-    std::string text = R"({"method": "hello", "id": 1, "data": {"client_name": ")" + name +
-                       R"(", "list": [1, 2]}})";
-    ASSERT_EQ(text.size(), 0x175u);
-    std::string bytes(4 + text.size(), '\0');
-    ASSERT_EQ(recv(ends[1], bytes.data(), bytes.size(), MSG_WAITALL), ssize_t(bytes.size()));
-    EXPECT_EQ(bytes, std::string("\0\0\x01\x75", 4) + text);
-    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
-
-    close(ends[1]);
-    CaptureStderr();
-    EXPECT_EQ(cfg_send(ends[0], value.get()), 0);
-    GetCapturedStderr();
-    close(ends[0]);
-}
 
 // A hostile or broken peer fails the read with a diagnostic; the time-out
 // covers the whole frame, not each read.
@@ -189,6 +162,8 @@ TEST(WireRequest, KeepalivesAreSkippedAndOddShapesAreAnswers)
     EXPECT_EQ(cfg_message_count(ctx.get()), 2);
 }
 
+// The second send meets a closed peer: it must fail, not end the process
+// with SIGPIPE.
 TEST(WireRequest, FailuresReturnNullWithoutMessages)
 {
     scripted_daemon daemon({step::receive(), step::keepalive(), step::close()});
