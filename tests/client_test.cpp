@@ -243,19 +243,6 @@ TEST(ClientRequests, ListSearchLockAndPath)
               R"({"method": "get_data_by_path", "id": 6, "data": {"path": "a/b"}})");
 }
 
-TEST(ClientRequests, SubscribeSendsKeysInOrder)
-{
-    scripted_daemon daemon({step::answer(R"({"result": true})"), step::answer("{}")});
-    client_context ctx(daemon);
-    char p[] = "/sys", a[] = "-v";
-    char *paths[] = {p, nullptr}, *args[] = {a, nullptr};
-    EXPECT_EQ(cfg_subscribe(ctx.get(), "svc", 5, paths, nullptr, nullptr, "/bin/svc", args), 1);
-    EXPECT_EQ(daemon.request_text(0),
-              R"({"method": "subscribe", "id": 1, "data": {"name": "svc", "program": "/bin/svc", )"
-              R"("priority": 5, "args": ["-v"], "paths": ["/sys"], "before": [], "after": []}})");
-    EXPECT_EQ(cfg_subscribe(ctx.get(), "svc", 5, nullptr, nullptr, nullptr, "p", nullptr), 0);
-}
-
 // Pull fetches every held element again, the new one included; a list
 // keeps the future members its fetched copy lacks.
 TEST(ClientPull, ConflictsKeepLocalWorkUnlessForced)
@@ -379,17 +366,6 @@ TEST(ClientCommit, UpdateObjectListsFlaggedWork)
               R"("appended": [{"parent_id": "l", "child_id": "f"}], "schema_deleted": [], )"
               R"("schema_changed": [], "schema_added": [], "types": {"hostname": "h"}, )"
               R"("schema_root": null})");
-}
-
-TEST(ClientCommitDeathTest, FutureMembersWithoutFlagAbort)
-{
-    context_handle ctx;
-    cfg_element *list = cfg_new_list_with_id(ctx.get(), "l");
-    cfg_append_future_listid(list, "f");
-    list->flags &= ~CFG_FLAG_HAS_FUTURE;
-    EXPECT_DEATH(cfg_assemble_update(ctx.get()),
-                 "src/[a-z_]+: [a-z_]+: Assertion `item->elem->flags & \\(1 << 4\\)' "
-                 "failed");
 }
 
 // Commit drops the local copy. A list fetched afterwards that still names a
