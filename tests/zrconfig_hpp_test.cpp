@@ -64,12 +64,13 @@ TEST_F(ZrconfigHpp, ReadsChangesCommitsAndReadsBack)
     EXPECT_EQ(checked.messages[0].text, "Required field 'address' is not present");
 }
 
+// A local context's typed values; the installed C++ client writes and reads
+// a string.
 TEST(ZrconfigHppLocal, ContextWithoutADaemon)
 {
     zrconfig::context local;
-    element root = local.root();
-    ASSERT_TRUE(root.put("ratio", local.new_value(0.5)));
-    ASSERT_TRUE(root.put("on", local.new_value(true)));
+    ASSERT_TRUE(local.root().put("ratio", local.new_value(0.5)));
+    ASSERT_TRUE(local.root().put("on", local.new_value(true)));
     EXPECT_EQ(local.at("ratio").as_double(), 0.5);
     EXPECT_EQ(local.at("on").as_bool(), true);
 
