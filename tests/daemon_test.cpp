@@ -291,14 +291,7 @@ int subscribe(cfg *ctx, const char *name, int priority, texts paths, texts befor
               const std::string &command)
 {
     texts args{"-c", command};
-    auto pointers = [](texts &v) {
-        std::vector<char *> out;
-        for (std::string &s : v)
-            out.push_back(s.data());
-        out.push_back(nullptr);
-        return out;
-    };
-    auto p = pointers(paths), b = pointers(before), a = pointers(after), g = pointers(args);
+    auto p = c_strings(paths), b = c_strings(before), a = c_strings(after), g = c_strings(args);
     return cfg_subscribe(ctx, name, priority, p.data(), b.data(), a.data(), "/bin/sh", g.data());
 }
 

@@ -15,16 +15,24 @@ extern char **environ;
 
 namespace zrtest {
 
+// Pointers to the strings and a null after them, as argument vectors take
+// them; valid while strings is.
+inline std::vector<char *> c_strings(std::vector<std::string> &strings)
+{
+    std::vector<char *> out;
+    for (std::string &s : strings)
+        out.push_back(s.data());
+    out.push_back(nullptr);
+    return out;
+}
+
 // Starts args (the program first) with its standard error going to err,
 // appended, and its standard output to out, truncated, when out is given;
 // the pid, or -1.
 inline pid_t spawn(std::vector<std::string> args, const std::string &err,
                    const std::string &out = "")
 {
-    std::vector<char *> argv;
-    for (std::string &a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
+    std::vector<char *> argv = c_strings(args);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     if (!out.empty())
