@@ -5,6 +5,7 @@
 #include "scripted_daemon.h"
 
 #include <sys/socket.h>
+#include <tuple>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -86,25 +87,20 @@ TEST(WireFrame, InvalidJsonIsLoggedWithTheParserText)
 // rounds them up to its clock tick, so only an upper bound can be checked.
 TEST(WireFrame, ReceiveSetsTheTimeoutOnEveryCall)
 {
-    struct timeout_case {
-        int ms;
-        long seconds;
-        long max_microseconds;
-    };
-    const timeout_case cases[] = {{10000, 10, 0}, {1500, 1, 20000}, {-3, 0, 0}};
+    // {milliseconds, seconds set, most microseconds set}
+    const std::tuple<int, long, long> cases[] = {{10000, 10, 0}, {1500, 1, 20000}, {-3, 0, 0}};
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    for (const timeout_case &c : cases) {
-        SCOPED_TRACE(c.ms);
+    for (auto [ms, seconds, max_microseconds] : cases) {
+        SCOPED_TRACE(ms);
         std::string bytes = frame("{}");
         ASSERT_EQ(write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        json_handle value(cfg_receive_timeout(ends[0], c.ms));
-        EXPECT_NE(value, nullptr);
+        EXPECT_NE(json_handle(cfg_receive_timeout(ends[0], ms)), nullptr);
         timeval set{};
         socklen_t size = sizeof set;
         ASSERT_EQ(getsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &set, &size), 0);
-        EXPECT_EQ(set.tv_sec, c.seconds);
-        EXPECT_LE(set.tv_usec, c.max_microseconds);
+        EXPECT_EQ(set.tv_sec, seconds);
+        EXPECT_LE(set.tv_usec, max_microseconds);
     }
     close(ends[0]);
     close(ends[1]);

@@ -12,15 +12,10 @@ thread_local long countdown = 0; // 0: disarmed
 thread_local bool reached = false;
 thread_local size_t largest = 0;
 
-using malloc_fn = void *(*)(size_t);
-using calloc_fn = void *(*)(size_t, size_t);
-using realloc_fn = void *(*)(void *, size_t);
-using free_fn = void (*)(void *);
-
-malloc_fn next_malloc;
-calloc_fn next_calloc;
-realloc_fn next_realloc;
-free_fn next_free;
+decltype(&::malloc) next_malloc;
+decltype(&::calloc) next_calloc;
+decltype(&::realloc) next_realloc;
+decltype(&::free) next_free;
 
 // dlsym may itself ask for zeroed memory before calloc is resolved.
 alignas(16) char bootstrap[4096];
@@ -32,10 +27,10 @@ void resolve()
     if (next_malloc != nullptr || resolving)
         return;
     resolving = true;
-    next_calloc = reinterpret_cast<calloc_fn>(dlsym(RTLD_NEXT, "calloc"));
-    next_realloc = reinterpret_cast<realloc_fn>(dlsym(RTLD_NEXT, "realloc"));
-    next_free = reinterpret_cast<free_fn>(dlsym(RTLD_NEXT, "free"));
-    next_malloc = reinterpret_cast<malloc_fn>(dlsym(RTLD_NEXT, "malloc"));
+    next_calloc = reinterpret_cast<decltype(next_calloc)>(dlsym(RTLD_NEXT, "calloc"));
+    next_realloc = reinterpret_cast<decltype(next_realloc)>(dlsym(RTLD_NEXT, "realloc"));
+    next_free = reinterpret_cast<decltype(next_free)>(dlsym(RTLD_NEXT, "free"));
+    next_malloc = reinterpret_cast<decltype(next_malloc)>(dlsym(RTLD_NEXT, "malloc"));
     resolving = false;
 }
 
