@@ -43,12 +43,12 @@ TEST(WireFrame, ReceiveFailuresPrintTheirDiagnostic)
         trickle.push_back(step::raw(std::string(1, byte)));
     }
     const failure_case cases[] = {
-        {"close inside the prefix", {step::raw(std::string("\0\0", 2)), step::close()},
+        {"close inside the prefix", {step::raw(std::string("\0\0", 2))},
          "cfg_receive read len unexpected peer close\n"},
-        {"close after the prefix", {step::truncated(10), step::close()},
+        {"close after the prefix", {step::raw(frame_prefix(10))},
          "cfg_receive read data unexpected peer close\n"},
-        {"zero length", {step::truncated(0)}, "cfg_receive response len <= 0\n"},
-        {"length that wraps the buffer size", {step::truncated(0xFFFFFFFFu, "{}"), step::close()},
+        {"zero length", {step::raw(frame_prefix(0))}, "cfg_receive response len <= 0\n"},
+        {"length that wraps the buffer size", {step::raw(frame_prefix(0xFFFFFFFFu) + "{}")},
          "cfg_receive response buffer allocate failed: Cannot allocate memory\n"},
         {"silence", {step::wait(5s)},
          "cfg_receive read len failed: Resource temporarily unavailable\n", 200},
@@ -123,7 +123,7 @@ TEST(WireRequest, IdsCountFromOneAlsoForRequestsNeverSent)
     EXPECT_EQ(daemon.request_text(0), R"({"method": "get_schema", "id": 2})");
     EXPECT_EQ(daemon.request_text(1),
               R"({"method": "hello", "id": 3, "data": {"client_name": "t-1"}})");
-    EXPECT_EQ(ctx.client()->request_id, 3);
+    EXPECT_EQ(static_cast<cfg_client *>(ctx.get()->client_data)->request_id, 3);
     EXPECT_EQ(json_object_size(with_data.get()), 3u); // the request is not taken
 }
 
@@ -162,7 +162,7 @@ TEST(WireRequest, KeepalivesAreSkippedAndOddShapesAreAnswers)
 // with SIGPIPE.
 TEST(WireRequest, FailuresReturnNullWithoutMessages)
 {
-    scripted_daemon daemon({step::receive(), step::keepalive(), step::close()});
+    scripted_daemon daemon({step::receive(), step::keepalive()});
     client_context ctx(daemon);
     json_handle request(cfg_build_request(ctx.get(), "pull", nullptr));
 

@@ -127,7 +127,7 @@ TEST(OutOfMemory, Commit)
 // receive buffer grows with what arrives, not with what is announced.
 TEST(OutOfMemory, AnnouncedFrameLengthIsNotReserved)
 {
-    scripted_daemon daemon({step::truncated(0x7FFFFFFFu, R"({"result": )"), step::close()});
+    scripted_daemon daemon({step::raw(frame_prefix(0x7FFFFFFFu) + R"({"result": )")});
     client_context ctx(daemon);
     testing::internal::CaptureStderr();
     oom::arm(LONG_MAX);

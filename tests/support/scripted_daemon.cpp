@@ -112,8 +112,6 @@ bool scripted_daemon::act(int connection, const step &s)
         return true;
     case step::kind::send_bytes:
         return write_all(connection, s.bytes);
-    case step::kind::close:
-        return false;
     case step::kind::wait: {
         std::unique_lock<std::mutex> lock(mutex_);
         return !changed_.wait_for(lock, s.duration, [this] { return stopping_; });

@@ -24,7 +24,7 @@ std::string frame(const std::string &payload);
 
 // One step of a script: it may first read a request, then it acts.
 struct step {
-    enum class kind { none, send_bytes, close, wait };
+    enum class kind { none, send_bytes, wait };
 
     bool reads_request = false;
     kind what = kind::none;
@@ -45,13 +45,6 @@ struct step {
         return s;
     }
     static step keepalive() { return reply(R"({"keepalive": true})"); }
-    // Sends a prefix announcing length bytes, then only the given part of the
-    // payload (nothing by default); follow it with close() or wait().
-    static step truncated(uint32_t length, const std::string &part = "")
-    {
-        return raw(frame_prefix(length) + part);
-    }
-    static step close() { return {.what = kind::close}; }
     // Waits (cut short when the daemon stops).
     static step wait(std::chrono::milliseconds d) { return {.what = kind::wait, .duration = d}; }
 };
@@ -109,7 +102,6 @@ struct client_context {
     client_context &operator=(const client_context &) = delete;
 
     cfg *get() const { return handle.get(); }
-    cfg_client *client() const { return static_cast<cfg_client *>(handle.get()->client_data); }
 };
 
 } // namespace zrtest
