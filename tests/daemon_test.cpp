@@ -90,10 +90,10 @@ TEST_F(Daemon, CommitIsServedToOthersAndAfterARestart)
         std::string new_id = conn->uuid;
         ASSERT_EQ(commit_string(c, "system.hostname", "fw2"), 1)
             << testing::PrintToString(messages_of(c));
-        // The daemon's id ends in digits.
         cfg_element *fetched = cfg_get_by_id(c, new_id.c_str());
         ASSERT_NE(fetched, nullptr);
-        EXPECT_TRUE(isdigit(static_cast<unsigned char>(fetched->uuid[strlen(fetched->uuid) - 1])));
+        EXPECT_TRUE(isdigit(static_cast<unsigned char>(fetched->uuid[strlen(fetched->uuid) - 1])))
+            << "the daemon's own id ends in digits";
         client other(d);
         EXPECT_EQ(string_at(other, "system.hostname"), "fw2");
     }
@@ -386,20 +386,18 @@ TEST_F(Daemon, StartRefusesInvalidDataAndNeverDisplacesALiveDaemon)
     std::string data = dir.file("bad.json"), log = dir.file("log");
     std::ofstream(data) << R"({"system": {"hostname": "fw1"},
         "network": {"conns": [{"name": "lan", "mode": "static"}]}})";
-    EXPECT_EQ(run_daemon({"--socket", dir.file("s"), "--db", dir.file("db"), "--schema",
-                          appliance_file("schema.json"), "--data", data, "--foreground"},
-                         log),
-              1);
+    EXPECT_EQ(exit_status(spawn({ZRCONFIGD_PATH, "--socket", dir.file("s"), "--db", dir.file("db"),
+                                 "--schema", appliance_file("schema.json"), "--data", data,
+                                 "--foreground"}, log)), 1);
     EXPECT_NE(read_file(log).find("error: network.conns[0]: Required field 'address' is not "
                                   "present"),
               std::string::npos)
         << read_file(log);
 
     daemon_process live;
-    EXPECT_EQ(run_daemon({"--socket", live.socket_path(), "--db", dir.file("other.db"),
-                          "--schema", appliance_file("schema.json"), "--foreground"},
-                         log),
-              1);
+    EXPECT_EQ(exit_status(spawn({ZRCONFIGD_PATH, "--socket", live.socket_path(), "--db",
+                                 dir.file("other.db"), "--schema", appliance_file("schema.json"),
+                                 "--foreground"}, log)), 1);
     client c(live);
     EXPECT_EQ(string_at(c, "system.hostname"), "fw1");
 }

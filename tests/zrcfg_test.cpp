@@ -23,7 +23,6 @@ run_result zrcfg(const temp_dir &dir, std::vector<std::string> args)
     return {status, read_file(out), read_file(err)};
 }
 
-// zrcfg against d's socket.
 run_result zrcfg(const daemon_process &d, std::vector<std::string> args)
 {
     args.insert(args.begin(), {"--socket", d.socket_path()});

@@ -56,13 +56,6 @@ inline int exit_status(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Runs the daemon with args until it exits; its exit status.
-inline int run_daemon(std::vector<std::string> args, const std::string &log)
-{
-    args.insert(args.begin(), ZRCONFIGD_PATH);
-    return exit_status(spawn(args, log));
-}
-
 inline std::string appliance_file(const char *name)
 {
     return std::string(ZR_SOURCE_DIR) + "/examples/appliance/" + name;
