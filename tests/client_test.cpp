@@ -112,19 +112,6 @@ TEST(ClientSession, ConnectFailuresLeaveOnlyTheRefusedLoginsSocket)
     }
 }
 
-// Without types, or with values of the wrong kinds, no schema results, but
-// the session stands.
-TEST(ClientSession, IncompleteSchemaLeavesTheSessionStanding)
-{
-    for (const char *schema : {R"({"root": "r", "nodes": {}})",
-                               R"({"root": 7, "nodes": {"x": 5, "y": []}, "types": []})"}) {
-        scripted_daemon daemon(logged_in({}, schema));
-        session s(daemon.socket_path(), "tester");
-        ASSERT_NE(s.ctx, nullptr) << schema;
-        EXPECT_EQ(cfg_schema_root(s.ctx), nullptr) << schema;
-    }
-}
-
 TEST(ClientSession, RequestsWithoutAConnectionSendNothing)
 {
     context_handle ctx;
