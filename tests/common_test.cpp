@@ -16,9 +16,7 @@ TEST(Context, LifecycleAndSchemaOwnership)
     cfg_schema *schema = ctx->schema;
     cfg_message_add_database(ctx);
     ctx->transaction_dir = strdup("/tmp"); // what the context owns goes with it
-    ctx->conflicts = static_cast<char **>(calloc(1, sizeof(char *)));
-    ctx->conflicts[0] = strdup("a");
-    ctx->conflicts_count = 1;
+    cfg_add_conflict(ctx, "a");
     ctx->client_data = malloc(16);
     ctx->free_client_data = [](cfg *c) {
         client_data_frees++;

@@ -32,13 +32,6 @@ TEST(MessageJson, MessagesWithoutArgsAreDropped)
     EXPECT_STREQ(cfg_get_first_message_string(ctx.get()), "Database error");
     EXPECT_STREQ(cfg_get_message_string(cfg_get_message_object(ctx.get(), 1)),
                  "Could not find element with path 'a.b'");
-
-    // A code is not checked on the way in: an unknown one gives no text.
-    json_handle unknown = parse_json(R"({"code": 500, "args": [{"key": "k", "value": "v"}]})");
-    cfg_message *msg = json_to_config_message(unknown.get());
-    ASSERT_NE(msg, nullptr);
-    EXPECT_EQ(cfg_get_message_string(msg), nullptr);
-    cfg_free_message(&msg);
 }
 
 // An argument without a key or with a value that is not a string is refused
@@ -46,13 +39,11 @@ TEST(MessageJson, MessagesWithoutArgsAreDropped)
 // one's slot.
 TEST(MessageJson, BadArgumentsCostOnlyThemselves)
 {
-    for (const char *bad : {R"({"value": "x"})", R"({"key": "uuid", "value": [1, 2]})"}) {
-        log_capture logs;
-        json_handle arg = parse_json(bad);
-        EXPECT_EQ(json_to_config_message_arg(arg.get()), nullptr) << bad;
-        EXPECT_TRUE(!logs.lines.empty() && logs.lines[0].priority == 3) << bad;
-    }
     log_capture logs;
+    json_handle keyless = parse_json(R"({"value": "x"})");
+    EXPECT_EQ(json_to_config_message_arg(keyless.get()), nullptr);
+    ASSERT_EQ(logs.lines.size(), 1u);
+    EXPECT_EQ(logs.lines[0].priority, 3);
     json_handle j = parse_json(R"({"code": 26, "args": [{"key": "field", "value": "name"},
                                   {"key": "value", "value": 7}, {"key": "uuid", "value": "u"}]})");
     cfg_message *msg = json_to_config_message(j.get());
