@@ -50,11 +50,9 @@ cfg_element *add_connection(cfg *ctx, const char *name)
     return conn;
 }
 
-// One raw frame out, one back (null when the daemon closed or sent junk).
-json_handle exchange(int fd, const std::string &payload, uint32_t length_override = UINT32_MAX)
+// Raw bytes out, one frame back (null when the daemon closed or sent junk).
+json_handle send_raw(int fd, const std::string &bytes)
 {
-    std::string bytes = length_override != UINT32_MAX ? frame_prefix(length_override) + payload
-                                                      : frame(payload);
     if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
         return nullptr;
     return json_handle(cfg_receive_timeout(fd, 5000));
@@ -255,18 +253,18 @@ TEST_F(Daemon, BadFramesAreAnsweredWithoutHarm)
         {R"({"id": 3})", 40},
     };
     for (const auto &row : kept_open) {
-        json_handle answer = exchange(fd, row.payload);
+        json_handle answer = send_raw(fd, frame(row.payload));
         ASSERT_NE(answer, nullptr) << row.payload;
         EXPECT_FALSE(json_is_true(json_object_get(answer.get(), "result")));
         EXPECT_EQ(first_code(answer.get()), row.code) << row.payload;
     }
-    json_handle hello = exchange(fd, R"({"method": "hello", "id": 4, "data": {}})");
+    json_handle hello = send_raw(fd, frame(R"({"method": "hello", "id": 4, "data": {}})"));
     EXPECT_TRUE(json_is_true(json_object_get(hello.get(), "result")));
     close(fd);
 
     for (uint32_t length : {0u, 1025u}) {
         fd = d.connect_raw();
-        json_handle answer = exchange(fd, "", length);
+        json_handle answer = send_raw(fd, frame_prefix(length));
         EXPECT_EQ(first_code(answer.get()), 39) << length;
         char byte;
         EXPECT_EQ(read(fd, &byte, 1), 0) << "the stream is closed after a bad length";

@@ -29,17 +29,11 @@ void close_fd(int &fd)
     fd = -1;
 }
 
-// Both fail when the peer closes, the time limit passes or the destructor
-// cuts the connection.
+// Fails when the peer closes, the time limit passes or the destructor cuts
+// the connection.
 bool read_exactly(int fd, char *buffer, size_t size)
 {
     return recv(fd, buffer, size, MSG_WAITALL) == static_cast<ssize_t>(size);
-}
-
-bool write_all(int fd, const std::string &bytes)
-{
-    return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
 }
 
 } // namespace
@@ -111,7 +105,8 @@ bool scripted_daemon::act(int connection, const step &s)
     case step::kind::none:
         return true;
     case step::kind::send_bytes:
-        return write_all(connection, s.bytes);
+        return send(connection, s.bytes.data(), s.bytes.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(s.bytes.size());
     case step::kind::wait: {
         std::unique_lock<std::mutex> lock(mutex_);
         return !changed_.wait_for(lock, s.duration, [this] { return stopping_; });
