@@ -73,9 +73,6 @@ TEST(ZrcfgUsage, ExitStatusForUsageAndUnreachableDaemon)
     for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
              {}, {"bogus"}, {"get"}, {"set", "system.hostname"}, {"--nope", "get", "x"}})
         EXPECT_EQ(zrcfg(dir, args).status, 2) << (args.empty() ? "" : args[0]);
-    run_result help = zrcfg(dir, {"search", "--help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out.rfind("usage: zrcfg search", 0), 0u);
 }
 
 TEST_F(Zrcfg, ExportThenApplyChangesNothingAndAChangedDocumentCommits)
