@@ -26,7 +26,6 @@ struct catalogue_case {
 const catalogue_case catalogue_cases[] = {
     {0, 3, 1, "file line", "file-0 41", "Unexpected internal error (File file-0, Line 41)",
      ADD(unexpected, "file-0", 41)},
-    {1, 3, 1, "", "", "Locking failed with unknown error", ADD(unknown_lock)},
     {8, 2, 1, "max uuid", "1.500000 uuid-1", "Number exceeds the maximum allowed value of 1.500000",
      ADD(float_above_max, 1.5, "uuid-1")},
     {49, 2, 1, "param value error line column position", "param-0 value-1 error-2 43 44 45", "Invalid json 'value-1' for parameter 'param-0'",

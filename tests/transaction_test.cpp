@@ -41,11 +41,9 @@ TEST(Transaction, SavedWorkReopensWithItsFlags)
         EXPECT_EQ(cfg_transaction_save(ctx.get()), 1);
         umask(old_mask);
     }
-    struct stat info;
-    ASSERT_EQ(stat(dir.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0755u);
-    ASSERT_EQ(stat(file_of(dir, id.c_str()).c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    namespace fs = std::filesystem;
+    EXPECT_EQ(fs::status(dir).permissions(), fs::perms(0755));
+    EXPECT_EQ(fs::status(file_of(dir, id.c_str())).permissions(), fs::perms(0600));
     std::string text = read_file(file_of(dir, id.c_str()));
     EXPECT_EQ(text.rfind(R"({"deleted": [], "added": [{)", 0), 0u);
 
