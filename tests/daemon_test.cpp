@@ -242,21 +242,18 @@ TEST_F(Daemon, BadFramesAreAnsweredWithoutHarm)
     daemon_process d({"--max-frame", "1024"});
     int fd = d.connect_raw();
     ASSERT_GE(fd, 0);
-    struct {
-        std::string payload;
-        int code;
-    } kept_open[] = {
+    const std::pair<std::string, int> kept_open[] = {
         {"{not json", 39},
         {"[1, 2]", 39},
         {R"({"method": "reboot", "id": 1})", 47},
         {R"({"method": "get_data_by_path", "id": 2})", 40},
         {R"({"id": 3})", 40},
     };
-    for (const auto &row : kept_open) {
-        json_handle answer = send_raw(fd, frame(row.payload));
-        ASSERT_NE(answer, nullptr) << row.payload;
+    for (const auto &[payload, code] : kept_open) {
+        json_handle answer = send_raw(fd, frame(payload));
+        ASSERT_NE(answer, nullptr) << payload;
         EXPECT_FALSE(json_is_true(json_object_get(answer.get(), "result")));
-        EXPECT_EQ(first_code(answer.get()), row.code) << row.payload;
+        EXPECT_EQ(first_code(answer.get()), code) << payload;
     }
     json_handle hello = send_raw(fd, frame(R"({"method": "hello", "id": 4, "data": {}})"));
     EXPECT_TRUE(json_is_true(json_object_get(hello.get(), "result")));

@@ -6,7 +6,6 @@
 
 #include <fstream>
 #include <sys/stat.h>
-#include <utime.h>
 
 using namespace zrtest;
 
@@ -68,9 +67,9 @@ TEST(Transaction, StaleFilesAreDeletedOnOpen)
         use_dir(ctx.get(), tmp.path());
         std::string id = cfg_transaction_start(ctx.get());
         ASSERT_EQ(cfg_transaction_save(ctx.get()), 1);
-        struct utimbuf times;
-        times.actime = times.modtime = time(nullptr) - seconds;
-        ASSERT_EQ(utime(file_of(tmp.path(), id.c_str()).c_str(), &times), 0);
+        std::filesystem::last_write_time(file_of(tmp.path(), id.c_str()),
+                                         std::filesystem::file_time_type::clock::now() -
+                                             std::chrono::seconds(seconds));
         context_handle next;
         use_dir(next.get(), tmp.path());
         bool fresh = seconds == 899;

@@ -79,8 +79,7 @@ TEST(WireFrame, InvalidJsonIsLoggedWithTheParserText)
     EXPECT_EQ(logs.lines[0].message, "JSON Parsing error: " + std::string(expected.text) +
                                          ", line: 2.");
     // The frame was read whole: the next one follows.
-    json_handle next(cfg_receive(ctx.socket));
-    EXPECT_EQ(dump(next.get()), "[1,2]");
+    EXPECT_EQ(dump(json_handle(cfg_receive(ctx.socket)).get()), "[1,2]");
 }
 
 // The microseconds are the millisecond remainder divided by ten; the kernel
