@@ -46,7 +46,7 @@ cfg_element *list_member(cfg *context, cfg_element *list, size_t position);
 // What validation last found of an element: that it, and everything below
 // it, validated against the schema element and with the value the
 // fingerprint sums up, under the memo epoch, with at most these flags. An
-// epoch of zero means nothing is known.
+// epoch of zero means nothing is known. When a memo holds: memo.h.
 struct validation_memo {
     uint64_t epoch = 0;
     uint64_t fingerprint = 0;
