@@ -140,7 +140,7 @@ extern "C" cfg_element *cfg_root(cfg *context)
 {
     if (context == nullptr)
         return nullptr;
-    return cfg_get_by_id(context, "root-1");
+    return cfg_get_by_id(context, zr::root_uuid);
 }
 
 extern "C" json_t *strings_to_list(char **strings)

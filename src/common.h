@@ -6,6 +6,9 @@
 
 namespace zr {
 
+// The id of every configuration tree's root element.
+constexpr const char *root_uuid = "root-1";
+
 // The id the daemon gave to id on a push, or id itself when it was not
 // renamed (or the context has no connection).
 const char *mapped_id(cfg *ctx, const char *id);

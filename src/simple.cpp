@@ -3,6 +3,7 @@
 // the text dump.
 #define ZR_SOURCE "src/simple"
 #include "internal.h"
+#include "common.h"
 #include "data.h"
 
 #include <cerrno>
@@ -396,7 +397,7 @@ extern "C" cfg_element **cfg_get_path_elements(cfg *context, cfg_element *elemen
         if (link == nullptr)
             break;
         cfg_element *ancestor = cfg_get_by_id(context, link->uuid);
-        if (ancestor == nullptr || (!to_top && strcmp(ancestor->uuid, "root-1") == 0))
+        if (ancestor == nullptr || (!to_top && strcmp(ancestor->uuid, zr::root_uuid) == 0))
             break;
         for (cfg_element *seen : chain)
             if (seen == ancestor)
