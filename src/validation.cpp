@@ -1144,7 +1144,7 @@ class static_paths {
         if (parent == nullptr)
             return nullptr;
         last_parent_ = parent;
-        return strcmp(parent->uuid, "root-1") != 0 ? parent : nullptr;
+        return strcmp(parent->uuid, zr::root_uuid) != 0 ? parent : nullptr;
     }
 
     // The kept path of element, climbing to the first element kept already.

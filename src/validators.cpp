@@ -55,7 +55,7 @@ std::string absent_key(cfg *context, cfg_element *map, const char *path)
 {
     if (path[0] != '.')
         return path;
-    if (strcmp(map->uuid, "root-1") == 0)
+    if (strcmp(map->uuid, zr::root_uuid) == 0)
         return path + 1; // static paths leave the root out
     std::string map_path;
     if (!trig::static_path(context, map, map_path))
