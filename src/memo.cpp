@@ -1,5 +1,6 @@
 // Validation memory: the epoch and fingerprints that memos are checked
-// against, and the run that writes them (see memo.h).
+// against, the run that writes them, and the note of the walk running now
+// (see memo.h).
 #define ZR_SOURCE "src/memo"
 #include "internal.h"
 #include "data.h"
@@ -114,6 +115,20 @@ bool mostly_untracked(cfg_element *list, size_t untracked)
 }
 
 } // namespace
+
+zr::walk_note *&zr::installed_walk_note()
+{
+    static thread_local walk_note *installed = nullptr;
+    return installed;
+}
+
+const std::vector<cfg_element *> *zr::members_walked_again(const cfg_element *list)
+{
+    const walk_note *note = installed_walk_note();
+    if (note == nullptr || note->list != list || !note->some)
+        return nullptr;
+    return &note->again;
+}
 
 zr::memo_run::memo_run(cfg *context, bool passes_over_clean)
     : epoch_(memo_epoch(context)), passes_over_clean_(passes_over_clean)

@@ -82,6 +82,22 @@ class memo_run {
     std::vector<std::pair<cfg_element *, cfg_schema_element *>> validated_;
 };
 
+// What a validation walk knows of the list it walked last: whether it looked
+// again at some members only, knowing the others unchanged, and which.
+// The walk running on a thread installs its note for the validators it
+// calls (installed_walk_note); walks nest, the innermost one's note holds.
+struct walk_note {
+    const cfg_element *list = nullptr;
+    bool some = false;
+    std::vector<cfg_element *> again;
+};
+walk_note *&installed_walk_note();
+
+// The members of list that the walk running now looked at again the last
+// time it walked list; nullptr when it looked at every member, or knows no
+// walk over list.
+const std::vector<cfg_element *> *members_walked_again(const cfg_element *list);
+
 } // namespace zr
 
 #endif // ZRCONFIG_MEMO_H

@@ -138,11 +138,17 @@ class map_members {
 class walk_marks {
   public:
     explicit walk_marks(validation_context *vctx)
-        : vctx_(vctx), serial_(next_serial++), outer_(active)
+        : vctx_(vctx), serial_(next_serial++), outer_(active),
+          outer_note_(zr::installed_walk_note())
     {
         active = this;
+        zr::installed_walk_note() = &walked;
     }
-    ~walk_marks() { active = outer_; }
+    ~walk_marks()
+    {
+        active = outer_;
+        zr::installed_walk_note() = outer_note_;
+    }
     walk_marks(const walk_marks &) = delete;
     walk_marks &operator=(const walk_marks &) = delete;
 
@@ -195,13 +201,7 @@ class walk_marks {
 
     memo_run *memo = nullptr; // the run's memos, when it keeps any
     map_members members;
-    // The list walked last, and the members it looked at again when it did
-    // not look at all of them.
-    const cfg_element *walked_list = nullptr;
-    bool walked_some = false;
-    std::vector<cfg_element *> walked_again;
-
-    static walk_marks *current() { return active; }
+    zr::walk_note walked; // the list walked last, for the validators
 
   private:
     // A mark is the serial, then four bits: the state (two), in the work
@@ -228,6 +228,7 @@ class walk_marks {
     validation_context *vctx_;
     uint64_t serial_;
     walk_marks *outer_;
+    zr::walk_note *outer_note_;
     std::vector<cfg_element *> order_;
     size_t unhandled_count_ = 0;
     size_t checked_ = 0; // order_ before it holds no unhandled element
@@ -279,14 +280,6 @@ extern "C" void set_handled(validation_context *vctx, cfg_element *element)
         HASH_DEL(vctx->unhandled, entry);
         free(entry);
     }
-}
-
-const std::vector<cfg_element *> *zr::members_walked_again(const cfg_element *list)
-{
-    walk_marks *marks = walk_marks::current();
-    if (marks == nullptr || marks->walked_list != list || !marks->walked_some)
-        return nullptr;
-    return &marks->walked_again;
 }
 
 extern "C" void free_context(validation_context *vctx)
@@ -754,9 +747,7 @@ int validate_items_marked(validation_context *vctx, cfg *context, cfg_element *l
     }
     if (memo != nullptr)
         memo->walked_list(list, serial, shape, consumed, std::move(untracked));
-    marks.walked_list = list;
-    marks.walked_some = some;
-    marks.walked_again = std::move(again);
+    marks.walked = {list, some, std::move(again)};
     return 1;
 }
 

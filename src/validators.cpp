@@ -9,8 +9,8 @@
 // Conditional evaluation
 // ------------------------------------------------------------------------
 
+#include "memo.h"
 #include "triggers.h"
-#include "walk.h"
 
 #include <cstring>
 #include <string>

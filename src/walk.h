@@ -90,11 +90,6 @@ class schema_walk {
     std::vector<frame> frames_;
 };
 
-// The members of list that the validation walk running now looked at again
-// the last time it walked list, knowing the others unchanged; nullptr when
-// it looked at every member, or knows no walk over list.
-const std::vector<cfg_element *> *members_walked_again(const cfg_element *list);
-
 } // namespace zr
 
 #endif // ZRCONFIG_WALK_H
