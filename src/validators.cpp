@@ -709,8 +709,9 @@ bool known_unique(cfg *context, cfg_element *list, const char *path)
 
 // Starts the tally of list and path afresh from every member's text (uuids
 // and texts side by side; a member without text has none). Members listed
-// twice cannot be tallied by member: the tally is dropped then.
-void restart_tally(cfg_element *list, const char *path, const std::vector<std::string> &uuids,
+// twice cannot be tallied by member: the tally is dropped then. True when
+// the new tally shows every text given once.
+bool restart_tally(cfg_element *list, const char *path, const std::vector<std::string> &uuids,
                    const std::vector<std::optional<std::string>> &texts)
 {
     uniqueness_note &note = uniqueness_note_of(list);
@@ -719,11 +720,13 @@ void restart_tally(cfg_element *list, const char *path, const std::vector<std::s
     std::unordered_set<std::string_view> seen;
     for (size_t i = 0; i < uuids.size(); i++) {
         if (!seen.insert(uuids[i]).second)
-            return;
+            return false;
         tally.take(uuids[i], texts[i]);
     }
     tally.synced(zr::member_changes_of(list).commits);
+    bool unique = !tally.has_duplicates();
     note.by_path.emplace(path, std::move(tally));
+    return unique;
 }
 
 } // namespace
@@ -754,16 +757,19 @@ extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **p
         if (local)
             cfg_list_size(element, &remembered);
         std::vector<std::optional<std::string>> given;
-        std::vector<std::string> texts;
         for (size_t i = 0; i < uuids.size(); i++) {
             cfg_element *item = i < remembered ? zr::list_member(context, element, i)
                                                : cfg_get_by_id(context, uuids[i].c_str());
             given.push_back(item_text(context, item, params[0]));
-            if (given.back())
-                texts.push_back(*given.back());
         }
-        if (local)
-            restart_tally(element, params[0], uuids, given);
+        // A tally that shows no text twice answers; otherwise the texts are
+        // sorted for the first duplicate, which the message names.
+        if (local && restart_tally(element, params[0], uuids, given))
+            return 1;
+        std::vector<std::string> texts;
+        for (std::optional<std::string> &text : given)
+            if (text)
+                texts.push_back(std::move(*text));
         return custom::report_first_duplicate(context, element, params[0], texts,
                                               custom::whole_text);
     });
