@@ -47,18 +47,43 @@ bool result_is_true(json_t *response)
 
 using zr::mapped_id;
 
+// The id an answer's item names, cut to the field as loading cuts it; empty
+// when it names none.
+std::string item_id(json_t *item)
+{
+    const char *id = json_string_value(json_object_get(item, "id"));
+    return id != nullptr ? std::string(id, strnlen(id, CFG_UUID_SIZE - 1)) : std::string();
+}
+
+// Which items of an answer may stand in for a held element.
+enum class held_items { replace, keep };
+
 // Loads every element object of an answer's "data" array into the context;
 // an item that fails to load does not stop the others. Each item is released
 // once loaded, so a large answer and the tree made from it never both stand
-// at full size.
-void load_answer(cfg *ctx, json_t *data)
+// at full size. Answers to the lookup hooks, which ask only for ids not held,
+// keep what is held: an item naming a held element is a protocol fault, and
+// loading it would free a record that the lookup's caller (a validation
+// walk, say) may still hold.
+void load_answer(cfg *ctx, json_t *data, held_items held = held_items::replace)
 {
+    std::unordered_set<std::string> loaded; // by this answer, when held ones are kept
     size_t count = json_array_size(data);
     for (size_t i = 0; i < count; i++) {
         json_t *item = json_array_get(data, i);
         if (item == nullptr) {
             cfg_message_add_protocol(ctx);
             continue;
+        }
+        if (held == held_items::keep) {
+            std::string id = item_id(item);
+            if (!id.empty() && cfg_find_by_id(ctx, id.c_str()) != nullptr) {
+                // A second copy of an id asked for twice is no fault.
+                if (loaded.count(id) == 0)
+                    cfg_message_add_protocol(ctx);
+                continue;
+            }
+            loaded.insert(std::move(id));
         }
         json_to_elem(ctx, item);
         json_array_set_new(data, i, json_null());
@@ -143,7 +168,7 @@ extern "C" cfg_element *client_cfg_get_by_id(cfg *ctx, const char *id)
     if (response == nullptr || json_object_get(response.get(), "result") == nullptr)
         cfg_message_add_protocol(ctx);
     else if (result_is_true(response.get()))
-        load_answer(ctx, json_object_get(response.get(), "data"));
+        load_answer(ctx, json_object_get(response.get(), "data"), held_items::keep);
     return cfg_find_by_id(ctx, id);
 }
 
@@ -173,7 +198,7 @@ extern "C" cfg_element **client_cfg_get_by_ids(cfg *ctx, char **ids, int count)
     if (response == nullptr || !result_is_true(response.get()))
         cfg_message_add_protocol(ctx);
     else
-        load_answer(ctx, json_object_get(response.get(), "data"));
+        load_answer(ctx, json_object_get(response.get(), "data"), held_items::keep);
     for (int i = 0; i < count; i++)
         found[i] = cfg_find_by_id(ctx, ids[i]);
     return found;
@@ -391,6 +416,8 @@ extern "C" int cfg_pull(cfg *ctx, int force)
         if (!pull_element(ctx, &old_set, local, force))
             result = 0;
     with_index(ctx, &old_set, [&] { cfg_reset(ctx); });
+    // The local copy is now the daemon's, below kept local elements too.
+    zr::forget_all_validation();
     if (result != 1 && ctx->conflicts_count == 0)
         cfg_message_add_unknown_pull(ctx);
     return result;
@@ -425,6 +452,7 @@ void record_renames(cfg_client *client, json_t *uuids)
             free(entry);
     }
     zr::index_changed();
+    zr::forget_all_validation(); // members may resolve to other records now
 }
 
 // Frees the deleted elements and clears the change flags of the others.
@@ -699,5 +727,6 @@ extern "C" int client_cfg_free_context_data(cfg *ctx)
     }
     client->uuid_map = nullptr;
     zr::index_changed();
+    zr::forget_all_validation(); // members may resolve to other records now
     return 1;
 }

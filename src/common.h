@@ -15,16 +15,17 @@ const char *mapped_id(cfg *ctx, const char *id);
 
 // True when the context looks elements up with one of the library's own
 // hooks, which answer a held uuid with the indexed element and nothing else.
+// Records then stay put while a walk runs: the client's hook fetches only
+// ids not held, and loads no item of the answer over a held record.
 bool looks_up_locally(const cfg *context);
-
-// True when every lookup of the context answers from its own index and
-// loads nothing (the client's hook may fetch): records then stay put while
-// a walk runs.
-bool lookups_are_local(const cfg *context);
 
 // The element the context's hook answers uuid with from the local index;
 // null when there is none or the hook is not one of the library's own.
 cfg_element *local_answer(cfg *context, const char *uuid);
+
+// local_answer for count ids at once, into out; the cache misses of the
+// lookups overlap, so a batch costs little more than one lookup.
+void local_answers(cfg *context, const char *const *uuids, size_t count, cfg_element **out);
 
 } // namespace zr
 

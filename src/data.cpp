@@ -1168,9 +1168,11 @@ bool zr::changed_members(cfg *context, cfg_element *list, uint64_t epoch,
         return false;
     touched_count = changes.touched.size();
     std::vector<std::pair<std::pair<int, unsigned>, cfg_element *>> found;
+    // Only what is held counts: a member gone from the index makes the list
+    // be walked whole, and nothing is fetched for bookkeeping.
     for (const std::vector<std::string> *uuids : {&changes.touched, &changes.untracked})
         for (const std::string &uuid : *uuids) {
-            cfg_element *element = cfg_get_by_id(context, uuid.c_str());
+            cfg_element *element = zr::local_answer(context, uuid.c_str());
             std::pair<int, unsigned> at;
             if (element == nullptr || !position_in(list, element, at))
                 return false;
@@ -1188,6 +1190,41 @@ void zr::index_changed()
 {
     index_removals.fetch_add(1, std::memory_order_relaxed);
 }
+
+namespace {
+
+// Whether position is the first, or follows one just answered: the list is
+// being walked in order, and the members after it are worth finding now.
+bool walked_in_order(cfg *context, link_index &members, size_t position, uint64_t stamp)
+{
+    if (position == 0)
+        return true;
+    const resolved_member &before = members.slot(context, position - 1);
+    return before.element != nullptr && before.stamp == stamp;
+}
+
+// Finds the members from position on, a batch at once, in the local index
+// and keeps what it finds; a member it does not hold is left to the hook.
+// No hook runs, so nothing leaves an index meanwhile (invariant 7).
+void resolve_ahead(cfg *context, cfg_element *list, link_index &members, size_t position,
+                   uint64_t stamp)
+{
+    constexpr size_t ahead = 16;
+    const char *uuids[ahead];
+    cfg_element *found[ahead];
+    size_t count = 0;
+    for (cfg_link *node; count < ahead &&
+                         (node = indexed_node(list->value.list.members, members,
+                                              position + count)) != nullptr;
+         count++)
+        uuids[count] = record_of(node)->uuid;
+    zr::local_answers(context, uuids, count, found);
+    for (size_t i = 0; i < count; i++)
+        if (found[i] != nullptr)
+            members.slot(context, position + i) = {found[i], stamp};
+}
+
+} // namespace
 
 // The hook's answer is kept beside the list, so walking a list by position
 // costs no lookup until an element leaves an index. Keeps invariants 6 and 7:
@@ -1207,6 +1244,12 @@ cfg_element *zr::list_member(cfg *context, cfg_element *list, size_t position)
     const resolved_member &held = members.slot(context, position);
     if (held.element != nullptr && held.stamp == stamp)
         return held.element;
+    if (walked_in_order(context, members, position, stamp)) {
+        resolve_ahead(context, list, members, position, stamp);
+        const resolved_member &ahead = members.slot(context, position);
+        if (ahead.element != nullptr && ahead.stamp == stamp)
+            return ahead.element;
+    }
     cfg_element *element = cfg_get_by_id(context, record_of(node)->uuid);
     if (element != nullptr && current(index_removals) == stamp &&
         indexed_node(list->value.list.members, members, position) == node)

@@ -67,8 +67,8 @@ bool add_entry(cfg_index_entry *&map, cfg_element *element)
 // The members of the maps a walk is in, as the first pass over each map
 // (adding them as unaccounted for) resolved them, so that checking its keys
 // next, and its conditionals, asks the index no second time. For contexts
-// whose lookups are local, where no member moves while the walk runs; a
-// member added since is looked up as before.
+// that look up through the library's own hooks, where no held member moves
+// while the walk runs; a member added since is looked up as before.
 class map_members {
   public:
     struct member {
@@ -88,15 +88,19 @@ class map_members {
         depth_++;
         made.map = map;
         made.members.clear();
-        size_t i = 0;
-        for (cfg_link *n = map->value.map.members; n != nullptr; n = n->next, i++) {
-            const char *uuid = static_cast<cfg_parent_link *>(n->data)->uuid;
-            cfg_element *element = outer != nullptr && i < outer->members.size() &&
-                                           outer->members[i].uuid == uuid
-                                       ? outer->members[i].element
-                                       : cfg_get_by_id(context, uuid);
-            made.members.push_back({uuid, element});
-        }
+        for (cfg_link *n = map->value.map.members; n != nullptr; n = n->next)
+            made.members.push_back({static_cast<cfg_parent_link *>(n->data)->uuid, nullptr});
+        if (outer != nullptr && lend(*outer, made))
+            return made.members;
+        uuids_.clear();
+        for (const member &m : made.members)
+            uuids_.push_back(m.uuid);
+        answers_.resize(uuids_.size());
+        zr::local_answers(context, uuids_.data(), uuids_.size(), answers_.data());
+        for (size_t i = 0; i < made.members.size(); i++)
+            made.members[i].element = answers_[i] != nullptr
+                                          ? answers_[i]
+                                          : cfg_get_by_id(context, made.members[i].uuid);
         return made.members;
     }
     void leave() { depth_--; }
@@ -123,13 +127,28 @@ class map_members {
         const cfg_element *map = nullptr;
         std::vector<member> members;
     };
+    // Copies what outer resolved into made when both hold the same links.
+    static bool lend(const frame &outer, frame &made)
+    {
+        if (outer.members.size() != made.members.size())
+            return false;
+        for (size_t i = 0; i < made.members.size(); i++)
+            if (outer.members[i].uuid != made.members[i].uuid)
+                return false;
+        made.members = outer.members;
+        return true;
+    }
+
     std::vector<frame> frames_; // kept, with their room, as the walk goes up and down
     size_t depth_ = 0;
+    std::vector<const char *> uuids_; // room for one batch of lookups
+    std::vector<cfg_element *> answers_;
 };
 
-// The bookkeeping of a walk the library runs itself over a context whose
-// lookups answer from the local index. There, one uuid names one record for
-// the whole walk (nothing is fetched, replaced or freed while it runs), so
+// The bookkeeping of a walk the library runs itself over a context that
+// looks up through the library's own hooks. There, one uuid names one
+// record for the whole walk (a fetch adds records, but replaces or frees
+// none that is held; see zr::looks_up_locally), so
 // the two uuid maps of the validation context can be kept as a mark beside
 // each record instead: the walk's serial and the element's state. The maps
 // stay empty meanwhile; the elements left unaccounted for are found, in the
@@ -780,7 +799,7 @@ int validate_list_in(validation_context *vctx, cfg *context, cfg_element *list,
     if (walk_marks *marks = walk_marks::of(vctx))
         return validate_items_marked(vctx, context, list, item_schema, part.element_type, walk,
                                      *marks);
-    if (zr::lookups_are_local(context)) {
+    if (zr::looks_up_locally(context)) {
         // The list remembers what its members resolved to.
         unsigned int count = 0;
         cfg_list_size(list, &count);
@@ -901,7 +920,7 @@ extern "C" int cfg_validate_subtree(cfg *context, cfg_element *element)
     if (vctx == nullptr)
         return 0;
     std::optional<walk_marks> marks;
-    if (zr::lookups_are_local(context))
+    if (zr::looks_up_locally(context))
         marks.emplace(vctx.get());
     cfg_schema_element *schema = cfg_get_schema_by_id(context, element->schema);
     return schema != nullptr ? cfg_validate_node(vctx.get(), context, element, schema) : 0;
@@ -930,7 +949,7 @@ extern "C" int cfg_validate_data(cfg *context)
         return 0;
     std::optional<walk_marks> marks;
     std::optional<memo_run> memo;
-    if (zr::lookups_are_local(context)) {
+    if (zr::looks_up_locally(context)) {
         marks.emplace(vctx.get());
         marks->memo = &memo.emplace(context, false);
     }
@@ -1324,12 +1343,13 @@ extern "C" int cfg_validate_changed_data(cfg *context)
     if (vctx == nullptr)
         return 0;
     std::optional<walk_marks> marks;
-    if (zr::lookups_are_local(context))
+    if (zr::looks_up_locally(context))
         marks.emplace(vctx.get());
     vctx->shallow = 1;
     work_set work(marks ? &*marks : nullptr);
     if (marks) {
-        // Local lookups load nothing, so the flagged records stay put.
+        // The library's own hooks leave held records where they are, so the
+        // flagged records stay put.
         static_paths paths(context);
         for (cfg_index_entry *entry : flagged_entries(context))
             if (!examine_flagged(context, entry->element, work, &paths))

@@ -743,7 +743,7 @@ extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **p
         !custom::is_type(element, CFG_TYPE_LIST))
         return 0;
     return custom::guarded([&] {
-        const bool local = zr::lookups_are_local(context);
+        const bool local = zr::looks_up_locally(context);
         if (local && known_unique(context, element, params[0]))
             return 1;
         std::vector<std::string> uuids = custom::member_uuids(element);

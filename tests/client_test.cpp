@@ -153,6 +153,31 @@ TEST(ClientFetch, LookupsFetchWhatIsMissingOnceAndMapNothingElse)
     EXPECT_EQ(cfg_message_count(s.ctx), 0);
 }
 
+// A lookup asks only for what is not held. An answer that also carries a
+// held element must not replace it: a validation walk holds the root map
+// while it fetches the map's member.
+TEST(ClientFetch, AnswerToALookupLeavesHeldElementsInPlace)
+{
+    const std::string stray_root = R"({"type": 8, "id": "root-1", "schema": "r", "value": {}})";
+    scripted_daemon daemon({found(element_text("s1", "one", 1) + ", " + stray_root)});
+    hooked_context c(daemon);
+    json_handle schema = parse_json(small_schema);
+    cfg_apply_schema(c.get(), json_object_get(schema.get(), "nodes"), nullptr,
+                     json_object_get(schema.get(), "root"));
+    json_handle root = parse_json(
+        R"({"type": 8, "id": "root-1", "schema": "r", "generation": 1, "value": {"host": "s1"}})");
+    cfg_element *held = json_to_elem(c.get(), root.get());
+    ASSERT_NE(held, nullptr);
+
+    EXPECT_EQ(cfg_validate_data(c.get()), 1);
+    EXPECT_EQ(cfg_find_by_id(c.get(), "root-1"), held);
+    EXPECT_STREQ(cfg_get_mapelem(held, "host"), "s1");
+    EXPECT_EQ(string_of(cfg_find_by_id(c.get(), "s1")), "one");
+    ASSERT_EQ(cfg_message_count(c.get()), 1);
+    EXPECT_EQ(cfg_get_message_code(cfg_get_message_object(c.get(), 0)), 4)
+        << "the stray copy is a protocol fault";
+}
+
 TEST(ClientFetch, BadAnswersFailWithoutLosingLocalWork)
 {
     // {answer (null: the daemon closes instead), messages left}
