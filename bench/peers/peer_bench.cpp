@@ -24,7 +24,9 @@
 #include <malloc.h>
 #include <sstream>
 #include <string>
+#include <sys/wait.h>
 #include <syslog.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -245,7 +247,10 @@ struct ours {
 
     ours()
     {
-        ctx->get_by_id = cfg_find_by_id;
+        // The client's hooks, as a connected program's context has them;
+        // every element is held, so nothing is fetched.
+        ctx->get_by_id = client_cfg_get_by_id;
+        ctx->get_by_ids = client_cfg_get_by_ids;
         json_t *doc = json_loads(schema_document, 0, nullptr);
         cfg_apply_schema(ctx, json_object_get(doc, "nodes"), json_object_get(doc, "types"),
                          json_object_get(doc, "root"));
@@ -259,17 +264,20 @@ struct ours {
     ours(const ours &) = delete;
     ours &operator=(const ours &) = delete;
 
-    // json_loads of the answer and json_to_elem of each element; the times
-    // of both steps.
+    // json_loads of the answer and json_to_elem of each element, releasing
+    // each element's JSON once loaded as the client does with an answer;
+    // the times of both steps.
     void load(const std::string &answer, double &parse_ms, double &decode_ms)
     {
         auto start = clock_type::now();
         json_t *doc = json_loads(answer.c_str(), 0, nullptr);
         parse_ms = ms_since(start);
         start = clock_type::now();
-        size_t i;
-        json_t *item;
-        json_array_foreach(json_object_get(doc, "data"), i, item) json_to_elem(ctx, item);
+        json_t *data = json_object_get(doc, "data");
+        for (size_t i = 0; i < json_array_size(data); i++) {
+            json_to_elem(ctx, json_array_get(data, i));
+            json_array_set_new(data, i, json_null());
+        }
         decode_ms = ms_since(start);
         json_decref(doc);
     }
@@ -466,76 +474,133 @@ void print_rows(unsigned n, const std::vector<row> &rows)
                r.theirs > 0 ? r.ours / r.theirs : 0.0);
 }
 
+// What one side measured; each side runs in a child process of its own, so
+// that neither finds the heap as the other left it.
+struct ours_measured {
+    double parse = 0, decode = 0, full = 0, mode_after_full = 0, rename = 0, mode_clean = 0,
+           heap = 0, flag_walk = 0;
+    heap_split split;
+    size_t heap_bytes = 0;
+    bool ok = false;
+};
+struct theirs_measured {
+    double parse = 0, full = 0, mode = 0, rename = 0, parse_validate = 0, heap = 0;
+    bool ok = false;
+};
+
+// Runs measure in a child process and returns what it wrote back; a child
+// that fails leaves the value as made.
+template <typename T, typename Measure> T in_child(Measure measure)
+{
+    T result{};
+    int pipe_fds[2];
+    if (pipe(pipe_fds) != 0)
+        return result;
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(pipe_fds[0]);
+        T measured = measure();
+        ssize_t written = write(pipe_fds[1], &measured, sizeof measured);
+        _exit(written == static_cast<ssize_t>(sizeof measured) ? 0 : 1);
+    }
+    close(pipe_fds[1]);
+    if (pid > 0) {
+        if (read(pipe_fds[0], &result, sizeof result) != static_cast<ssize_t>(sizeof result))
+            result = T{};
+        waitpid(pid, nullptr, 0);
+    }
+    close(pipe_fds[0]);
+    return result;
+}
+
+ours_measured measure_ours(unsigned n, const std::string &answer, unsigned edited,
+                           unsigned renamed)
+{
+    ours_measured m;
+    size_t heap_before = heap_in_use();
+    ours o;
+    o.load(answer, m.parse, m.decode);
+    auto start = clock_type::now();
+    m.ok = cfg_validate_data(o.ctx);
+    m.full = ms_since(start);
+    m.heap_bytes = heap_in_use() - heap_before;
+    m.heap = static_cast<double>(m.heap_bytes) / n;
+    m.split = split_heap(o.ctx);
+    start = clock_type::now();
+    m.ok = o.edit_mode(edited) && cfg_validate_changed_data(o.ctx) && m.ok;
+    m.mode_after_full = ms_since(start);
+    o.clear_flags();
+    start = clock_type::now();
+    m.ok = o.rename(renamed) && cfg_validate_changed_data(o.ctx) && m.ok;
+    m.rename = ms_since(start);
+    o.clear_flags();
+    start = clock_type::now();
+    m.ok = o.edit_mode(edited + 2) && cfg_validate_changed_data(o.ctx) && m.ok;
+    m.mode_clean = ms_since(start);
+    m.flag_walk = o.flag_walk_ms();
+    return m;
+}
+
+theirs_measured measure_theirs(unsigned n, const std::string &yang, unsigned edited,
+                               unsigned renamed)
+{
+    theirs_measured m;
+    size_t heap_before = heap_in_use();
+    theirs t;
+    auto start = clock_type::now();
+    m.ok = t.parse(yang, false);
+    m.parse = ms_since(start);
+    start = clock_type::now();
+    m.ok = t.validate() && m.ok;
+    m.full = ms_since(start);
+    m.heap = static_cast<double>(heap_in_use() - heap_before) / n;
+    start = clock_type::now();
+    m.ok = t.edit_mode(edited) && t.validate() && m.ok;
+    m.mode = ms_since(start);
+    start = clock_type::now();
+    m.ok = t.rename(renamed) && t.validate() && m.ok;
+    m.rename = ms_since(start);
+    theirs t2;
+    start = clock_type::now();
+    m.ok = t2.parse(yang, true) && m.ok;
+    m.parse_validate = ms_since(start);
+    return m;
+}
+
 void run(unsigned n)
 {
     std::vector<entry> entries = make_entries(n, fault::none);
-    std::string answer = daemon_answer(entries), yang = yang_json(entries);
-    std::vector<row> rows;
-    unsigned edited = n / 2 + 1, renamed = n / 3;
+    const std::string answer = daemon_answer(entries), yang = yang_json(entries);
+    const unsigned edited = n / 2 + 1, renamed = n / 3;
+    const ours_measured o = in_child<ours_measured>(
+        [&] { return measure_ours(n, answer, edited, renamed); });
+    const theirs_measured t = in_child<theirs_measured>(
+        [&] { return measure_theirs(n, yang, edited, renamed); });
 
-    size_t heap_before = heap_in_use();
-    ours o;
-    double parse_ms = 0, decode_ms = 0;
-    o.load(answer, parse_ms, decode_ms);
-    auto start = clock_type::now();
-    bool ok = cfg_validate_data(o.ctx);
-    double our_full = ms_since(start);
-    size_t our_heap_bytes = heap_in_use() - heap_before;
-    double our_heap = static_cast<double>(our_heap_bytes) / n;
-    heap_split split = split_heap(o.ctx);
-    start = clock_type::now();
-    ok = o.edit_mode(edited) && cfg_validate_changed_data(o.ctx) && ok;
-    double our_mode_after_full = ms_since(start);
-    o.clear_flags();
-    start = clock_type::now();
-    ok = o.rename(renamed) && cfg_validate_changed_data(o.ctx) && ok;
-    double our_rename_clean = ms_since(start);
-    o.clear_flags();
-    start = clock_type::now();
-    ok = o.edit_mode(edited + 2) && cfg_validate_changed_data(o.ctx) && ok;
-    double our_mode_clean = ms_since(start);
-    double flag_walk = o.flag_walk_ms();
-
-    heap_before = heap_in_use();
-    theirs t;
-    start = clock_type::now();
-    bool their_ok = t.parse(yang, false);
-    double their_parse = ms_since(start);
-    start = clock_type::now();
-    their_ok = t.validate() && their_ok;
-    double their_full = ms_since(start);
-    double their_heap = static_cast<double>(heap_in_use() - heap_before) / n;
-    start = clock_type::now();
-    their_ok = t.edit_mode(edited) && t.validate() && their_ok;
-    double their_mode = ms_since(start);
-    start = clock_type::now();
-    their_ok = t.rename(renamed) && t.validate() && their_ok;
-    double their_rename = ms_since(start);
-    theirs t2;
-    start = clock_type::now();
-    their_ok = t2.parse(yang, true) && their_ok;
-    double their_parse_validate = ms_since(start);
-
-    rows.push_back({"load, ms (ours: json_loads + json_to_elem)", parse_ms + decode_ms, their_parse});
-    rows.push_back({"  of which json_loads / json_to_elem, ms", parse_ms, decode_ms});
-    rows.push_back({"full validation, ms", our_full, their_full});
-    rows.push_back({"full validation vs parse + validate, ms", our_full, their_parse_validate});
-    rows.push_back({"mode edit + revalidate, flags clean, ms", our_mode_clean, their_mode});
-    rows.push_back({"mode edit + revalidate, after full, ms", our_mode_after_full, their_mode});
-    rows.push_back({"rename + revalidate, ms", our_rename_clean, their_rename});
-    rows.push_back({"heap after load and validation, B/entry", our_heap, their_heap});
-    print_rows(n, rows);
-    auto per_element = [&](size_t bytes) { return static_cast<double>(bytes) / split.elements; };
+    print_rows(n, {
+        {"load, ms (ours: json_loads + json_to_elem)", o.parse + o.decode, t.parse},
+        {"  of which json_loads / json_to_elem, ms", o.parse, o.decode},
+        {"full validation, ms", o.full, t.full},
+        {"full validation vs parse + validate, ms", o.full, t.parse_validate},
+        {"mode edit + revalidate, flags clean, ms", o.mode_clean, t.mode},
+        {"mode edit + revalidate, after full, ms", o.mode_after_full, t.mode},
+        {"rename + revalidate, ms", o.rename, t.rename},
+        {"heap after load and validation, B/entry", o.heap, t.heap},
+    });
+    const heap_split &split = o.split;
+    auto per_element = [&](size_t bytes) {
+        return split.elements > 0 ? static_cast<double>(bytes) / split.elements : 0.0;
+    };
     printf("ours per element (%zu elements): %.0f B public records, %.0f B validation state"
            " (trigger tables), %.0f B private bookkeeping and the rest\n",
            split.elements, per_element(split.public_bytes), per_element(split.validation_bytes),
-           per_element(our_heap_bytes - split.public_bytes - split.validation_bytes));
+           per_element(o.heap_bytes - split.public_bytes - split.validation_bytes));
     printf("ours: the walk over every index entry's flags, which every changed-data"
            " validation makes, %.2f ms\n",
-           flag_walk);
-    if (!ok || !their_ok)
-        printf("warning: a step failed (ours %s, libyang %s)\n", ok ? "ok" : "FAILED",
-               their_ok ? "ok" : "FAILED");
+           o.flag_walk);
+    if (!o.ok || !t.ok)
+        printf("warning: a step failed (ours %s, libyang %s)\n", o.ok ? "ok" : "FAILED",
+               t.ok ? "ok" : "FAILED");
 }
 
 } // namespace
