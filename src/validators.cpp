@@ -650,6 +650,21 @@ class text_tally {
         if (text)
             count(by_member_.emplace(member, std::move(*text)).first->second);
     }
+    // Records the text of a member not taken before; false, and nothing
+    // recorded, when the member has a text here already.
+    bool take_new(const std::string &member, const std::string &text)
+    {
+        auto [held, added] = by_member_.emplace(member, text);
+        if (added)
+            count(held->second);
+        return added;
+    }
+    bool gives_text(const std::string &member) const { return by_member_.count(member) != 0; }
+    void reserve(size_t members)
+    {
+        by_member_.reserve(members);
+        counts_.reserve(members);
+    }
     bool has_duplicates() const { return duplicated_ != 0; }
 
   private:
@@ -717,11 +732,15 @@ bool restart_tally(cfg_element *list, const char *path, const std::vector<std::s
     uniqueness_note &note = uniqueness_note_of(list);
     note.by_path.erase(path);
     text_tally tally;
-    std::unordered_set<std::string_view> seen;
+    tally.reserve(uuids.size());
+    std::unordered_set<std::string_view> textless; // members that give no text
     for (size_t i = 0; i < uuids.size(); i++) {
-        if (!seen.insert(uuids[i]).second)
+        const bool first = texts[i] ? textless.count(uuids[i]) == 0 &&
+                                          tally.take_new(uuids[i], *texts[i])
+                                    : !tally.gives_text(uuids[i]) &&
+                                          textless.insert(uuids[i]).second;
+        if (!first)
             return false;
-        tally.take(uuids[i], texts[i]);
     }
     tally.synced(zr::member_changes_of(list).commits);
     bool unique = !tally.has_duplicates();
