@@ -157,10 +157,17 @@ void zr::memo_run::walked_list(cfg_element *list, uint64_t serial, uint64_t shap
     earlier = {list, serial, shape, std::max(consumed, earlier.consumed), std::move(untracked)};
 }
 
+// Summed up while the record is at hand: writing the memos later then
+// touches only the memo beside each record.
+void zr::memo_run::validated(cfg_element *element, const cfg_schema_element *schema)
+{
+    validated_.push_back({element, element_fingerprint(element, schema), element->flags});
+}
+
 void zr::memo_run::record()
 {
-    for (const auto &[element, schema] : validated_)
-        memo_of(element) = {epoch_, element_fingerprint(element, schema), element->flags};
+    for (const validated_element &v : validated_)
+        memo_of(v.element) = {epoch_, v.fingerprint, v.flags};
     for (walked &w : lists_) {
         member_changes &changes = member_changes_of(w.list);
         if (changes.serial != w.serial || member_shape(w.list) != w.shape)

@@ -53,10 +53,8 @@ class memo_run {
     // outside it: no memo for it, nor for anything that holds it.
     void taint() { taints_++; }
     size_t taints() const { return taints_; }
-    void validated(cfg_element *element, cfg_schema_element *schema)
-    {
-        validated_.emplace_back(element, schema);
-    }
+    // Notes element as validated in depth against schema, as it is now.
+    void validated(cfg_element *element, const cfg_schema_element *schema);
     uint64_t epoch() const { return epoch_; }
     // Notes a walk over every member of list that needed a second look:
     // the touched members it took in (the first consumed), and the members
@@ -79,7 +77,12 @@ class memo_run {
     uint64_t epoch_;
     bool passes_over_clean_;
     size_t taints_ = 0;
-    std::vector<std::pair<cfg_element *, cfg_schema_element *>> validated_;
+    struct validated_element {
+        cfg_element *element;
+        uint64_t fingerprint;
+        unsigned int flags;
+    };
+    std::vector<validated_element> validated_;
 };
 
 // What a validation walk knows of the list it walked last: whether it looked
