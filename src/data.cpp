@@ -406,6 +406,7 @@ bool add_to_index(cfg *context, cfg_element *element)
         zr::free_index_entry(entry);
         return false;
     }
+    zr::keep_sparse(context->elements);
     return true;
 }
 
