@@ -43,6 +43,10 @@ void index_changed();
 // null past the end.
 cfg_element *list_member(cfg *context, cfg_element *list, size_t position);
 
+// The ids of the members of a list or map, in order, written into out (the
+// link records' own fields).
+void member_ids(cfg_element *container, std::vector<const char *> &out);
+
 // What validation last found of an element: that it, and everything below
 // it, validated against the schema element and with the value the
 // fingerprint sums up, under the memo epoch, with at most these flags. An

@@ -88,13 +88,11 @@ class map_members {
         depth_++;
         made.map = map;
         made.members.clear();
-        for (cfg_link *n = map->value.map.members; n != nullptr; n = n->next)
-            made.members.push_back({static_cast<cfg_parent_link *>(n->data)->uuid, nullptr});
+        zr::member_ids(map, uuids_);
+        for (const char *uuid : uuids_)
+            made.members.push_back({uuid, nullptr});
         if (outer != nullptr && lend(*outer, made))
             return made.members;
-        uuids_.clear();
-        for (const member &m : made.members)
-            uuids_.push_back(m.uuid);
         answers_.resize(uuids_.size());
         zr::local_answers(context, uuids_.data(), uuids_.size(), answers_.data());
         for (size_t i = 0; i < made.members.size(); i++)
