@@ -112,6 +112,34 @@ TEST_F(Daemon, CommitIsServedToOthersAndAfterARestart)
 
 // Each push is refused with its code and leaves the stored data as it was;
 // the daemon serves on.
+// A session validates the tree it fetches while the walk runs, then edits:
+// a rename that repeats a name is refused from what the first run kept,
+// and the repaired edit goes through.
+TEST_F(Daemon, SessionValidatesWhatItFetchesAndJudgesEditsAfterwards)
+{
+    daemon_process d;
+    client c(d);
+    ASSERT_NE(c.ctx, nullptr);
+    ASSERT_NE(cfg_root(c), nullptr);
+    const unsigned held = HASH_COUNT(c.ctx->elements);
+    EXPECT_EQ(cfg_validate_data(c), 1) << codes_of(c).size();
+    EXPECT_GT(HASH_COUNT(c.ctx->elements), held + 20) << "the walk fetched the tree";
+    cfg_free_message_stack(c);
+
+    cfg_element *name = cfg_get_by_path(c, "network.conns[3].name");
+    ASSERT_NE(cfg_set_string(c, name, "lan"), nullptr);
+    EXPECT_EQ(cfg_validate_changed_data(c), 0);
+    EXPECT_FALSE(codes_of(c).empty());
+    cfg_free_message_stack(c);
+    name = cfg_get_by_path(c, "network.conns[3].name");
+    ASSERT_NE(cfg_set_string(c, name, "oob"), nullptr);
+    EXPECT_EQ(cfg_validate_changed_data(c), 1);
+    EXPECT_EQ(cfg_commit(c), 1);
+
+    client other(d);
+    EXPECT_EQ(string_at(other, "network.conns[3].name"), "oob");
+}
+
 TEST_F(Daemon, RefusedPushesChangeNothing)
 {
     daemon_process d;
