@@ -3,9 +3,9 @@
 // references, parent links, deletion (marking) and release (freeing).
 //
 // Beside its public record every element keeps private caches of its link
-// lists (the last parent link; for lists and maps the nodes of the members
-// and future members by position, and the elements the members resolved
-// to). Invariants:
+// lists (the last parent link, once there are many; for lists and maps the
+// nodes of the members and future members by position, and the elements
+// the members resolved to). Invariants:
 //  1. Every element record is the first member of an element_box, so a
 //     cfg_element pointer is also a pointer to its box.
 //  2. A cache describes the list whose first node is its head, as of the
@@ -161,7 +161,7 @@ struct link_index {
 // What a list or map keeps beside its record.
 struct container_index {
     link_index members; // list or map members (the same field of the union)
-    link_index future_members;
+    std::unique_ptr<link_index> future_members;  // lists only, made on first use
     std::unique_ptr<zr::member_changes> changes; // lists only, made on first use
     std::unique_ptr<zr::list_note> note;         // lists only
 };
@@ -170,12 +170,16 @@ struct container_index {
 // comes first, so a cfg_element pointer is also a pointer to its box.
 struct element_box {
     cfg_element element;
-    link_tail parents;
+    link_tail *parents_tail = nullptr;    // made once the parent links grow long
     container_index *container = nullptr; // made on first use
     uint64_t walk_mark = 0;               // see zr::walk_mark
     zr::validation_memo memo;             // see zr::memo_of
 
-    ~element_box() { delete container; }
+    ~element_box()
+    {
+        delete container;
+        delete parents_tail;
+    }
 };
 static_assert(std::is_standard_layout_v<element_box>);
 
@@ -184,12 +188,56 @@ element_box *box_of(cfg_element *element)
     return reinterpret_cast<element_box *>(element);
 }
 
+// The tail of an element's parent links, for appending. Most elements have
+// one or two parents, so the list is walked; one that has grown past
+// long_parents links gets a link_tail of its own, and appends stay O(1).
+struct parent_tail {
+    static constexpr size_t long_parents = 16;
+    element_box *box;
+    size_t walked = 0;
+
+    cfg_link *last(cfg_link *actual)
+    {
+        if (box->parents_tail != nullptr)
+            return box->parents_tail->last(actual);
+        cfg_link *tail = actual;
+        for (walked = 0; tail != nullptr && tail->next != nullptr; walked++)
+            tail = tail->next;
+        return tail;
+    }
+    void appended(cfg_link *actual, cfg_link *node)
+    {
+        if (box->parents_tail == nullptr && walked >= long_parents)
+            box->parents_tail = new (std::nothrow) link_tail();
+        if (box->parents_tail != nullptr)
+            box->parents_tail->appended(actual, node);
+    }
+};
+
+// Forgets element's parent tail; the links changed behind it.
+void reset_parent_tail(cfg_element *element)
+{
+    element_box *box = box_of(element);
+    delete box->parents_tail;
+    box->parents_tail = nullptr;
+}
+
 container_index &container_of(cfg_element *element)
 {
     element_box *box = box_of(element);
     if (box->container == nullptr)
         box->container = new container_index();
     return *box->container;
+}
+
+// The position index of list's future members, made on first use: few
+// lists ever have any.
+link_index &future_index_of(cfg_element *list)
+{
+    std::unique_ptr<link_index> &index = container_of(list).future_members;
+    if (index == nullptr)
+        index = std::make_unique<link_index>();
+    return *index;
 }
 
 // A zero-filled record of type; the box's private parts start empty.
@@ -315,8 +363,8 @@ cfg_link *append_link(cfg_link **head, Index &index, const char *uuid,
 cfg_link *append_parent(cfg_element *element, const char *uuid, unsigned int kind,
                         unsigned int position, const char *name)
 {
-    cfg_link *node = append_link(&element->parents, box_of(element)->parents, uuid, kind,
-                                 position, name);
+    parent_tail tail{box_of(element)};
+    cfg_link *node = append_link(&element->parents, tail, uuid, kind, position, name);
     if (node != nullptr && zr::shared_member(element))
         shared_members.fetch_add(1, std::memory_order_relaxed);
     return node;
@@ -331,7 +379,7 @@ cfg_link *append_member(cfg_element *container, const char *uuid, unsigned int k
 
 cfg_link *append_future_member(cfg_element *list, const char *uuid, unsigned int position)
 {
-    return append_link(&list->value.list.future_members, container_of(list).future_members, uuid,
+    return append_link(&list->value.list.future_members, future_index_of(list), uuid,
                        CFG_TYPE_LIST, position, nullptr);
 }
 
@@ -344,7 +392,7 @@ unsigned int member_count(cfg_element *container)
 unsigned int future_count(cfg_element *list)
 {
     return static_cast<unsigned int>(
-        indexed_length(list->value.list.future_members, container_of(list).future_members));
+        indexed_length(list->value.list.future_members, future_index_of(list)));
 }
 
 int delete_links_naming(cfg *context, cfg_link **head, const char *uuid);
@@ -365,7 +413,8 @@ void remove_future_links(cfg *context, cfg_element *list, const char *uuid)
     zr::forget_validation(context, list);
     zr::forget_member_changes(list);
     delete_links_naming(context, &list->value.list.future_members, uuid);
-    container_of(list).future_members.reset();
+    if (link_index *index = container_of(list).future_members.get())
+        index->reset();
 }
 
 // Removes every parent link naming uuid; parent lists are never renumbered.
@@ -382,7 +431,7 @@ void remove_parent_links(cfg_element *element, const char *uuid)
             at = &node->next;
         }
     }
-    box_of(element)->parents.reset();
+    reset_parent_tail(element);
 }
 
 std::vector<std::string> link_uuids(cfg_link *head)
@@ -471,7 +520,7 @@ template <typename Load> cfg_element *replace(cfg *context, cfg_element *old, Lo
         return nullptr;
     fresh->parents = old->parents;
     old->parents = nullptr;
-    box_of(old)->parents.reset();
+    reset_parent_tail(old);
     fresh->flags = old->flags | CFG_FLAG_CHANGED;
     fresh->generation = old->generation;
     memcpy(fresh->schema, old->schema, sizeof fresh->schema);
@@ -1357,7 +1406,7 @@ extern "C" char *cfg_get_future_listelem(cfg_element *list, unsigned int index)
     if (!is_type(list, CFG_TYPE_LIST))
         return nullptr;
     cfg_link *node =
-        indexed_node(list->value.list.future_members, container_of(list).future_members, index);
+        indexed_node(list->value.list.future_members, future_index_of(list), index);
     return node != nullptr ? record_of(node)->uuid : nullptr;
 }
 

@@ -1,6 +1,8 @@
 // Elements, replacement, list and map membership, references and deletion.
 #include "context.h"
 
+#include <algorithm>
+
 #include <cstring>
 
 using namespace zrtest;
@@ -142,6 +144,32 @@ TEST_F(Elements, ReferenceLinkMovesAndDuplicatesOnReset)
     EXPECT_EQ(cfg_set_reference(ctx, ref, "missing"), nullptr);
     EXPECT_EQ(find(ctx, "R"), nullptr);
     cfg_free_element(ctx, ref);
+}
+
+// A target named by many references: its parent links stay in order as
+// links leave from the middle and new ones are appended past the point where
+// the tail is kept rather than walked.
+TEST_F(Elements, ManyReferencesToOneTargetKeepTheirLinksInOrder)
+{
+    cfg_element *target = cfg_new_int_with_id(ctx, 1, "T");
+    cfg_new_int_with_id(ctx, 2, "B");
+    texts expected;
+    auto add = [&](int i) {
+        std::string id = "R" + std::to_string(i);
+        ASSERT_NE(cfg_new_reference_with_id(ctx, "T", id.c_str()), nullptr);
+        expected.push_back(id);
+    };
+    int next = 0;
+    while (next < 40)
+        add(next++);
+    EXPECT_EQ(member_uuids(target->parents), expected);
+    for (const char *moved : {"R39", "R0", "R20"}) {
+        ASSERT_NE(cfg_set_reference(ctx, find(ctx, moved), "B"), nullptr);
+        expected.erase(std::find(expected.begin(), expected.end(), moved));
+        EXPECT_EQ(member_uuids(target->parents), expected) << moved;
+        add(next++);
+    }
+    EXPECT_EQ(member_uuids(target->parents), expected);
 }
 
 TEST_F(Elements, ListChangedFlagsOnAddAndRenumberingOnDelete)
