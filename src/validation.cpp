@@ -1,5 +1,6 @@
 // Validation: the validation context of one walk (elements still to check,
-// elements seen; kept as marks beside the records when lookups are local),
+// elements seen; kept as marks beside the records when the context looks
+// up through the library's own hooks),
 // node validation by type with the walk's cycle guards, full validation of
 // the tree, and changed-data validation, which validates only the flagged
 // elements and what the trigger tables say depends on them, passing over
@@ -718,7 +719,7 @@ extern "C" int cfg_validate_reference(validation_context *, cfg *context, cfg_el
 
 namespace {
 
-// The items of list in a walk under local lookups. When a changed-data run
+// The items of list in a walk with marks. When a changed-data run
 // finds that the list knows which members a change reached since it was
 // last accounted for, only those and the members then left without a memo
 // are validated: every other member holds a memo that still holds, so
@@ -979,10 +980,10 @@ extern "C" int cfg_validate_data(cfg *context)
 namespace {
 
 // The elements to validate, each once, in the order added, and which of
-// them a trigger named. For a context whose lookups are local (records stay
-// put while the run goes on) they are held as the records found, marked as
-// held in the walk's marks; otherwise as copies of the ids they were found
-// by, looked up again when needed.
+// them a trigger named. For a context that looks up through the library's
+// own hooks (records stay put while the run goes on) they are held as the
+// records found, marked as held in the walk's marks; otherwise as copies of
+// the ids they were found by, looked up again when needed.
 class work_set {
   public:
     explicit work_set(walk_marks *marks) : marks_(marks) {}
@@ -1076,8 +1077,9 @@ bool follow_patterns(cfg *context, const char *changed, const std::string &path,
 }
 
 // The static paths of the flagged elements of one run, each built from its
-// parent's, as zr::triggers::static_path gives them: for a context whose
-// lookups are local, where the tree stays put while they are examined.
+// parent's, as zr::triggers::static_path gives them: for a context that
+// looks up through the library's own hooks, where the tree stays put while
+// they are examined.
 // Flagged elements come in index order, where siblings and cousins follow
 // each other, so only the chain above the last element is kept: a handful
 // of entries searched in order. Every element a climb passed is kept with

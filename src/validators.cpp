@@ -752,8 +752,9 @@ bool restart_tally(cfg_element *list, const char *path, const std::vector<std::s
 
 // No two items of a list may give the same text: a string item its value,
 // any other item the string at the path below it (items without one are
-// left out). Under local lookups a tally of the texts is kept beside the
-// list, so a walk that looked again at a few members reads only theirs.
+// left out). Under the library's own lookup hooks a tally of the texts is
+// kept beside the list, so a walk that looked again at a few members reads
+// only theirs.
 extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **params,
                                     int params_count)
 {
@@ -771,7 +772,8 @@ extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **p
                 uniqueness_note_of(element).by_path.erase(params[0]);
             return 1;
         }
-        // Under local lookups the list remembers what its members resolved to.
+        // Under the library's own hooks the list remembers what its members
+        // resolved to.
         unsigned int remembered = 0;
         if (local)
             cfg_list_size(element, &remembered);
