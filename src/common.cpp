@@ -122,15 +122,6 @@ bool zr::looks_up_locally(const cfg *context)
     return context->get_by_id == cfg_find_by_id || context->get_by_id == client_cfg_get_by_id;
 }
 
-cfg_element *zr::local_answer(cfg *context, const char *uuid)
-{
-    if (context->get_by_id == cfg_find_by_id)
-        return cfg_find_by_id(context, uuid);
-    if (context->get_by_id == client_cfg_get_by_id)
-        return cfg_find_by_id(context, mapped_id(context, uuid));
-    return nullptr;
-}
-
 namespace {
 
 // Finds up to batch ids in the uuid index. The buckets of all are fetched,
@@ -187,6 +178,13 @@ void zr::local_answers(cfg *context, const char *const *uuids, size_t count, cfg
             ids[i] = mapped ? mapped_id(context, uuids[base + i]) : uuids[base + i];
         find_batch(context->elements, ids, n, out + base);
     }
+}
+
+cfg_element *zr::local_answer(cfg *context, const char *uuid)
+{
+    cfg_element *found = nullptr;
+    local_answers(context, &uuid, 1, &found);
+    return found;
 }
 
 extern "C" cfg_element *cfg_root(cfg *context)

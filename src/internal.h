@@ -59,20 +59,6 @@ template <typename T> bool hash_added(const T *item)
     return item->hh.tbl != nullptr;
 }
 
-// Doubles the buckets of table once it holds more records than buckets.
-// uthash lets chains grow to about three records before it doubles, and in
-// a large table every record a lookup passes is a cache miss; a lookup for
-// an id not there passes the whole chain.
-template <typename R> void keep_sparse(R *table)
-{
-    UT_hash_table *tbl = table != nullptr ? table->hh.tbl : nullptr;
-    if (tbl == nullptr || tbl->num_items <= tbl->num_buckets || tbl->noexpand)
-        return;
-    unsigned oomed = 0;
-    HASH_EXPAND_BUCKETS(hh, tbl, oomed);
-    (void)oomed;
-}
-
 // Allocates one zero-filled T with calloc, as the C side expects.
 template <typename T> T *zalloc()
 {
