@@ -36,12 +36,6 @@ namespace {
 // Dependents are kept as fixed-size copies of this many bytes.
 constexpr size_t dependent_size = 260;
 
-// text cut to what a key field of field_size bytes holds.
-std::string bounded(const char *text, size_t field_size)
-{
-    return std::string(text, strnlen(text, field_size - 1));
-}
-
 template <typename R> R *&table_of(cfg *context);
 template <> cfg_uuid_trigger *&table_of<cfg_uuid_trigger>(cfg *context)
 {
@@ -164,17 +158,32 @@ template <typename R> void free_table(R *&table)
     clear_table(table, [](R *record) { free_record(record); });
 }
 
+// A key as its table hashes it: cut to the record's key field.
+template <typename R> struct table_key {
+    explicit table_key(const char *text)
+        : text(text), length(strnlen(text, sizeof(R::key) - 1))
+    {
+        HASH_VALUE(text, length, hash);
+    }
+    const char *text;
+    size_t length;
+    unsigned hash = 0;
+};
+
+template <typename R> R *find_hashed(R *table, const table_key<R> &key)
+{
+    R *record = nullptr;
+    HASH_FIND_BYHASHVALUE(hh, table, key.text, key.length, key.hash, record);
+    return record;
+}
+
 } // namespace
 
 template <typename R> R *find_record(cfg *context, const char *key)
 {
     if (context == nullptr || key == nullptr)
         return nullptr;
-    // Keys are stored cut to the field, and found by their text's length.
-    size_t length = strnlen(key, sizeof(R::key) - 1);
-    R *record = nullptr;
-    HASH_FIND(hh, table_of<R>(context), key, length, record);
-    return record;
+    return find_hashed(table_of<R>(context), table_key<R>(key));
 }
 
 // The record under key, added empty to its table when there is none; keeps
@@ -183,16 +192,16 @@ template <typename R> R *find_or_add(cfg *context, const char *key)
 {
     if (context == nullptr || key == nullptr)
         return nullptr;
-    R *record = find_record<R>(context, key);
+    R *&table = table_of<R>(context);
+    const table_key<R> hashed(key);
+    R *record = find_hashed(table, hashed);
     if (record != nullptr)
         return record;
     record = zalloc<R>();
     if (record == nullptr)
         return nullptr;
-    std::string text = bounded(key, sizeof record->key);
-    memcpy(record->key, text.c_str(), text.size() + 1);
-    R *&table = table_of<R>(context);
-    HASH_ADD_STR(table, key, record);
+    memcpy(record->key, key, hashed.length);
+    HASH_ADD_KEYPTR_BYHASHVALUE(hh, table, record->key, hashed.length, hashed.hash, record);
     if (!zr::hash_added(record)) {
         free(record);
         return nullptr;
