@@ -1071,6 +1071,14 @@ uint64_t &zr::walk_mark(cfg_element *element)
     return box_of(element)->walk_mark;
 }
 
+void zr::prefetch_record(const cfg_element *element)
+{
+    const auto *box = reinterpret_cast<const element_box *>(element);
+    __builtin_prefetch(element->uuid);
+    __builtin_prefetch(&element->flags);
+    __builtin_prefetch(&box->walk_mark);
+}
+
 namespace {
 
 // Changes the data tree cannot place (links made or removed without a

@@ -107,6 +107,10 @@ std::unique_ptr<list_note> &list_note_of(cfg_element *list);
 // they have seen and accounted for it; zero for a new record.
 uint64_t &walk_mark(cfg_element *element);
 
+// Starts fetching what a pass over many records reads of element: its id,
+// schema id, type and flags, and the walk's mark and memo beside them.
+void prefetch_record(const cfg_element *element);
+
 } // namespace zr
 
 #endif // ZRCONFIG_DATA_H
