@@ -620,6 +620,49 @@ std::optional<std::string> item_text(cfg *context, cfg_element *item, const char
     return std::string(text.get());
 }
 
+// True when path names one key of a map: no steps, positions or ids.
+bool is_plain_key(const char *path)
+{
+    return path[0] != '\0' && path[strcspn(path, ".[(")] == '\0';
+}
+
+// The texts items give, as item_text gives them, for a context that looks
+// up through the library's own hooks. Where a map item holds the key path
+// names, the members are looked up a batch at a time, so that their cache
+// misses overlap.
+std::vector<std::optional<std::string>> local_item_texts(cfg *context,
+                                                         const std::vector<cfg_element *> &items,
+                                                         const char *path)
+{
+    constexpr size_t batch = 16;
+    std::vector<std::optional<std::string>> texts(items.size());
+    const bool by_key = is_plain_key(path);
+    const char *ids[batch];
+    size_t positions[batch];
+    cfg_element *found[batch];
+    for (size_t base = 0; base < items.size(); base += batch) {
+        size_t n = 0;
+        for (size_t i = base; i < std::min(base + batch, items.size()); i++) {
+            const char *id = by_key && custom::is_type(items[i], CFG_TYPE_MAP)
+                                 ? cfg_get_mapelem(items[i], path)
+                                 : nullptr;
+            if (id == nullptr) {
+                texts[i] = item_text(context, items[i], path);
+                continue;
+            }
+            ids[n] = id;
+            positions[n++] = i;
+        }
+        zr::local_answers(context, ids, n, found);
+        for (size_t k = 0; k < n; k++) {
+            cfg_element *member = found[k] != nullptr ? found[k] : cfg_get_by_id(context, ids[k]);
+            if (custom::is_type(member, CFG_TYPE_STRING) && member->value.string_value != nullptr)
+                texts[positions[k]] = std::string(member->value.string_value);
+        }
+    }
+    return texts;
+}
+
 // What validator_uniqueness knows of one list and path between validations:
 // the text each member gives and how many members give each text. A walk
 // that looks again only at some members (zr::members_walked_again) knows
@@ -772,16 +815,19 @@ extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **p
                 uniqueness_note_of(element).by_path.erase(params[0]);
             return 1;
         }
-        // Under the library's own hooks the list remembers what its members
-        // resolved to.
-        unsigned int remembered = 0;
-        if (local)
-            cfg_list_size(element, &remembered);
         std::vector<std::optional<std::string>> given;
-        for (size_t i = 0; i < uuids.size(); i++) {
-            cfg_element *item = i < remembered ? zr::list_member(context, element, i)
-                                               : cfg_get_by_id(context, uuids[i].c_str());
-            given.push_back(item_text(context, item, params[0]));
+        if (local) {
+            // The list remembers what its members resolved to.
+            unsigned int remembered = 0;
+            cfg_list_size(element, &remembered);
+            std::vector<cfg_element *> items;
+            for (size_t i = 0; i < uuids.size(); i++)
+                items.push_back(i < remembered ? zr::list_member(context, element, i)
+                                               : cfg_get_by_id(context, uuids[i].c_str()));
+            given = local_item_texts(context, items, params[0]);
+        } else {
+            for (const std::string &uuid : uuids)
+                given.push_back(item_text(context, cfg_get_by_id(context, uuid.c_str()), params[0]));
         }
         // A tally that shows no text twice answers; otherwise the texts are
         // sorted for the first duplicate, which the message names.

@@ -185,8 +185,23 @@ TEST_F(Validators, UniquenessReportsOneDuplicate)
     EXPECT_EQ(run("uniqueness", users, {"login.name"}), 1);
     add_user("ann");
     EXPECT_EQ(run("uniqueness", users, {"login.name"}), 0);
+
+    // A plain key over more maps than are looked up at once: a member that
+    // is no string, or is missing, gives no text.
+    cfg_element *hosts = list(root, "hosts");
+    for (int i = 0; i < 40; i++) {
+        cfg_element *host = map(hosts);
+        if (i % 7 == 3)
+            cfg_map_set_int(c, host, "name", 5);
+        else if (i % 7 != 5)
+            set(host, "name", ("h" + std::to_string(i)).c_str());
+    }
+    EXPECT_EQ(run("uniqueness", hosts, {"name"}), 1);
+    set(map(hosts), "name", "h32");
+    EXPECT_EQ(run("uniqueness", hosts, {"name"}), 0);
     EXPECT_EQ(messages(), (texts{"Duplicate 'name' fields with value 'b'",
-                                 "Duplicate 'login.name' fields with value 'ann'"}));
+                                 "Duplicate 'login.name' fields with value 'ann'",
+                                 "Duplicate 'name' fields with value 'h32'"}));
 }
 
 TEST_F(Validators, TagsAndTemplates)
