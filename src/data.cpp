@@ -442,20 +442,6 @@ std::vector<std::string> link_uuids(cfg_link *head)
     return uuids;
 }
 
-// Doubles the index's buckets once it holds more elements than buckets.
-// uthash doubles only when some chain grows long, and settles near two
-// elements a bucket; in a large index every element a lookup passes is a
-// cache miss, and a lookup for an id not held passes its whole chain.
-void keep_index_sparse(cfg *context)
-{
-    UT_hash_table *table = context->elements->hh.tbl;
-    if (table->num_items <= table->num_buckets || table->noexpand)
-        return;
-    unsigned oomed = 0;
-    HASH_EXPAND_BUCKETS(hh, table, oomed);
-    (void)oomed;
-}
-
 // Enters element into the context's uuid index, which must not hold its
 // uuid yet; false when memory runs out.
 bool add_to_index(cfg *context, cfg_element *element)
@@ -469,7 +455,7 @@ bool add_to_index(cfg *context, cfg_element *element)
         zr::free_index_entry(entry);
         return false;
     }
-    keep_index_sparse(context);
+    zr::keep_sparse(context->elements);
     return true;
 }
 

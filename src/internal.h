@@ -59,6 +59,20 @@ template <typename T> bool hash_added(const T *item)
     return item->hh.tbl != nullptr;
 }
 
+// Doubles a table's buckets once it holds more items than buckets. uthash
+// doubles only when some chain grows long, and settles near two items a
+// bucket; in a large table every item a lookup passes is a cache miss, and
+// a lookup for a key not held passes its whole chain.
+template <typename T> void keep_sparse(T *table)
+{
+    UT_hash_table *tbl = table->hh.tbl;
+    if (tbl->num_items <= tbl->num_buckets || tbl->noexpand)
+        return;
+    unsigned oomed = 0;
+    HASH_EXPAND_BUCKETS(hh, tbl, oomed);
+    (void)oomed;
+}
+
 // Allocates one zero-filled T with calloc, as the C side expects.
 template <typename T> T *zalloc()
 {

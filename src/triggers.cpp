@@ -206,6 +206,7 @@ template <typename R> R *find_or_add(cfg *context, const char *key)
         free(record);
         return nullptr;
     }
+    zr::keep_sparse(table);
     return record;
 }
 
