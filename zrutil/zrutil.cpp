@@ -1,6 +1,7 @@
 // Utility stand-in: logging to syslog, standard error or a handler, and mkpath.
 #include "zrutil.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -35,6 +36,21 @@ std::mutex &state_mutex()
 {
     static std::mutex m;
     return m;
+}
+
+// The highest priority a sink takes now, kept beside the state so that a
+// line nobody takes is turned away without the lock. Written under the
+// lock whenever the state changes.
+std::atomic<int> &taken_ceiling()
+{
+    static std::atomic<int> ceiling{log_state{}.max_priority};
+    return ceiling;
+}
+
+void refresh_taken_ceiling(const log_state &s)
+{
+    taken_ceiling().store(s.handler != nullptr ? s.handler_ceiling : s.max_priority,
+                          std::memory_order_relaxed);
 }
 
 // The default sinks print up to notice, or up to the caller's limit when it
@@ -85,6 +101,7 @@ extern "C" void zrlog_init_raw(const char *ident, int use_syslog, int use_stderr
     s.use_syslog = use_syslog != 0;
     s.use_stderr = use_stderr != 0;
     s.max_priority = effective_max_priority(max_priority);
+    refresh_taken_ceiling(s);
     // syslog keeps the ident's pointer: each ident lives as long as the
     // process, so a later one never frees what a logging thread still reads.
     static std::set<std::string> idents;
@@ -95,6 +112,8 @@ extern "C" void zrlog_init_raw(const char *ident, int use_syslog, int use_stderr
 extern "C" void zrlog_log_prio_codepos(const char *file, const char *func, int line,
                                        int priority, const char *format, ...)
 {
+    if (priority > taken_ceiling().load(std::memory_order_relaxed))
+        return;
     log_state s;
     {
         std::lock_guard<std::mutex> guard(state_mutex());
@@ -122,12 +141,14 @@ extern "C" void zrlog_set_handler(zrlog_handler handler, void *user)
     std::lock_guard<std::mutex> guard(state_mutex());
     state().handler = handler;
     state().user = handler != nullptr ? user : nullptr;
+    refresh_taken_ceiling(state());
 }
 
 extern "C" void zrlog_set_handler_ceiling(int max_priority)
 {
     std::lock_guard<std::mutex> guard(state_mutex());
     state().handler_ceiling = max_priority;
+    refresh_taken_ceiling(state());
 }
 
 extern "C" int mkpath(const char *path, mode_t mode)
