@@ -144,6 +144,25 @@ class map_members {
     std::vector<cfg_element *> answers_;
 };
 
+// The schema elements that the member and conditional links of map and if
+// schema elements name, each resolved the first time a walk meets it. No
+// schema changes while a walk runs, and a link belongs to one list of one
+// schema element, so the link alone keys what it resolved to.
+class schema_links {
+  public:
+    template <typename Resolve>
+    cfg_schema_element *resolve(const void *link, Resolve resolve_now)
+    {
+        auto [at, fresh] = resolved_.try_emplace(link, nullptr);
+        if (fresh)
+            at->second = resolve_now();
+        return at->second;
+    }
+
+  private:
+    std::unordered_map<const void *, cfg_schema_element *> resolved_;
+};
+
 // The bookkeeping of a walk the library runs itself over a context that
 // looks up through the library's own hooks. There, one uuid names one
 // record for the whole walk (a fetch adds records, but replaces or frees
@@ -219,6 +238,7 @@ class walk_marks {
 
     memo_run *memo = nullptr; // the run's memos, when it keeps any
     map_members members;
+    schema_links linked; // what the schema's member and conditional links name
     zr::walk_note walked; // the list walked last, for the validators
 
   private:
@@ -257,6 +277,17 @@ memo_run *memo_for(const validation_context *vctx)
 {
     walk_marks *marks = walk_marks::of(vctx);
     return marks != nullptr ? marks->memo : nullptr;
+}
+
+// The schema element that link (a member or conditional link of a schema
+// element) names, as resolve_now finds it; a walk on marks resolves each
+// link once.
+template <typename Resolve>
+cfg_schema_element *linked_schema(const validation_context *vctx, const void *link,
+                                  Resolve resolve_now)
+{
+    walk_marks *marks = walk_marks::of(vctx);
+    return marks != nullptr ? marks->linked.resolve(link, resolve_now) : resolve_now();
 }
 
 // The first element of vctx left unaccounted for, or nullptr.
@@ -448,13 +479,16 @@ int validate_list_item(validation_context *vctx, cfg *context, cfg_element *list
 
 // One key of a map or if schema element, checked against the map.
 int validate_key(validation_context *vctx, cfg *context, cfg_element *map,
-                 cfg_schema_element *schema, int kind, const char *key, schema_walk &walk)
+                 cfg_schema_element *schema, int kind, const cfg_schema_mapid *mapid,
+                 schema_walk &walk)
 {
+    const char *key = mapid->key;
     ZR_LOG_FOR("cfg_validate_map", LOG_INFO, "Looking for %s", key);
     const char *child_uuid = cfg_get_mapelem(map, key);
-    const char *key_schema_uuid = cfg_get_schema_mapelem(schema, kind, key);
-    cfg_schema_element *key_schema =
-        key_schema_uuid != nullptr ? cfg_get_schema_by_id(context, key_schema_uuid) : nullptr;
+    cfg_schema_element *key_schema = linked_schema(vctx, mapid, [&] {
+        const char *uuid = cfg_get_schema_mapelem(schema, kind, key);
+        return uuid != nullptr ? cfg_get_schema_by_id(context, uuid) : nullptr;
+    });
     if (child_uuid != nullptr) {
         cfg_element *child = nullptr;
         walk_marks *marks = walk_marks::of(vctx);
@@ -853,13 +887,14 @@ int validate_map_keys(validation_context *vctx, cfg *context, cfg_element *map,
 {
     for (int kind : key_order)
         for (cfg_link *n = keys_of_kind(members, kind); n != nullptr; n = n->next) {
-            const char *key = static_cast<cfg_schema_mapid *>(n->data)->key;
-            if (key != nullptr && !validate_key(vctx, context, map, schema, kind, key, walk))
+            const auto *mapid = static_cast<const cfg_schema_mapid *>(n->data);
+            if (mapid->key != nullptr && !validate_key(vctx, context, map, schema, kind, mapid, walk))
                 return 0;
         }
     for (cfg_link *n = members->conditionals; n != nullptr; n = n->next) {
         auto *link = static_cast<cfg_schema_mapconditional *>(n->data);
-        cfg_schema_element *conditional = cfg_get_schema_by_id(context, link->uuid);
+        cfg_schema_element *conditional =
+            linked_schema(vctx, link, [&] { return cfg_get_schema_by_id(context, link->uuid); });
         if (conditional == nullptr || !validate_if_in(vctx, context, map, conditional, walk))
             return 0;
     }
