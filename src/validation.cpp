@@ -888,7 +888,8 @@ int validate_map_keys(validation_context *vctx, cfg *context, cfg_element *map,
     for (int kind : key_order)
         for (cfg_link *n = keys_of_kind(members, kind); n != nullptr; n = n->next) {
             const auto *mapid = static_cast<const cfg_schema_mapid *>(n->data);
-            if (mapid->key != nullptr && !validate_key(vctx, context, map, schema, kind, mapid, walk))
+            if (mapid->key != nullptr &&
+                !validate_key(vctx, context, map, schema, kind, mapid, walk))
                 return 0;
         }
     for (cfg_link *n = members->conditionals; n != nullptr; n = n->next) {

@@ -826,8 +826,10 @@ extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **p
                                                : cfg_get_by_id(context, uuids[i].c_str()));
             given = local_item_texts(context, items, params[0]);
         } else {
-            for (const std::string &uuid : uuids)
-                given.push_back(item_text(context, cfg_get_by_id(context, uuid.c_str()), params[0]));
+            for (const std::string &uuid : uuids) {
+                cfg_element *item = cfg_get_by_id(context, uuid.c_str());
+                given.push_back(item_text(context, item, params[0]));
+            }
         }
         // A tally that shows no text twice answers; otherwise the texts are
         // sorted for the first duplicate, which the message names.
