@@ -442,15 +442,36 @@ std::vector<std::string> link_uuids(cfg_link *head)
     return uuids;
 }
 
+// An element's id as the uuid index hashes it: hashed once for a lookup
+// and the insertion that follows it.
+struct index_key {
+    explicit index_key(const cfg_element *element)
+        : uuid(element->uuid), length(strlen(element->uuid))
+    {
+        HASH_VALUE(uuid, length, hash);
+    }
+    const char *uuid;
+    size_t length;
+    unsigned hash = 0;
+};
+
+cfg_element *find_indexed(cfg *context, const index_key &key)
+{
+    cfg_index_entry *entry = nullptr;
+    HASH_FIND_BYHASHVALUE(hh, context->elements, key.uuid, key.length, key.hash, entry);
+    return entry != nullptr ? entry->element : nullptr;
+}
+
 // Enters element into the context's uuid index, which must not hold its
-// uuid yet; false when memory runs out.
-bool add_to_index(cfg *context, cfg_element *element)
+// uuid yet; key is the element's own. False when memory runs out.
+bool add_to_index(cfg *context, cfg_element *element, const index_key &key)
 {
     cfg_index_entry *entry = zr::new_index_entry();
     if (entry == nullptr)
         return false;
     entry->element = element;
-    HASH_ADD_KEYPTR(hh, context->elements, element->uuid, strlen(element->uuid), entry);
+    HASH_ADD_KEYPTR_BYHASHVALUE(hh, context->elements, element->uuid, key.length, key.hash,
+                                entry);
     if (!zr::hash_added(entry)) {
         zr::free_index_entry(entry);
         return false;
@@ -461,9 +482,9 @@ bool add_to_index(cfg *context, cfg_element *element)
 
 // indexed_or_freed for an element whose id the index is known not to hold:
 // no lookup is made first.
-cfg_element *absent_indexed_or_freed(cfg *context, cfg_element *element)
+cfg_element *absent_indexed_or_freed(cfg *context, cfg_element *element, const index_key &key)
 {
-    if (context == nullptr || !add_to_index(context, element)) {
+    if (context == nullptr || !add_to_index(context, element, key)) {
         cfg_free_element(context, element);
         return nullptr;
     }
@@ -475,9 +496,10 @@ cfg_element *absent_indexed_or_freed(cfg *context, cfg_element *element)
 // element outside the index, as it always has.
 cfg_element *indexed_or_freed(cfg *context, cfg_element *element)
 {
-    if (cfg_find_by_id(context, element->uuid) != nullptr)
+    const index_key key(element);
+    if (context != nullptr && find_indexed(context, key) != nullptr)
         return element;
-    return absent_indexed_or_freed(context, element);
+    return absent_indexed_or_freed(context, element, key);
 }
 
 // Marks an element new, names it and indexes it.
@@ -505,10 +527,11 @@ cfg_element *index_loaded(cfg *context, cfg_element *element, const char *uuid)
     // keeps it: a longer id is cut, and two that differ only past the cut
     // name the same element.
     copy_uuid(element->uuid, uuid);
-    cfg_element *existing = cfg_find_by_id(context, element->uuid);
+    const index_key key(element);
+    cfg_element *existing = context != nullptr ? find_indexed(context, key) : nullptr;
     if (existing != nullptr)
         cfg_free_element(context, existing);
-    return absent_indexed_or_freed(context, element); // the id is free now
+    return absent_indexed_or_freed(context, element, key); // the id is free now
 }
 
 // Replaces old by the record that load makes under old's uuid; see cfg_set_*.
@@ -1009,9 +1032,10 @@ extern "C" int cfg_add_elem(cfg *context, cfg_element *element)
 {
     if (context == nullptr || element == nullptr)
         return 0;
-    if (cfg_find_by_id(context, element->uuid) != nullptr)
+    const index_key key(element);
+    if (find_indexed(context, key) != nullptr)
         return 0;
-    return add_to_index(context, element) ? 1 : 0;
+    return add_to_index(context, element, key) ? 1 : 0;
 }
 
 extern "C" void cfg_delete_elem(cfg *context, cfg_element *element)
