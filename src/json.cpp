@@ -10,6 +10,7 @@
 #include "internal.h"
 #include "schema.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -169,10 +170,40 @@ extern "C" int append_json_config_messages_to_context(cfg *context, json_t *arra
 
 namespace {
 
-const char *string_member(json_t *object, const char *key)
+// The members of object named in names, found in one pass over the object:
+// no key is hashed, and each member is reached once. found[i] is the member
+// that json_object_get(object, names[i]) gives (keys match with their
+// length), or nullptr.
+template <size_t N>
+void members_named(json_t *object, const char *const (&names)[N], json_t *(&found)[N])
 {
-    return json_string_value(json_object_get(object, key));
+    std::fill(std::begin(found), std::end(found), nullptr);
+    const char *key;
+    size_t length;
+    json_t *member;
+    json_object_keylen_foreach(object, key, length, member)
+    {
+        for (size_t i = 0; i < N; i++)
+            if (strlen(names[i]) == length && memcmp(key, names[i], length) == 0) {
+                found[i] = member;
+                break;
+            }
+    }
 }
+
+// The members of an element object that loading reads.
+struct element_fields {
+    enum { id, value, type, generation, schema, parents, count };
+    json_t *at[count];
+
+    explicit element_fields(json_t *object)
+    {
+        static constexpr const char *names[count] = {"id",         "value",  "type",
+                                                     "generation", "schema", "parents"};
+        members_named(object, names, at);
+    }
+    const char *text(int field) const { return json_string_value(at[field]); }
+};
 
 // A copy of the element's link list as uuid strings, in order.
 json_t *uuid_array(cfg_link *head)
@@ -338,45 +369,72 @@ extern "C" json_t *elem_to_json(cfg_element *element)
     return object.release();
 }
 
-extern "C" cfg_element *json_to_bool(cfg *context, json_t *object)
+namespace {
+
+cfg_element *load_bool(cfg *context, const element_fields &f)
 {
-    const char *text = string_member(object, "value");
+    const char *text = f.text(f.value);
     int value = text != nullptr && strcmp(text, "true") == 0 ? 1 : 0;
-    return cfg_load_bool(context, string_member(object, "id"), value);
+    return cfg_load_bool(context, f.text(f.id), value);
 }
 
-extern "C" cfg_element *json_to_int(cfg *context, json_t *object)
+cfg_element *load_int(cfg *context, const element_fields &f)
 {
-    int value = static_cast<int>(json_integer_value(json_object_get(object, "value")));
-    return cfg_load_int(context, string_member(object, "id"), value);
+    int value = static_cast<int>(json_integer_value(f.at[f.value]));
+    return cfg_load_int(context, f.text(f.id), value);
 }
 
-extern "C" cfg_element *json_to_float(cfg *context, json_t *object)
+cfg_element *load_float(cfg *context, const element_fields &f)
 {
-    const char *text = string_member(object, "value");
+    const char *text = f.text(f.value);
     double value = text != nullptr ? strtod(text, nullptr) : 0.0;
-    return cfg_load_float(context, string_member(object, "id"), value);
+    return cfg_load_float(context, f.text(f.id), value);
 }
 
-extern "C" cfg_element *json_to_string(cfg *context, json_t *object)
+cfg_element *load_string(cfg *context, const element_fields &f)
 {
-    return cfg_load_string(context, string_member(object, "id"),
-                           string_member(object, "value"));
+    return cfg_load_string(context, f.text(f.id), f.text(f.value));
 }
 
 // Pairs of digits, an odd last character ignored; see blob_to_json.
-extern "C" cfg_element *json_to_blob(cfg *context, json_t *object)
+cfg_element *load_blob(cfg *context, const element_fields &f)
 {
-    json_t *value = json_object_get(object, "value");
-    const char *text = json_string_value(value);
-    size_t length = text != nullptr ? json_string_length(value) : 0;
+    const char *text = f.text(f.value);
+    size_t length = text != nullptr ? json_string_length(f.at[f.value]) : 0;
     std::string bytes(length / 2, '\0');
     for (size_t i = 0; i < bytes.size(); i++) {
         int high = fromHex(static_cast<signed char>(text[2 * i]));
         int low = fromHex(static_cast<signed char>(text[2 * i + 1]));
         bytes[i] = static_cast<char>(static_cast<unsigned char>((16 * high + low) & 0xff));
     }
-    return cfg_load_blob(context, string_member(object, "id"), bytes.data(), bytes.size());
+    return cfg_load_blob(context, f.text(f.id), bytes.data(), bytes.size());
+}
+
+} // namespace
+
+extern "C" cfg_element *json_to_bool(cfg *context, json_t *object)
+{
+    return load_bool(context, element_fields(object));
+}
+
+extern "C" cfg_element *json_to_int(cfg *context, json_t *object)
+{
+    return load_int(context, element_fields(object));
+}
+
+extern "C" cfg_element *json_to_float(cfg *context, json_t *object)
+{
+    return load_float(context, element_fields(object));
+}
+
+extern "C" cfg_element *json_to_string(cfg *context, json_t *object)
+{
+    return load_string(context, element_fields(object));
+}
+
+extern "C" cfg_element *json_to_blob(cfg *context, json_t *object)
+{
+    return load_blob(context, element_fields(object));
 }
 
 namespace {
@@ -389,17 +447,15 @@ cfg_element *drop_partial(cfg *context, cfg_element *element)
     return nullptr;
 }
 
-} // namespace
-
 // Entries that are not strings cannot name a member and are left out.
-extern "C" cfg_element *json_to_list(cfg *context, json_t *object)
+cfg_element *load_list(cfg *context, const element_fields &f)
 {
-    cfg_element *list = cfg_load_list(context, string_member(object, "id"));
+    cfg_element *list = cfg_load_list(context, f.text(f.id));
     if (list == nullptr)
         return nullptr;
     size_t i;
     json_t *entry;
-    json_array_foreach(json_object_get(object, "value"), i, entry)
+    json_array_foreach(f.at[f.value], i, entry)
     {
         if (json_is_string(entry) && cfg_load_listid(list, json_string_value(entry)) == nullptr)
             return drop_partial(context, list);
@@ -407,14 +463,14 @@ extern "C" cfg_element *json_to_list(cfg *context, json_t *object)
     return list;
 }
 
-extern "C" cfg_element *json_to_map(cfg *context, json_t *object)
+cfg_element *load_map(cfg *context, const element_fields &f)
 {
-    cfg_element *map = cfg_load_map(context, string_member(object, "id"));
+    cfg_element *map = cfg_load_map(context, f.text(f.id));
     if (map == nullptr)
         return nullptr;
     const char *key;
     json_t *member;
-    json_object_foreach(json_object_get(object, "value"), key, member)
+    json_object_foreach(f.at[f.value], key, member)
     {
         const char *uuid = json_string_value(member);
         if (uuid == nullptr)
@@ -425,34 +481,44 @@ extern "C" cfg_element *json_to_map(cfg *context, json_t *object)
     return map;
 }
 
-extern "C" cfg_element *json_to_reference(cfg *context, json_t *object)
+cfg_element *load_reference(cfg *context, const element_fields &f)
 {
-    return cfg_load_reference(context, string_member(object, "id"),
-                              string_member(object, "value"));
+    return cfg_load_reference(context, f.text(f.id), f.text(f.value));
 }
 
-namespace {
+// The members of a parent link that loading reads.
+struct parent_fields {
+    enum { type, map, name, list, index, count };
+    json_t *at[count];
+
+    explicit parent_fields(json_t *object)
+    {
+        static constexpr const char *names[count] = {"type", "map", "name", "list", "index"};
+        members_named(object, names, at);
+    }
+    const char *text(int field) const { return json_string_value(at[field]); }
+};
 
 // Loads the map and list parent links; reference parents are not loaded.
-// Loads the map and list parent links; false when memory ran out (a link
-// that lacks its ids is skipped).
+// False when memory ran out (a link that lacks its ids is skipped).
 bool load_parents(cfg_element *element, json_t *parents)
 {
     size_t i;
     json_t *parent;
     json_array_foreach(parents, i, parent)
     {
-        const char *kind = string_member(parent, "type");
+        const parent_fields f(parent);
+        const char *kind = f.text(f.type);
         if (kind == nullptr)
             continue;
         if (strcmp(kind, "map") == 0) {
-            const char *map = string_member(parent, "map"), *name = string_member(parent, "name");
+            const char *map = f.text(f.map), *name = f.text(f.name);
             if (map != nullptr && name != nullptr &&
                 cfg_load_mapparent(element, map, name) == nullptr)
                 return false;
         } else if (strcmp(kind, "list") == 0) {
-            auto index = json_integer_value(json_object_get(parent, "index"));
-            const char *list = string_member(parent, "list");
+            auto index = json_integer_value(f.at[f.index]);
+            const char *list = f.text(f.list);
             if (list != nullptr &&
                 cfg_load_listparent(element, list, static_cast<unsigned int>(index)) == nullptr)
                 return false;
@@ -461,25 +527,25 @@ bool load_parents(cfg_element *element, json_t *parents)
     return true;
 }
 
-cfg_element *load_value(cfg *context, json_int_t type, json_t *object)
+cfg_element *load_value(cfg *context, json_int_t type, const element_fields &f)
 {
     switch (type) {
     case CFG_TYPE_BOOL:
-        return json_to_bool(context, object);
+        return load_bool(context, f);
     case CFG_TYPE_INT:
-        return json_to_int(context, object);
+        return load_int(context, f);
     case CFG_TYPE_FLOAT:
-        return json_to_float(context, object);
+        return load_float(context, f);
     case CFG_TYPE_STRING:
-        return json_to_string(context, object);
+        return load_string(context, f);
     case CFG_TYPE_BLOB:
-        return json_to_blob(context, object);
+        return load_blob(context, f);
     case CFG_TYPE_LIST:
-        return json_to_list(context, object);
+        return load_list(context, f);
     case CFG_TYPE_MAP:
-        return json_to_map(context, object);
+        return load_map(context, f);
     case CFG_TYPE_REFERENCE:
-        return json_to_reference(context, object);
+        return load_reference(context, f);
     default:
         return nullptr;
     }
@@ -487,20 +553,34 @@ cfg_element *load_value(cfg *context, json_int_t type, json_t *object)
 
 } // namespace
 
+extern "C" cfg_element *json_to_list(cfg *context, json_t *object)
+{
+    return load_list(context, element_fields(object));
+}
+
+extern "C" cfg_element *json_to_map(cfg *context, json_t *object)
+{
+    return load_map(context, element_fields(object));
+}
+
+extern "C" cfg_element *json_to_reference(cfg *context, json_t *object)
+{
+    return load_reference(context, element_fields(object));
+}
+
 extern "C" cfg_element *json_to_elem(cfg *context, json_t *object)
 {
     if (object == nullptr)
         return nullptr;
-    json_int_t type = json_integer_value(json_object_get(object, "type"));
-    cfg_element *element = load_value(context, type, object);
+    const element_fields f(object);
+    cfg_element *element = load_value(context, json_integer_value(f.at[f.type]), f);
     if (element == nullptr)
         return nullptr;
-    element->generation =
-        static_cast<int>(json_integer_value(json_object_get(object, "generation")));
-    const char *schema = string_member(object, "schema");
+    element->generation = static_cast<int>(json_integer_value(f.at[f.generation]));
+    const char *schema = f.text(f.schema);
     if (schema != nullptr)
         snprintf(element->schema, sizeof element->schema, "%s", schema);
-    if (!load_parents(element, json_object_get(object, "parents")))
+    if (!load_parents(element, f.at[f.parents]))
         return drop_partial(context, element);
     return element;
 }

@@ -108,6 +108,29 @@ TEST_F(ElementJson, DecodesEachType)
     EXPECT_EQ(cfg_find_by_id(ctx, "u"), nullptr);
 }
 
+// Members are found by their whole key, in any order, among others that
+// share a prefix with them.
+TEST_F(ElementJson, MembersFoundByWholeKeyInAnyOrder)
+{
+    json_handle object = parse_json(
+        R"({"ids":"no","parents":[{"typed":"list","name":"k","map":"m-1","type":"map"},)"
+        R"({"list":"l-1","index":3,"type":"list","map":"no"}],)"
+        R"("valued":"no","schema":"s-text","value":"v","type":4,"id":"s-1","generation":7})");
+    cfg_element *e = json_to_elem(ctx, object.get());
+    ASSERT_NE(e, nullptr);
+    EXPECT_STREQ(e->uuid, "s-1");
+    EXPECT_STREQ(e->value.string_value, "v");
+    EXPECT_STREQ(e->schema, "s-text");
+    EXPECT_EQ(e->generation, 7);
+    std::vector<std::string> parents;
+    for (cfg_link *n = e->parents; n != nullptr; n = n->next) {
+        auto *link = static_cast<cfg_parent_link *>(n->data);
+        parents.push_back(std::string(link->uuid) + "/" + std::to_string(link->type) + "/" +
+                          (link->name != nullptr ? link->name : std::to_string(link->index)));
+    }
+    EXPECT_EQ(parents, (std::vector<std::string>{"m-1/8/k", "l-1/7/3"}));
+}
+
 // Found by fuzzing: ids differing only past the 255 kept characters name one
 // element, so the second replaces the first instead of being dropped
 // unindexed (and leaked; the sanitizer build checks).
