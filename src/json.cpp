@@ -410,35 +410,6 @@ cfg_element *load_blob(cfg *context, const element_fields &f)
     return cfg_load_blob(context, f.text(f.id), bytes.data(), bytes.size());
 }
 
-} // namespace
-
-extern "C" cfg_element *json_to_bool(cfg *context, json_t *object)
-{
-    return load_bool(context, element_fields(object));
-}
-
-extern "C" cfg_element *json_to_int(cfg *context, json_t *object)
-{
-    return load_int(context, element_fields(object));
-}
-
-extern "C" cfg_element *json_to_float(cfg *context, json_t *object)
-{
-    return load_float(context, element_fields(object));
-}
-
-extern "C" cfg_element *json_to_string(cfg *context, json_t *object)
-{
-    return load_string(context, element_fields(object));
-}
-
-extern "C" cfg_element *json_to_blob(cfg *context, json_t *object)
-{
-    return load_blob(context, element_fields(object));
-}
-
-namespace {
-
 // Drops an element whose members or parents ran out of memory half loaded:
 // a partial element must not pass for the daemon's.
 cfg_element *drop_partial(cfg *context, cfg_element *element)
@@ -553,20 +524,22 @@ cfg_element *load_value(cfg *context, json_int_t type, const element_fields &f)
 
 } // namespace
 
-extern "C" cfg_element *json_to_list(cfg *context, json_t *object)
-{
-    return load_list(context, element_fields(object));
-}
-
-extern "C" cfg_element *json_to_map(cfg *context, json_t *object)
-{
-    return load_map(context, element_fields(object));
-}
-
-extern "C" cfg_element *json_to_reference(cfg *context, json_t *object)
-{
-    return load_reference(context, element_fields(object));
-}
+// The decoders of one type each, which read their object as json_to_elem
+// reads it.
+#define ZR_ELEMENT_DECODER(name)                                         \
+    extern "C" cfg_element *json_to_##name(cfg *context, json_t *object) \
+    {                                                                    \
+        return load_##name(context, element_fields(object));             \
+    }
+ZR_ELEMENT_DECODER(bool)
+ZR_ELEMENT_DECODER(int)
+ZR_ELEMENT_DECODER(float)
+ZR_ELEMENT_DECODER(string)
+ZR_ELEMENT_DECODER(blob)
+ZR_ELEMENT_DECODER(list)
+ZR_ELEMENT_DECODER(map)
+ZR_ELEMENT_DECODER(reference)
+#undef ZR_ELEMENT_DECODER
 
 extern "C" cfg_element *json_to_elem(cfg *context, json_t *object)
 {
