@@ -442,29 +442,22 @@ std::vector<std::string> link_uuids(cfg_link *head)
     return uuids;
 }
 
-// An element's id as the uuid index hashes it: hashed once for a lookup
-// and the insertion that follows it.
-struct index_key {
-    explicit index_key(const cfg_element *element)
-        : uuid(element->uuid), length(strlen(element->uuid))
-    {
-        HASH_VALUE(uuid, length, hash);
-    }
-    const char *uuid;
-    size_t length;
-    unsigned hash = 0;
-};
+// An element's id as the uuid index hashes it.
+zr::hashed_key index_key(const cfg_element *element)
+{
+    return zr::hashed_key(element->uuid, strlen(element->uuid));
+}
 
-cfg_element *find_indexed(cfg *context, const index_key &key)
+cfg_element *find_indexed(cfg *context, const zr::hashed_key &key)
 {
     cfg_index_entry *entry = nullptr;
-    HASH_FIND_BYHASHVALUE(hh, context->elements, key.uuid, key.length, key.hash, entry);
+    HASH_FIND_BYHASHVALUE(hh, context->elements, key.text, key.length, key.hash, entry);
     return entry != nullptr ? entry->element : nullptr;
 }
 
 // Enters element into the context's uuid index, which must not hold its
 // uuid yet; key is the element's own. False when memory runs out.
-bool add_to_index(cfg *context, cfg_element *element, const index_key &key)
+bool add_to_index(cfg *context, cfg_element *element, const zr::hashed_key &key)
 {
     cfg_index_entry *entry = zr::new_index_entry();
     if (entry == nullptr)
@@ -482,7 +475,8 @@ bool add_to_index(cfg *context, cfg_element *element, const index_key &key)
 
 // indexed_or_freed for an element whose id the index is known not to hold:
 // no lookup is made first.
-cfg_element *absent_indexed_or_freed(cfg *context, cfg_element *element, const index_key &key)
+cfg_element *absent_indexed_or_freed(cfg *context, cfg_element *element,
+                                     const zr::hashed_key &key)
 {
     if (context == nullptr || !add_to_index(context, element, key)) {
         cfg_free_element(context, element);
@@ -496,7 +490,7 @@ cfg_element *absent_indexed_or_freed(cfg *context, cfg_element *element, const i
 // element outside the index, as it always has.
 cfg_element *indexed_or_freed(cfg *context, cfg_element *element)
 {
-    const index_key key(element);
+    const zr::hashed_key key = index_key(element);
     if (context != nullptr && find_indexed(context, key) != nullptr)
         return element;
     return absent_indexed_or_freed(context, element, key);
@@ -527,7 +521,7 @@ cfg_element *index_loaded(cfg *context, cfg_element *element, const char *uuid)
     // keeps it: a longer id is cut, and two that differ only past the cut
     // name the same element.
     copy_uuid(element->uuid, uuid);
-    const index_key key(element);
+    const zr::hashed_key key = index_key(element);
     cfg_element *existing = context != nullptr ? find_indexed(context, key) : nullptr;
     if (existing != nullptr)
         cfg_free_element(context, existing);
@@ -1032,7 +1026,7 @@ extern "C" int cfg_add_elem(cfg *context, cfg_element *element)
 {
     if (context == nullptr || element == nullptr)
         return 0;
-    const index_key key(element);
+    const zr::hashed_key key = index_key(element);
     if (find_indexed(context, key) != nullptr)
         return 0;
     return add_to_index(context, element, key) ? 1 : 0;

@@ -59,6 +59,18 @@ template <typename T> bool hash_added(const T *item)
     return item->hh.tbl != nullptr;
 }
 
+// A key as a uthash table hashes it: hashed once for a lookup and the
+// insertion that may follow it.
+struct hashed_key {
+    hashed_key(const char *text, size_t length) : text(text), length(length)
+    {
+        HASH_VALUE(text, length, hash);
+    }
+    const char *text;
+    size_t length;
+    unsigned hash = 0;
+};
+
 // Doubles a table's buckets once it holds more items than buckets. uthash
 // doubles only when some chain grows long, and settles near two items a
 // bucket; in a large table every item a lookup passes is a cache miss, and

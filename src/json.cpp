@@ -10,7 +10,6 @@
 #include "internal.h"
 #include "schema.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -170,39 +169,36 @@ extern "C" int append_json_config_messages_to_context(cfg *context, json_t *arra
 
 namespace {
 
-// The members of object named in names, found in one pass over the object:
-// no key is hashed, and each member is reached once. found[i] is the member
-// that json_object_get(object, names[i]) gives (keys match with their
+// The members of an object named in names, found in one pass over the
+// object: no key is hashed, and each member is reached once. at[i] is the
+// member that json_object_get(object, names[i]) gives (keys match with their
 // length), or nullptr.
-template <size_t N>
-void members_named(json_t *object, const char *const (&names)[N], json_t *(&found)[N])
-{
-    std::fill(std::begin(found), std::end(found), nullptr);
-    const char *key;
-    size_t length;
-    json_t *member;
-    json_object_keylen_foreach(object, key, length, member)
+template <size_t N> struct named_members {
+    json_t *at[N] = {};
+
+    named_members(json_t *object, const char *const (&names)[N])
     {
-        for (size_t i = 0; i < N; i++)
-            if (strlen(names[i]) == length && memcmp(key, names[i], length) == 0) {
-                found[i] = member;
-                break;
-            }
+        const char *key;
+        size_t length;
+        json_t *member;
+        json_object_keylen_foreach(object, key, length, member)
+        {
+            for (size_t i = 0; i < N; i++)
+                if (strlen(names[i]) == length && memcmp(key, names[i], length) == 0) {
+                    at[i] = member;
+                    break;
+                }
+        }
     }
-}
+    const char *text(size_t field) const { return json_string_value(at[field]); }
+};
 
 // The members of an element object that loading reads.
-struct element_fields {
-    enum { id, value, type, generation, schema, parents, count };
-    json_t *at[count];
-
-    explicit element_fields(json_t *object)
-    {
-        static constexpr const char *names[count] = {"id",         "value",  "type",
-                                                     "generation", "schema", "parents"};
-        members_named(object, names, at);
-    }
-    const char *text(int field) const { return json_string_value(at[field]); }
+struct element_fields : named_members<6> {
+    enum { id, value, type, generation, schema, parents };
+    static constexpr const char *names[] = {"id",         "value",  "type",
+                                            "generation", "schema", "parents"};
+    explicit element_fields(json_t *object) : named_members(object, names) {}
 };
 
 // A copy of the element's link list as uuid strings, in order.
@@ -458,16 +454,10 @@ cfg_element *load_reference(cfg *context, const element_fields &f)
 }
 
 // The members of a parent link that loading reads.
-struct parent_fields {
-    enum { type, map, name, list, index, count };
-    json_t *at[count];
-
-    explicit parent_fields(json_t *object)
-    {
-        static constexpr const char *names[count] = {"type", "map", "name", "list", "index"};
-        members_named(object, names, at);
-    }
-    const char *text(int field) const { return json_string_value(at[field]); }
+struct parent_fields : named_members<5> {
+    enum { type, map, name, list, index };
+    static constexpr const char *names[] = {"type", "map", "name", "list", "index"};
+    explicit parent_fields(json_t *object) : named_members(object, names) {}
 };
 
 // Loads the map and list parent links; reference parents are not loaded.

@@ -158,19 +158,13 @@ template <typename R> void free_table(R *&table)
     clear_table(table, [](R *record) { free_record(record); });
 }
 
-// A key as its table hashes it: cut to the record's key field.
-template <typename R> struct table_key {
-    explicit table_key(const char *text)
-        : text(text), length(strnlen(text, sizeof(R::key) - 1))
-    {
-        HASH_VALUE(text, length, hash);
-    }
-    const char *text;
-    size_t length;
-    unsigned hash = 0;
-};
+// key as R's table hashes it: cut to the record's key field.
+template <typename R> zr::hashed_key table_key(const char *key)
+{
+    return zr::hashed_key(key, strnlen(key, sizeof(R::key) - 1));
+}
 
-template <typename R> R *find_hashed(R *table, const table_key<R> &key)
+template <typename R> R *find_hashed(R *table, const zr::hashed_key &key)
 {
     R *record = nullptr;
     HASH_FIND_BYHASHVALUE(hh, table, key.text, key.length, key.hash, record);
@@ -193,7 +187,7 @@ template <typename R> R *find_or_add(cfg *context, const char *key)
     if (context == nullptr || key == nullptr)
         return nullptr;
     R *&table = table_of<R>(context);
-    const table_key<R> hashed(key);
+    const zr::hashed_key hashed = table_key<R>(key);
     R *record = find_hashed(table, hashed);
     if (record != nullptr)
         return record;
