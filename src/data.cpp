@@ -35,6 +35,7 @@
 #include "entry_pool.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -1165,7 +1166,24 @@ void zr::forget_validation(cfg *context, cfg_element *element)
     if (element == nullptr)
         return;
     box_of(element)->memo.epoch = 0;
-    std::vector<cfg_element *> pending{element};
+    // Most elements have one parent: the climb rarely leaves the array.
+    std::array<cfg_element *, 16> near;
+    size_t near_count = 0;
+    std::vector<cfg_element *> far;
+    auto push = [&](cfg_element *e) {
+        if (near_count < near.size())
+            near[near_count++] = e;
+        else
+            far.push_back(e);
+    };
+    auto pop = [&] {
+        if (!far.empty()) {
+            cfg_element *e = far.back();
+            far.pop_back();
+            return e;
+        }
+        return near_count > 0 ? near[--near_count] : nullptr;
+    };
     auto climb = [&](cfg_element *from, const cfg_parent_link *link) {
         cfg_element *parent = cfg_find_by_id(context, link->uuid);
         if (parent == nullptr)
@@ -1174,12 +1192,11 @@ void zr::forget_validation(cfg *context, cfg_element *element)
             note_touched(parent, from);
         if (box_of(parent)->memo.epoch != 0) {
             box_of(parent)->memo.epoch = 0;
-            pending.push_back(parent);
+            push(parent);
         }
     };
-    while (!pending.empty()) {
-        cfg_element *at = pending.back();
-        pending.pop_back();
+    push(element);
+    while (cfg_element *at = pop()) {
         for (cfg_link *n = at->parents; n != nullptr; n = n->next)
             climb(at, record_of(n));
         if (at->future_parent != nullptr)
