@@ -138,15 +138,14 @@ extern "C" int evaluate_float_condition(cfg_element *element, int op, double val
 
 extern "C" int evaluate_if(cfg *context, cfg_element *map, cfg_schema_element *if_elem)
 {
-    char *path = nullptr;
-    int op = 0, value_type = 0;
-    cfg_schema_value value{};
-    if (context == nullptr || map == nullptr ||
-        !cfg_schema_if_values(if_elem, &path, &op, &value_type, &value, nullptr))
+    if (context == nullptr || map == nullptr || if_elem == nullptr || if_elem->type != CFG_TYPE_IF)
         return 0;
-    zr::cstr_ptr path_copy(path);
-    zr::cstr_ptr text_copy(value_type == 3 ? value.string_value : nullptr);
-    const char *tested_path = path != nullptr ? path : "";
+    // Read in place: nothing here changes the schema.
+    const auto &cond = if_elem->u.cond;
+    const int op = cond.op;
+    const int value_type = cond.value_type;
+    const cfg_schema_value value = cond.value;
+    const char *tested_path = cond.path != nullptr ? cond.path : "";
     tested_element tested = resolve_tested(context, map, tested_path);
     if (!tested.reachable)
         return 0;
