@@ -10,6 +10,7 @@
 // ------------------------------------------------------------------------
 
 #include "memo.h"
+#include "text_tally.h"
 #include "triggers.h"
 
 #include <cstring>
@@ -261,6 +262,16 @@ bool texts_equal(const char *a, const char *b)
 
 // The member uuids of a list, committed members first, then future ones.
 // Copied, because resolving them through the lookup hook may load data.
+// The id fields of a list's member links, then of its future member links.
+std::vector<const char *> member_id_fields(cfg_element *list)
+{
+    std::vector<const char *> uuids;
+    for (cfg_link *head : {list->value.list.members, list->value.list.future_members})
+        for (cfg_link *n = head; n != nullptr; n = n->next)
+            uuids.push_back(static_cast<cfg_parent_link *>(n->data)->uuid);
+    return uuids;
+}
+
 std::vector<std::string> member_uuids(cfg_element *list, bool with_future = true)
 {
     std::vector<std::string> uuids;
@@ -662,75 +673,15 @@ std::vector<std::optional<std::string>> local_item_texts(cfg *context,
     return texts;
 }
 
-// What validator_uniqueness knows of one list and path between validations:
-// the text each member gives and how many members give each text. A walk
-// that looks again only at some members (zr::members_walked_again) knows
-// every other member unchanged since the list was last accounted for, and
-// every run that accounted for the list ran this validator on it after its
-// walk; so the tally stays in step when it takes in those members' texts,
-// provided it was last brought in step no earlier than the run before the
-// list's last accounting (synced against the list's commits).
-class text_tally {
-  public:
-    bool in_step_with(uint64_t commits) const { return synced_ + 1 >= commits; }
-    void synced(uint64_t commits) { synced_ = commits; }
-
-    // Records member's text, replacing what it gave before.
-    void take(const std::string &member, std::optional<std::string> text)
-    {
-        auto held = by_member_.find(member);
-        if (held != by_member_.end()) {
-            drop(held->second);
-            if (!text) {
-                by_member_.erase(held);
-                return;
-            }
-            held->second = std::move(*text);
-            count(held->second);
-            return;
-        }
-        if (text)
-            count(by_member_.emplace(member, std::move(*text)).first->second);
-    }
-    // Records the text of a member not taken before; false, and nothing
-    // recorded, when the member has a text here already.
-    bool take_new(const std::string &member, const std::string &text)
-    {
-        auto [held, added] = by_member_.emplace(member, text);
-        if (added)
-            count(held->second);
-        return added;
-    }
-    bool gives_text(const std::string &member) const { return by_member_.count(member) != 0; }
-    void reserve(size_t members)
-    {
-        by_member_.reserve(members);
-        counts_.reserve(members);
-    }
-    bool has_duplicates() const { return duplicated_ != 0; }
-
-  private:
-    void count(const std::string &text)
-    {
-        if (++counts_[text] == 2)
-            duplicated_++;
-    }
-    void drop(const std::string &text)
-    {
-        auto found = counts_.find(text);
-        if (found == counts_.end())
-            return;
-        if (found->second-- == 2)
-            duplicated_--;
-        if (found->second == 0)
-            counts_.erase(found);
-    }
-
-    uint64_t synced_ = 0;
-    std::unordered_map<std::string, std::string> by_member_;
-    std::unordered_map<std::string, size_t> counts_;
-    size_t duplicated_ = 0; // texts that more than one member gives
-};
+// What validator_uniqueness knows of one list and path between validations
+// is a zr::text_tally. A walk that looks again only at some members
+// (zr::members_walked_again) knows every other member unchanged since the
+// list was last accounted for, and every run that accounted for the list ran
+// this validator on it after its walk; so the tally stays in step when it
+// takes in those members' texts, provided it was last brought in step no
+// earlier than the run before the list's last accounting (synced against
+// the list's commits).
+using zr::text_tally;
 
 struct uniqueness_note : zr::list_note {
     std::unordered_map<std::string, text_tally> by_path;
@@ -768,7 +719,7 @@ bool known_unique(cfg *context, cfg_element *list, const char *path)
 // and texts side by side; a member without text has none). Members listed
 // twice cannot be tallied by member: the tally is dropped then. True when
 // the new tally shows every text given once.
-bool restart_tally(cfg_element *list, const char *path, const std::vector<std::string> &uuids,
+bool restart_tally(cfg_element *list, const char *path, const std::vector<const char *> &uuids,
                    const std::vector<std::optional<std::string>> &texts)
 {
     uniqueness_note &note = uniqueness_note_of(list);
@@ -808,7 +759,10 @@ extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **p
         const bool local = zr::looks_up_locally(context);
         if (local && known_unique(context, element, params[0]))
             return 1;
-        std::vector<std::string> uuids = custom::member_uuids(element);
+        // The link records' own ids: a lookup through the library's hooks
+        // changes no link, and the other hooks get copies.
+        std::vector<const char *> uuids = custom::member_id_fields(element);
+        std::vector<std::string> copies;
         if (uuids.size() < 2) {
             if (local)
                 uniqueness_note_of(element).by_path.erase(params[0]);
@@ -822,10 +776,11 @@ extern "C" int validator_uniqueness(cfg *context, cfg_element *element, char **p
             std::vector<cfg_element *> items;
             for (size_t i = 0; i < uuids.size(); i++)
                 items.push_back(i < remembered ? zr::list_member(context, element, i)
-                                               : cfg_get_by_id(context, uuids[i].c_str()));
+                                               : cfg_get_by_id(context, uuids[i]));
             given = local_item_texts(context, items, params[0]);
         } else {
-            for (const std::string &uuid : uuids) {
+            copies.assign(uuids.begin(), uuids.end());
+            for (const std::string &uuid : copies) {
                 cfg_element *item = cfg_get_by_id(context, uuid.c_str());
                 given.push_back(item_text(context, item, params[0]));
             }
