@@ -18,6 +18,7 @@
 #include "internal.h"
 #include "triggers.h"
 
+#include <atomic>
 #include <cstring>
 #include <pcre.h>
 #include <string>
@@ -35,6 +36,15 @@ namespace {
 
 // Dependents are kept as fixed-size copies of this many bytes.
 constexpr size_t dependent_size = 260;
+
+// Advanced by every removal from any table: a registration known before
+// holds while it stays.
+std::atomic<uint64_t> removals{0};
+
+void removed()
+{
+    removals.fetch_add(1, std::memory_order_relaxed);
+}
 
 template <typename R> R *&table_of(cfg *context);
 template <> cfg_uuid_trigger *&table_of<cfg_uuid_trigger>(cfg *context)
@@ -88,6 +98,7 @@ template <typename Match> bool unlink_first(cfg_link **head, Match matches)
     for (cfg_link **at = head; *at != nullptr; at = &(*at)->next) {
         if (!matches((*at)->data))
             continue;
+        removed();
         cfg_link *node = *at;
         *at = node->next;
         free(node->data);
@@ -126,6 +137,7 @@ template <typename R> void delete_record(cfg *context, R *record)
 {
     R *&table = table_of<R>(context);
     HASH_DEL(table, record);
+    removed();
     free_record(record);
 }
 
@@ -155,6 +167,7 @@ void drop_reverse_entry(cfg *context, const cfg_trigger_entry &entry, const char
 
 template <typename R> void free_table(R *&table)
 {
+    removed();
     clear_table(table, [](R *record) { free_record(record); });
 }
 
@@ -283,6 +296,42 @@ bool add_dependent(cfg_reverse_trigger *reverse, const cfg_trigger_entry &entry,
     return true;
 }
 
+namespace {
+
+// The registration depend_on_uuid made last, while removals stood at
+// removals_then.
+struct uuid_registration {
+    const cfg *context = nullptr;
+    uint64_t removals_then = 0;
+    std::string dependent;
+    std::string key;
+};
+
+thread_local uuid_registration last_registration;
+
+} // namespace
+
+void depend_on_uuid(cfg *context, const char *dependent, const char *key)
+{
+    uuid_registration &last = last_registration;
+    const uint64_t now = removals.load(std::memory_order_relaxed);
+    if (last.context == context && last.removals_then == now && last.dependent == dependent &&
+        last.key == key)
+        return;
+    cfg_reverse_trigger *reverse = find_or_add<cfg_reverse_trigger>(context, dependent);
+    cfg_uuid_trigger *record = find_or_add<cfg_uuid_trigger>(context, key);
+    const bool held = add_dependent(reverse, entry_for(record), dependent) ||
+                      (reverse != nullptr && has_dependent(entry_for(record), dependent));
+    if (!held) {
+        last.context = nullptr;
+        return;
+    }
+    last.context = context;
+    last.removals_then = now;
+    last.dependent = dependent;
+    last.key = key;
+}
+
 // Keeps invariant 3: the dependent and its reverse entry go together.
 bool drop_dependent(cfg *context, const cfg_trigger_entry &entry, const char *uuid)
 {
@@ -313,6 +362,7 @@ void forget_dependent(cfg *context, const char *uuid)
     if (reverse == nullptr)
         return;
     HASH_DEL(context->reverse_triggers, reverse);
+    removed();
     std::string dependent(reverse->key);
     for (cfg_link *n = reverse->triggered_by; n != nullptr; n = n->next) {
         const auto &entry = *static_cast<cfg_trigger_entry *>(n->data);

@@ -32,6 +32,11 @@ bool has_dependent(const cfg_trigger_entry &entry, const char *uuid);
 // reverse (the record keyed by that uuid). False, and nothing changes, when
 // uuid is a dependent already.
 bool add_dependent(cfg_reverse_trigger *reverse, const cfg_trigger_entry &entry, const char *uuid);
+// Makes dependent a dependent of the uuid record under key, as find_or_add
+// of both records and add_dependent do together. Asked again for the pair
+// it registered last, with nothing removed from any table since, it does
+// nothing: a map's second conditional on one element costs no lookup.
+void depend_on_uuid(cfg *context, const char *dependent, const char *key);
 // Removes uuid from the record's dependents together with its reverse entry
 // (a reverse record left empty is freed). True when the record is now empty;
 // the record itself stays in its table.

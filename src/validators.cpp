@@ -68,13 +68,13 @@ std::string absent_key(cfg *context, cfg_element *map, const char *path)
 // (by uuid) or, while it is absent, appears (by path).
 void record_dependency(cfg *context, cfg_element *map, cfg_element *tested, const char *path)
 {
+    if (tested != nullptr) {
+        trig::depend_on_uuid(context, map->uuid, tested->uuid);
+        return;
+    }
     cfg_reverse_trigger *reverse = trig::find_or_add<cfg_reverse_trigger>(context, map->uuid);
-    cfg_trigger_entry entry;
-    if (tested != nullptr)
-        entry = trig::entry_for(trig::find_or_add<cfg_uuid_trigger>(context, tested->uuid));
-    else
-        entry = trig::entry_for(
-            trig::find_or_add<cfg_path_trigger>(context, absent_key(context, map, path).c_str()));
+    cfg_trigger_entry entry = trig::entry_for(
+        trig::find_or_add<cfg_path_trigger>(context, absent_key(context, map, path).c_str()));
     trig::add_dependent(reverse, entry, map->uuid);
 }
 

@@ -44,7 +44,8 @@ cfg_schema_value text(const char *v) { return {.string_value = const_cast<char *
 // Validator paths follow the escaped static path (a locally made element's
 // without its uuid prefix); a condition ties its map to the tested element
 // by uuid, or while it is absent by the static path it would have. Each is
-// registered once; freeing empties every table.
+// registered once; freeing empties every table, and a registration made
+// before does not stand in for one made after.
 TEST(TriggerTables, RegistrationsPrintedAndFreed)
 {
     appliance a;
@@ -80,6 +81,10 @@ TEST(TriggerTables, RegistrationsPrintedAndFreed)
 
     cfg_free_trigger_tables(c);
     EXPECT_EQ(a.trigger_tables(), framed({}));
+    // The pair registered last, registered again once the tables are gone.
+    condition(a, a.conn2, "^^^system.hostname", 3, 3, text("gateway"));
+    EXPECT_EQ(a.trigger_tables(), framed({"host-1 triggers (conn-2)",
+                                          "conn-2 thinks it is triggered by (host-1)"}));
 }
 
 // Entries keep their own key: the record that replaces a freed one under
