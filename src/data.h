@@ -11,20 +11,31 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace zr {
 
 // A 64-bit sum fed piece by piece: each piece's hash folded in FNV-style.
+// A piece of at most eight bytes (a number, a pointer) is hashed in line by
+// a multiply-xorshift mix; longer ones through std::hash.
 class fingerprint {
   public:
     fingerprint &add(const void *data, size_t size)
     {
         std::string_view bytes(static_cast<const char *>(data), size);
-        sum_ = (sum_ ^ std::hash<std::string_view>{}(bytes)) * 0x100000001b3ull;
-        return *this;
+        return fold(std::hash<std::string_view>{}(bytes));
     }
-    template <typename T> fingerprint &add(const T &value) { return add(&value, sizeof value); }
+    template <typename T> fingerprint &add(const T &value)
+    {
+        if constexpr (sizeof(T) <= sizeof(uint64_t) && std::is_trivially_copyable_v<T>) {
+            uint64_t bits = 0;
+            memcpy(&bits, &value, sizeof value);
+            return fold(mix(bits) ^ sizeof value);
+        } else {
+            return add(&value, sizeof value);
+        }
+    }
     fingerprint &text(const char *value)
     {
         return value != nullptr ? add(value, strlen(value) + 1) : add(uint8_t{0xff});
@@ -32,6 +43,18 @@ class fingerprint {
     uint64_t sum() const { return sum_; }
 
   private:
+    static uint64_t mix(uint64_t z)
+    {
+        z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
+        z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
+        return z ^ (z >> 31);
+    }
+    fingerprint &fold(uint64_t piece)
+    {
+        sum_ = (sum_ ^ piece) * 0x100000001b3ull;
+        return *this;
+    }
+
     uint64_t sum_ = 0xcbf29ce484222325ull;
 };
 
