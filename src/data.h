@@ -130,6 +130,19 @@ std::unique_ptr<list_note> &list_note_of(cfg_element *list);
 // they have seen and accounted for it; zero for a new record.
 uint64_t &walk_mark(cfg_element *element);
 
+// Names schema in element's schema field: a copy of the schema element's
+// uuid field, its last byte zero. A field that holds exactly that already
+// is left alone, so a walk over a tree bound before dirties none of the four
+// cache lines of the field.
+inline void bind_schema(cfg_element *element, const cfg_schema_element *schema)
+{
+    constexpr size_t copied = CFG_UUID_SIZE - 1;
+    if (element->schema[copied] == '\0' && memcmp(element->schema, schema->uuid, copied) == 0)
+        return;
+    memcpy(element->schema, schema->uuid, copied);
+    element->schema[copied] = '\0';
+}
+
 // Starts fetching what a pass over many records reads of element: its id,
 // schema id, type and flags, and the walk's mark and memo beside them.
 void prefetch_record(const cfg_element *element);

@@ -243,8 +243,7 @@ void populate_node(population &run, cfg_element *element, cfg_schema_element *sc
         return;
     if (run.populated != nullptr && (*run.populated)(element, schema))
         return;
-    memcpy(element->schema, schema->uuid, CFG_UUID_SIZE);
-    element->schema[CFG_UUID_SIZE - 1] = '\0';
+    zr::bind_schema(element, schema);
     within(run, element, schema, created, [&] {
         if (element->type == CFG_TYPE_MAP)
             populate_members(run, element, schema);

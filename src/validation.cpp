@@ -597,8 +597,7 @@ int validate_node_in(validation_context *vctx, cfg *context, cfg_element *elemen
         schema_walk::report(context, fault, element);
         return 0;
     }
-    memcpy(element->schema, schema->uuid, CFG_UUID_SIZE);
-    element->schema[CFG_UUID_SIZE - 1] = '\0';
+    zr::bind_schema(element, schema);
     const size_t taints = memo != nullptr ? memo->taints() : 0;
     int valid = validate_by_type(vctx, context, element, schema, walk) &&
                 run_validators(vctx, context, element, schema);
