@@ -8,19 +8,23 @@
 // the valid data and refuse each planted invalid entry, so that a speed-up
 // can never come from validating less.
 //
-// Run by hand: build/bench/zrconfig_peer_bench [n...] (default 1000 10000
-// 100000); the YANG module is read from the source tree.
+// Run by hand: build/bench/zrconfig_peer_bench [--repeat=K] [n...] (default
+// 1000 10000 100000, each side three times in turn, medians printed); the
+// YANG module is read from the source tree.
 #include <zrconfig.h>
 #include <zrutil.h>
 
 #include <libyang/libyang.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <malloc.h>
 #include <sstream>
 #include <string>
@@ -572,15 +576,49 @@ theirs_measured measure_theirs(unsigned n, const std::string &yang, unsigned edi
     return m;
 }
 
-void run(unsigned n)
+// The median of field over the runs; the first run's record otherwise
+// (heap figures, which do not vary).
+template <typename T>
+T medians(const std::vector<T> &runs, std::initializer_list<double T::*> fields)
+{
+    T result = runs.front();
+    for (double T::*field : fields) {
+        std::vector<double> values;
+        for (const T &r : runs)
+            values.push_back(r.*field);
+        std::sort(values.begin(), values.end());
+        const size_t middle = values.size() / 2;
+        result.*field = values.size() % 2 == 1 ? values[middle]
+                                               : (values[middle - 1] + values[middle]) / 2;
+    }
+    for (const T &r : runs)
+        result.ok = result.ok && r.ok;
+    return result;
+}
+
+// Each side runs repeat times, the two sides in turn, so that a change in
+// the machine's pace meets both; every time printed is a median.
+void run(unsigned n, unsigned repeat)
 {
     std::vector<entry> entries = make_entries(n, fault::none);
     const std::string answer = daemon_answer(entries), yang = yang_json(entries);
     const unsigned edited = n / 2 + 1, renamed = n / 3;
-    const ours_measured o = in_child<ours_measured>(
-        [&] { return measure_ours(n, answer, edited, renamed); });
-    const theirs_measured t = in_child<theirs_measured>(
-        [&] { return measure_theirs(n, yang, edited, renamed); });
+    std::vector<ours_measured> our_runs;
+    std::vector<theirs_measured> their_runs;
+    for (unsigned r = 0; r < repeat; r++) {
+        our_runs.push_back(in_child<ours_measured>(
+            [&] { return measure_ours(n, answer, edited, renamed); }));
+        their_runs.push_back(in_child<theirs_measured>(
+            [&] { return measure_theirs(n, yang, edited, renamed); }));
+    }
+    const ours_measured o =
+        medians(our_runs, {&ours_measured::parse, &ours_measured::decode, &ours_measured::full,
+                           &ours_measured::mode_after_full, &ours_measured::rename,
+                           &ours_measured::mode_clean, &ours_measured::flag_walk});
+    const theirs_measured t =
+        medians(their_runs, {&theirs_measured::parse, &theirs_measured::full,
+                             &theirs_measured::mode, &theirs_measured::rename,
+                             &theirs_measured::parse_validate});
 
     print_rows(n, {
         {"load, ms (ours: json_loads + json_to_elem)", o.parse + o.decode, t.parse},
@@ -636,11 +674,17 @@ int main(int argc, char **argv)
         return 1;
     }
     std::vector<unsigned> sizes;
-    for (int i = 1; i < argc; i++)
-        sizes.push_back(static_cast<unsigned>(strtoul(argv[i], nullptr, 10)));
+    unsigned repeat = 3;
+    for (int i = 1; i < argc; i++) {
+        if (strncmp(argv[i], "--repeat=", 9) == 0)
+            repeat = std::max(1u, static_cast<unsigned>(strtoul(argv[i] + 9, nullptr, 10)));
+        else
+            sizes.push_back(static_cast<unsigned>(strtoul(argv[i], nullptr, 10)));
+    }
     if (sizes.empty())
         sizes = {1000, 10000, 100000};
+    printf("each time below: the median of %u runs, ours and libyang's in turn\n", repeat);
     for (unsigned n : sizes)
-        run(n);
+        run(n, repeat);
     return 0;
 }
