@@ -43,25 +43,31 @@ void shift_back(std::vector<Slot> &slots, size_t hole, Used used, Home home)
 
 } // namespace
 
+// The slot that holds member, or the free slot where it would go; the
+// table is not empty.
+size_t text_tally::member_slot_of(std::string_view member, uint64_t hash) const
+{
+    const size_t mask = members_.size() - 1;
+    size_t i = hash & mask;
+    while (members_[i].used && !(members_[i].id_hash == hash && id_of(members_[i]) == member))
+        i = (i + 1) & mask;
+    return i;
+}
+
 size_t text_tally::find_member(std::string_view member, uint64_t hash) const
 {
     if (members_.empty())
         return members_.size();
-    const size_t mask = members_.size() - 1;
-    for (size_t i = hash & mask; members_[i].used; i = (i + 1) & mask)
-        if (members_[i].id_hash == hash && id_of(members_[i]) == member)
-            return i;
-    return members_.size();
+    const size_t i = member_slot_of(member, hash);
+    return members_[i].used ? i : members_.size();
 }
 
+// Adds a member the table does not hold.
 void text_tally::add_member(std::string_view member, uint64_t hash, uint64_t text_hash)
 {
     if ((members_used_ + 1) * 2 > members_.size())
         rebuild_members(table_size_for(members_used_ + 1));
-    const size_t mask = members_.size() - 1;
-    size_t i = hash & mask;
-    while (members_[i].used)
-        i = (i + 1) & mask;
+    const size_t i = member_slot_of(member, hash);
     members_[i] = {hash, text_hash, ids_.size(), static_cast<uint32_t>(member.size()), true};
     ids_.append(member);
     members_used_++;
@@ -100,25 +106,27 @@ void text_tally::grow_counts(size_t size)
 {
     std::vector<count_slot> old(size);
     old.swap(counts_);
+    for (const count_slot &slot : old)
+        if (slot.members != 0)
+            counts_[count_slot_of(slot.text_hash)] = slot;
+}
+
+// The slot that counts text_hash, or the free slot where it would go; the
+// table is not empty.
+size_t text_tally::count_slot_of(uint64_t text_hash) const
+{
     const size_t mask = counts_.size() - 1;
-    for (const count_slot &slot : old) {
-        if (slot.members == 0)
-            continue;
-        size_t i = slot.text_hash & mask;
-        while (counts_[i].members != 0)
-            i = (i + 1) & mask;
-        counts_[i] = slot;
-    }
+    size_t i = text_hash & mask;
+    while (counts_[i].members != 0 && counts_[i].text_hash != text_hash)
+        i = (i + 1) & mask;
+    return i;
 }
 
 void text_tally::count(uint64_t text_hash)
 {
     if ((counts_used_ + 1) * 2 > counts_.size())
         grow_counts(table_size_for(counts_used_ + 1));
-    const size_t mask = counts_.size() - 1;
-    size_t i = text_hash & mask;
-    while (counts_[i].members != 0 && counts_[i].text_hash != text_hash)
-        i = (i + 1) & mask;
+    const size_t i = count_slot_of(text_hash);
     if (counts_[i].members == 0) {
         counts_[i] = {text_hash, 1};
         counts_used_++;
@@ -132,16 +140,14 @@ void text_tally::drop(uint64_t text_hash)
 {
     if (counts_.empty())
         return;
-    const size_t mask = counts_.size() - 1;
-    size_t i = text_hash & mask;
-    while (counts_[i].members != 0 && counts_[i].text_hash != text_hash)
-        i = (i + 1) & mask;
+    const size_t i = count_slot_of(text_hash);
     if (counts_[i].members == 0)
         return;
     if (counts_[i].members-- == 2)
         duplicated_--;
     if (counts_[i].members != 0)
         return;
+    const size_t mask = counts_.size() - 1;
     shift_back(
         counts_, i, [](const count_slot &s) { return s.members != 0; },
         [mask](const count_slot &s) { return s.text_hash & mask; });

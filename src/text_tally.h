@@ -48,9 +48,11 @@ class text_tally {
         uint32_t members = 0; // 0: the slot is free
     };
 
+    size_t member_slot_of(std::string_view member, uint64_t hash) const;
     size_t find_member(std::string_view member, uint64_t hash) const;
     void add_member(std::string_view member, uint64_t hash, uint64_t text_hash);
     void erase_member(size_t at);
+    size_t count_slot_of(uint64_t text_hash) const;
     void count(uint64_t text_hash);
     void drop(uint64_t text_hash);
     void rebuild_members(size_t size);
