@@ -8,6 +8,7 @@
 #define HASH_NONFATAL_OOM 1
 #define uthash_nonfatal_oom(obj) (hash_oom = true)
 #include "internal.h"
+#include "common.h"
 #include "schema.h"
 
 #include <cerrno>
@@ -535,6 +536,7 @@ extern "C" cfg_element *json_to_elem(cfg *context, json_t *object)
 {
     if (object == nullptr)
         return nullptr;
+    zr::merge_freed_blocks(); // what the caller released of the answer so far
     const element_fields f(object);
     cfg_element *element = load_value(context, json_integer_value(f.at[f.type]), f);
     if (element == nullptr)

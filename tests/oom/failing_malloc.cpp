@@ -117,6 +117,11 @@ void *operator new(size_t size)
     return p;
 }
 void *operator new[](size_t size) { return operator new(size); }
+void *operator new(size_t size, const std::nothrow_t &) noexcept
+{
+    resolve();
+    return next_malloc(size != 0 ? size : 1);
+}
 void operator delete(void *p) noexcept { free(p); }
 void operator delete[](void *p) noexcept { free(p); }
 void operator delete(void *p, size_t) noexcept { free(p); }
