@@ -1,4 +1,4 @@
-// Lookups that the areas above the context share.
+// Lookups and allocator help that the areas above the context share.
 #ifndef ZRCONFIG_COMMON_H
 #define ZRCONFIG_COMMON_H
 
@@ -33,7 +33,7 @@ void local_answers(cfg *context, const char *const *uuids, size_t count, cfg_ele
 // handing it back merges them while they are still in cache, so the records
 // made next fill the space they left. Loading element by element while the
 // caller releases the answer item by item keeps the tree compact this way.
-// Under another allocator it is one malloc and one free.
+// Under another allocator it is one scratch allocation and its release.
 void merge_freed_blocks();
 
 } // namespace zr
