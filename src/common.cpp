@@ -229,7 +229,6 @@ extern "C" unsigned int cfg_element_is_deleted(cfg_element *element)
     return element->flags & CFG_FLAG_DELETED;
 }
 
-// Makes a version-1 uuid and overwrites its first and last digits with braces.
 namespace {
 
 // One generator per thread: making a generator probes the network
@@ -246,27 +245,39 @@ struct uuid_generator {
     uuid_generator &operator=(const uuid_generator &) = delete;
 };
 
+// Writes the standard text form of 16 uuid bytes and its terminator:
+// lower-case hex in groups of 8-4-4-4-12, as the uuid library's string
+// export writes it, without that export's per-digit arithmetic.
+void format_uuid_text(const unsigned char (&bytes)[UUID_LEN_BIN], char *out)
+{
+    static const char digits[] = "0123456789abcdef";
+    for (size_t i = 0; i < UUID_LEN_BIN; i++) {
+        if (i == 4 || i == 6 || i == 8 || i == 10)
+            *out++ = '-';
+        *out++ = digits[bytes[i] >> 4];
+        *out++ = digits[bytes[i] & 0x0f];
+    }
+    *out = '\0';
+}
+
 } // namespace
 
+// Makes a version-1 uuid and overwrites its first and last digits with braces.
 extern "C" int gen_uuid(char *out)
 {
     thread_local uuid_generator generator;
-    char text[UUID_LEN_STR + 1];
-    void *buffer = text;
-    size_t text_len = sizeof text;
+    unsigned char bytes[UUID_LEN_BIN];
+    void *buffer = bytes;
+    size_t bytes_len = sizeof bytes;
     if (generator.uuid == nullptr || uuid_make(generator.uuid, UUID_MAKE_V1) != UUID_RC_OK ||
-        uuid_export(generator.uuid, UUID_FMT_STR, &buffer, &text_len) != UUID_RC_OK) {
+        uuid_export(generator.uuid, UUID_FMT_BIN, &buffer, &bytes_len) != UUID_RC_OK) {
         out[0] = '\0';
         return 0;
     }
-    text[UUID_LEN_STR] = '\0';
-    size_t len = strlen(text);
-    memcpy(out, text, len + 1);
-    if (len > 0) {
-        out[0] = '{';
-        out[len - 1] = '}';
-    }
-    return static_cast<int>(len);
+    format_uuid_text(bytes, out);
+    out[0] = '{';
+    out[UUID_LEN_STR - 1] = '}';
+    return UUID_LEN_STR;
 }
 
 extern "C" int uuidcmp(const char *a, const char *b)
