@@ -24,6 +24,10 @@
 //   1. Between pushes the stored elements equal the daemon's model: every
 //      change reaches both, or neither (a push is one transaction).
 //   2. The positions of one parent's members run 0, 1, 2 ... without gaps.
+//   3. No cached statement is left standing on a row: one that is keeps a
+//      read transaction open, and the write-ahead log can then never be
+//      checkpointed and grows with every push. Lookups of one row reset
+//      their statement before returning.
 #define ZRD_SOURCE "daemon/store"
 #include "store.h"
 
@@ -258,9 +262,11 @@ std::optional<std::string> store::meta(const char *key)
     if (st == nullptr)
         return std::nullopt;
     bind_text(st, 1, key);
-    if (sqlite3_step(st) != SQLITE_ROW)
-        return std::nullopt;
-    return std::string(column_text(st, 0));
+    std::optional<std::string> value;
+    if (sqlite3_step(st) == SQLITE_ROW)
+        value = column_text(st, 0);
+    sqlite3_reset(st); // invariant 3
+    return value;
 }
 
 bool store::set_meta(const char *key, const std::string &value)
@@ -330,7 +336,9 @@ bool store::has_element(const char *id)
     if (st == nullptr)
         return false;
     bind_text(st, 1, id);
-    return sqlite3_step(st) == SQLITE_ROW;
+    bool found = sqlite3_step(st) == SQLITE_ROW;
+    sqlite3_reset(st); // invariant 3
+    return found;
 }
 
 // Loads the rows that filter selects (every row when ids is empty, else

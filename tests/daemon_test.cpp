@@ -403,6 +403,27 @@ TEST_F(Daemon, AcknowledgedPushesSurviveSigkill)
         EXPECT_EQ(names[initial + static_cast<size_t>(i)], "c" + std::to_string(i));
 }
 
+// A daemon restarted on its database keeps checkpointing the write-ahead
+// log into the database file: past the first checkpoint the log is reused,
+// instead of growing with every push for as long as the daemon runs.
+TEST_F(Daemon, WriteAheadLogStopsGrowingAfterARestart)
+{
+    daemon_process d;
+    d.stop();
+    ASSERT_TRUE(d.start());
+    client c(d);
+    std::string wal = d.dir().file("config.db-wal");
+    auto commits_then_log_size = [&](int count) {
+        for (int i = 0; i < count; i++)
+            if (commit_string(c, "system.hostname", ("fw" + std::to_string(i)).c_str()) != 1)
+                return std::uintmax_t{0};
+        return std::filesystem::file_size(wal);
+    };
+    std::uintmax_t first = commits_then_log_size(300);
+    ASSERT_GT(first, 0u);
+    EXPECT_LT(commits_then_log_size(300), first + first / 4);
+}
+
 TEST_F(Daemon, StartRefusesInvalidDataAndNeverDisplacesALiveDaemon)
 {
     temp_dir dir;
