@@ -33,7 +33,11 @@
 
 #include <sqlite3.h>
 
+#include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace zrd {
 
@@ -170,8 +174,31 @@ void bind_condition(sqlite3_stmt *st, cfg_condition *c, int &index)
 
 } // namespace
 
+// Takes the database for this process alone: a second daemon on the same
+// file would answer from a model that the first one's pushes have left
+// behind, and overwrite them without a conflict. The lock (flock, apart
+// from SQLite's own fcntl locks) lasts while fd stays open.
+static int lock_database(const std::string &path, std::string &error)
+{
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        error = "cannot open database " + path + ": " + strerror(errno);
+        return -1;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0)
+        return fd;
+    error = errno == EWOULDBLOCK
+                ? "database " + path + " is in use by another zrconfigd; stop that one first"
+                : "cannot lock database " + path + ": " + strerror(errno);
+    close(fd);
+    return -1;
+}
+
 std::unique_ptr<store> store::open(const std::string &path, std::string &error)
 {
+    int lock_fd = lock_database(path, error);
+    if (lock_fd < 0)
+        return nullptr;
     sqlite3 *db = nullptr;
     int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
                                                     SQLITE_OPEN_FULLMUTEX,
@@ -180,13 +207,17 @@ std::unique_ptr<store> store::open(const std::string &path, std::string &error)
         error = std::string("cannot open database ") + path + ": " +
                 (db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
         sqlite3_close(db);
+        close(lock_fd);
         return nullptr;
     }
-    std::unique_ptr<store> s(new store(db));
+    std::unique_ptr<store> s(new store(db, lock_fd));
     sqlite3_busy_timeout(db, 5000);
     if (!s->exec("PRAGMA journal_mode=WAL") || !s->exec("PRAGMA synchronous=FULL") ||
         !s->exec(create_tables)) {
-        error = s->error_;
+        error = "cannot use database " + path + ": " + s->error_;
+        int code = sqlite3_errcode(db);
+        if (code == SQLITE_READONLY || code == SQLITE_CANTOPEN)
+            error += " (the daemon must be able to write the database and its directory)";
         return nullptr;
     }
     return s;
@@ -197,6 +228,7 @@ store::~store()
     for (auto &[sql, st] : statements_)
         sqlite3_finalize(st);
     sqlite3_close(db_);
+    close(lock_fd_); // only now: closing a descriptor of the file drops SQLite's locks
 }
 
 bool store::fail(const char *what)

@@ -26,7 +26,8 @@ struct subscription {
 class store {
   public:
     // Opens (creating when missing) the database at path in WAL mode with
-    // synchronous=FULL; null with error set on failure.
+    // synchronous=FULL, locked against other daemons; null with error set
+    // on failure.
     static std::unique_ptr<store> open(const std::string &path, std::string &error);
     ~store();
     store(const store &) = delete;
@@ -72,7 +73,7 @@ class store {
                 const std::vector<std::string> &fields, std::vector<std::string> &ids);
 
   private:
-    explicit store(sqlite3 *db) : db_(db) {}
+    store(sqlite3 *db, int lock_fd) : db_(db), lock_fd_(lock_fd) {}
     sqlite3_stmt *prepare(const std::string &sql);
     bool exec(const char *sql);
     bool fail(const char *what);
@@ -80,6 +81,7 @@ class store {
     bool load_links(cfg *ctx, const std::vector<std::string> &ids, bool all);
 
     sqlite3 *db_;
+    int lock_fd_; // holds the database's flock for this process
     std::map<std::string, sqlite3_stmt *> statements_;
     std::string error_;
 };

@@ -438,10 +438,29 @@ TEST_F(Daemon, StartRefusesInvalidDataAndNeverDisplacesALiveDaemon)
               std::string::npos)
         << read_file(log);
 
+    // Neither on its socket nor on its database: a second daemon serving the
+    // same file would overwrite the first one's pushes.
     daemon_process live;
-    EXPECT_EQ(exit_status(spawn({ZRCONFIGD_PATH, "--socket", live.socket_path(), "--db",
-                                 dir.file("other.db"), "--schema", appliance_file("schema.json"),
-                                 "--foreground"}, log)), 1);
+    std::string live_db = live.dir().file("config.db"), text = dir.file("notes.txt");
+    std::ofstream(text) << std::string(200, 'x');
+    struct start {
+        std::string socket, db, says;
+    };
+    const start refused[] = {
+        {live.socket_path(), dir.file("other.db"), "another daemon answers on"},
+        {dir.file("second.sock"), live_db, "database " + live_db + " is in use"},
+        {dir.file("third.sock"), text, "database " + text + ": file is not a database"},
+        {dir.file("fourth.sock"), dir.path(), "database " + dir.path() + ": Is a directory"},
+    };
+    for (const start &r : refused) {
+        unlink(log.c_str());
+        pid_t pid = spawn({ZRCONFIGD_PATH, "--socket", r.socket, "--db", r.db, "--schema",
+                           appliance_file("schema.json"), "--data", appliance_file("config.json"),
+                           "--foreground"},
+                          log);
+        EXPECT_EQ(exit_status_within(pid, 10), 1);
+        EXPECT_NE(read_file(log).find(r.says), std::string::npos) << read_file(log);
+    }
     client c(live);
     EXPECT_EQ(string_at(c, "system.hostname"), "fw1");
 }

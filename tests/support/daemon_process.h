@@ -56,6 +56,22 @@ inline int exit_status(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Waits at most seconds for pid to end, else stops it with SIGTERM first (a
+// daemon that should have refused to start); its exit status, or -1.
+inline int exit_status_within(pid_t pid, int seconds)
+{
+    int status = 0;
+    for (int i = 0; pid > 0 && i < seconds * 40; i++) {
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done != 0)
+            return done == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    if (pid > 0)
+        kill(pid, SIGTERM);
+    return exit_status(pid);
+}
+
 inline std::string appliance_file(const char *name)
 {
     return std::string(ZR_SOURCE_DIR) + "/examples/appliance/" + name;
