@@ -97,6 +97,33 @@ TEST_F(Zrcfg, ExportThenApplyChangesNothingAndAChangedDocumentCommits)
     EXPECT_EQ(zrcfg(d, {"get", "network.conns[3]"}).status, 1);
 }
 
+// A daemon that dies before answering a commit leaves the outcome unknown:
+// zrcfg says so and exits as for an unreachable daemon, not as refused.
+TEST_F(Zrcfg, CommitWithoutAnAnswerIsReportedAsUnknown)
+{
+    daemon_process d;
+    std::string started = d.dir().file("started");
+    {
+        client c(d);
+        texts args{"-c", "touch " + started + "; exec sleep 5"};
+        std::vector<char *> argv = c_strings(args);
+        char *none[] = {nullptr};
+        ASSERT_EQ(cfg_subscribe(c, "slow", 0, none, none, none, "/bin/sh", argv.data()), 1);
+    }
+    std::string err = d.dir().file("set.err");
+    pid_t set = spawn({ZRCFG_PATH, "--socket", d.socket_path(), "set", "system.hostname", "fw7"},
+                      err);
+    for (int i = 0; i < 400 && access(started.c_str(), F_OK) != 0; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    d.kill_now();
+    EXPECT_EQ(exit_status_within(set, 10), 3);
+    EXPECT_NE(read_file(err).find("error: zrconfigd gave no answer to the commit"),
+              std::string::npos)
+        << read_file(err);
+    ASSERT_TRUE(d.start());
+    EXPECT_EQ(value_at(d, "system.hostname"), "fw7\n") << "stored before the subscriber ran";
+}
+
 TEST_F(Zrcfg, SearchJoinsConditions)
 {
     daemon_process d;

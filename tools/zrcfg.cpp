@@ -169,7 +169,12 @@ int push(const session &s, int changes)
     outcome checked = s.validate_changed();
     if (!checked)
         return conclude(checked);
-    return conclude(s.commit());
+    outcome committed = s.commit();
+    // A refusal always says why; silence means the answer never came.
+    if (!committed && committed.messages.empty())
+        return fail(unreachable, "zrconfigd gave no answer to the commit (did it stop?); "
+                                 "check with 'zrcfg get' whether the change was made");
+    return conclude(committed);
 }
 
 // A value for people: scalars as they are, everything else as JSON.
