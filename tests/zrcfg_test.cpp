@@ -3,6 +3,8 @@
 #include "context.h"
 #include "daemon_process.h"
 
+#include <fstream>
+
 namespace zrtest {
 namespace {
 
@@ -68,8 +70,22 @@ TEST_F(Zrcfg, GetSetDeleteAndAddRoundTripAndRefusalsCommitNothing)
 TEST(ZrcfgUsage, ExitStatusForUsageAndUnreachableDaemon)
 {
     temp_dir dir;
-    std::string dead = dir.file("nobody.sock");
-    EXPECT_EQ(zrcfg(dir, {"--socket", dead, "get", "system.hostname"}).status, 3);
+    std::string plain = dir.file("plain");
+    std::ofstream(plain) << "not a socket";
+    // Why the daemon cannot be reached, and what to look at.
+    const std::pair<std::string, std::string> unreachable[] = {
+        {dir.file("nobody.sock"), "no socket there: is zrconfigd running"},
+        {plain, "nothing listens there"},
+    };
+    for (const auto &[socket, says] : unreachable) {
+        run_result r = zrcfg(dir, {"--socket", socket, "get", "system.hostname"});
+        EXPECT_EQ(r.status, 3) << socket;
+        EXPECT_EQ(r.err.find("error: cannot reach zrconfigd at " + socket + ": " + says), 0u)
+            << r.err;
+    }
+    run_result long_path = zrcfg(dir, {"--socket", dir.file(std::string(120, 's')), "get", "x"});
+    EXPECT_EQ(long_path.status, 2);
+    EXPECT_NE(long_path.err.find("socket path is too long"), std::string::npos) << long_path.err;
     for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
              {}, {"bogus"}, {"get"}, {"set", "system.hostname"}, {"--nope", "get", "x"}})
         EXPECT_EQ(zrcfg(dir, args).status, 2) << (args.empty() ? "" : args[0]);

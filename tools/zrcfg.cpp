@@ -12,6 +12,7 @@
 #include <zrutil.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <condition_variable>
@@ -21,6 +22,8 @@
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
@@ -531,6 +534,33 @@ const command commands[] = {
      "its type and constraints.\n"},
 };
 
+// Why no session could be opened on the socket at path, and what to check:
+// found by connecting again, since the library keeps the reason to itself.
+std::string why_unreachable(const std::string &path)
+{
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.data(), path.size());
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int rc = fd < 0 ? -1 : connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+    int error = errno;
+    if (fd >= 0)
+        close(fd);
+    if (rc == 0)
+        return "it refused the session (this user may not be allowed to use it, or it serves "
+               "too many sessions: see its log)";
+    switch (error) {
+    case ENOENT:
+        return "no socket there: is zrconfigd running, and is this its --socket?";
+    case ECONNREFUSED:
+        return "nothing listens there: zrconfigd is not running";
+    case EACCES:
+        return "permission denied: run as the daemon's user, root, or a member of its --group";
+    default:
+        return strerror(error);
+    }
+}
+
 // Library log lines are for operators who ask for them (ZRLOG_LEVEL).
 void quiet_library_log()
 {
@@ -598,11 +628,16 @@ int main(int argc, char **argv)
         fputs(cmd->help, stderr);
         return usage_error;
     }
+    if (opts.socket.size() >= sizeof(sockaddr_un::sun_path))
+        return fail(usage_error, "the socket path is too long (at most " +
+                                     std::to_string(sizeof(sockaddr_un::sun_path) - 1) +
+                                     " bytes): " + opts.socket);
     quiet_library_log();
     spinner.start();
     session s(opts.socket, "zrcfg");
     if (!s)
-        return fail(unreachable, "cannot reach zrconfigd at " + opts.socket);
+        return fail(unreachable,
+                    "cannot reach zrconfigd at " + opts.socket + ": " + why_unreachable(opts.socket));
     code = cmd->run(inv, s);
     spinner.stop();
     return code;
