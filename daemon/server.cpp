@@ -20,6 +20,7 @@
 #include <poll.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -320,7 +321,14 @@ void server::run(int stop_fd)
         socklen_t len = sizeof s->peer;
         getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &s->peer, &len);
         session *raw = s.get();
-        s->thread = std::thread([this, raw] { serve(*raw); });
+        try {
+            s->thread = std::thread([this, raw] { serve(*raw); });
+        } catch (const std::system_error &e) {
+            ZRD_LOG(LOG_WARNING, "cannot start a session thread (%s); refusing a connection",
+                    e.what());
+            close(fd);
+            continue;
+        }
         sessions_.push_back(std::move(s));
     }
     stopping_ = true;

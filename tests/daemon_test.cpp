@@ -6,7 +6,9 @@
 #include <atomic>
 #include <functional>
 #include <fstream>
+#include <grp.h>
 #include <random>
+#include <sys/resource.h>
 
 namespace zrtest {
 namespace {
@@ -463,6 +465,60 @@ TEST_F(Daemon, StartRefusesInvalidDataAndNeverDisplacesALiveDaemon)
     }
     client c(live);
     EXPECT_EQ(string_at(c, "system.hostname"), "fw1");
+}
+
+// Starts the daemon on a new database in dir as uid and gid 65534, with at
+// most `threads` processes and threads for that user; its pid once it
+// accepts connections, else -1.
+pid_t start_as_nobody_with_few_threads(const temp_dir &dir, rlim_t threads)
+{
+    chmod(dir.path().c_str(), 0777);
+    std::string socket = dir.file("s"), db = dir.file("db"), log = dir.file("log");
+    std::string schema = appliance_file("schema.json"), data = appliance_file("config.json");
+    pid_t pid = fork();
+    if (pid == 0) {
+        struct rlimit few = {threads, threads};
+        int err = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
+        if (err < 0 || dup2(err, STDERR_FILENO) < 0 || setgroups(0, nullptr) != 0 ||
+            setgid(65534) != 0 || setuid(65534) != 0 || setrlimit(RLIMIT_NPROC, &few) != 0)
+            _exit(127);
+        execl(ZRCONFIGD_PATH, ZRCONFIGD_PATH, "--socket", socket.c_str(), "--db", db.c_str(),
+              "--schema", schema.c_str(), "--data", data.c_str(), "--foreground", nullptr);
+        _exit(127);
+    }
+    for (int i = 0; pid > 0 && i < 1200; i++) {
+        int fd = connect_unix(socket);
+        if (fd >= 0)
+            return close(fd) == 0 ? pid : -1;
+        if (waitpid(pid, nullptr, WNOHANG) == pid)
+            return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    return -1;
+}
+
+// A connection the daemon cannot start a session thread for is turned away;
+// the daemon serves on.
+TEST_F(Daemon, ConnectionsBeyondItsThreadsAreTurnedAway)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to run the daemon as another user";
+    temp_dir dir;
+    pid_t pid = start_as_nobody_with_few_threads(dir, 12);
+    ASSERT_GT(pid, 0) << read_file(dir.file("log"));
+    std::vector<int> held;
+    for (int i = 0; i < 40; i++)
+        held.push_back(connect_unix(dir.file("s")));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    for (int fd : held)
+        close(fd);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // ended sessions are reaped
+    {
+        session c(dir.file("s"));
+        EXPECT_EQ(string_at(c, "system.hostname"), "fw1") << read_file(dir.file("log"));
+    }
+    kill(pid, SIGTERM);
+    EXPECT_EQ(exit_status_within(pid, 10), 0) << read_file(dir.file("log"));
 }
 
 TEST_F(Daemon, RefusesPeersOutsideItsUsersAndGroup)
