@@ -20,8 +20,8 @@
 #include <poll.h>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <system_error>
 #include <sys/un.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace zrd {
@@ -294,6 +294,23 @@ void server::reap(bool all)
         s->thread.join();
 }
 
+// Out of descriptors or memory, the waiting connection stays queued and the
+// socket stays readable: without a pause the loop would spin until a session
+// ends. Warns once for each stretch of such failures.
+void server::wait_after_failed_accept(int error, int stop_fd)
+{
+    if (error != EMFILE && error != ENFILE && error != ENOBUFS && error != ENOMEM) {
+        accept_failing_ = false;
+        return;
+    }
+    if (!accept_failing_)
+        ZRD_LOG(LOG_WARNING, "cannot accept connections (%s); retrying every 100 ms",
+                strerror(error));
+    accept_failing_ = true;
+    struct pollfd stop = {stop_fd, POLLIN, 0};
+    poll(&stop, 1, 100);
+}
+
 void server::run(int stop_fd)
 {
     struct pollfd fds[2] = {{listen_fd_, POLLIN, 0}, {stop_fd, POLLIN, 0}};
@@ -307,8 +324,11 @@ void server::run(int stop_fd)
         if (!(fds[0].revents & POLLIN))
             continue;
         int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0)
+        if (fd < 0) {
+            wait_after_failed_accept(errno, stop_fd);
             continue;
+        }
+        accept_failing_ = false;
         std::lock_guard<std::mutex> guard(sessions_mutex_);
         if (sessions_.size() >= max_sessions) {
             ZRD_LOG(LOG_WARNING, "too many sessions; refusing a connection");

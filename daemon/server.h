@@ -70,6 +70,7 @@ class server {
     json_t *subscribe(json_t *data);
     bool permitted(const struct ucred &peer) const;
     void reap(bool all);
+    void wait_after_failed_accept(int error, int stop_fd);
 
     const options &opts_;
     model &model_;
@@ -82,6 +83,7 @@ class server {
     std::mutex sessions_mutex_;
     std::list<std::unique_ptr<session>> sessions_;
     unsigned long next_session_ = 1;
+    bool accept_failing_ = false; // the last accept ran out of descriptors or memory
     std::vector<subscription> subscriptions_; // guarded by the model's mutex
 };
 

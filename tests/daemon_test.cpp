@@ -8,6 +8,7 @@
 #include <fstream>
 #include <grp.h>
 #include <random>
+#include <sstream>
 #include <sys/resource.h>
 
 namespace zrtest {
@@ -467,20 +468,17 @@ TEST_F(Daemon, StartRefusesInvalidDataAndNeverDisplacesALiveDaemon)
     EXPECT_EQ(string_at(c, "system.hostname"), "fw1");
 }
 
-// Starts the daemon on a new database in dir as uid and gid 65534, with at
-// most `threads` processes and threads for that user; its pid once it
-// accepts connections, else -1.
-pid_t start_as_nobody_with_few_threads(const temp_dir &dir, rlim_t threads)
+// Starts the daemon on a new database in dir, with limits that limit() sets
+// in the child before the daemon starts; its pid once it accepts
+// connections, else -1 (its standard error goes to dir's "log").
+template <typename Limit> pid_t start_limited(const temp_dir &dir, Limit limit)
 {
-    chmod(dir.path().c_str(), 0777);
     std::string socket = dir.file("s"), db = dir.file("db"), log = dir.file("log");
     std::string schema = appliance_file("schema.json"), data = appliance_file("config.json");
     pid_t pid = fork();
     if (pid == 0) {
-        struct rlimit few = {threads, threads};
         int err = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0666);
-        if (err < 0 || dup2(err, STDERR_FILENO) < 0 || setgroups(0, nullptr) != 0 ||
-            setgid(65534) != 0 || setuid(65534) != 0 || setrlimit(RLIMIT_NPROC, &few) != 0)
+        if (err < 0 || dup2(err, STDERR_FILENO) < 0 || close(err) != 0 || !limit())
             _exit(127);
         execl(ZRCONFIGD_PATH, ZRCONFIGD_PATH, "--socket", socket.c_str(), "--db", db.c_str(),
               "--schema", schema.c_str(), "--data", data.c_str(), "--foreground", nullptr);
@@ -495,6 +493,64 @@ pid_t start_as_nobody_with_few_threads(const temp_dir &dir, rlim_t threads)
         std::this_thread::sleep_for(std::chrono::milliseconds(25));
     }
     return -1;
+}
+
+// As uid and gid 65534, with at most `threads` processes and threads for
+// that user.
+pid_t start_as_nobody_with_few_threads(const temp_dir &dir, rlim_t threads)
+{
+    chmod(dir.path().c_str(), 0777);
+    return start_limited(dir, [threads] {
+        struct rlimit few = {threads, threads};
+        return setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0 &&
+               setrlimit(RLIMIT_NPROC, &few) == 0;
+    });
+}
+
+// The CPU time the process has used so far, in seconds.
+double cpu_seconds_of(pid_t pid)
+{
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    unsigned long long user = 0, system = 0;
+    for (int i = 3; i <= 15 && fields >> field; i++) {
+        if (i == 14)
+            user = std::stoull(field);
+        if (i == 15)
+            system = std::stoull(field);
+    }
+    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// Out of descriptors, the daemon waits for sessions to end instead of
+// spinning on the connections it cannot take, and serves again after.
+TEST_F(Daemon, RunningOutOfDescriptorsNeitherSpinsNorStopsServing)
+{
+    temp_dir dir;
+    pid_t pid = start_limited(dir, [] {
+        struct rlimit few = {24, 24};
+        return setrlimit(RLIMIT_NOFILE, &few) == 0;
+    });
+    ASSERT_GT(pid, 0) << read_file(dir.file("log"));
+    std::vector<int> held;
+    for (int i = 0; i < 40; i++)
+        held.push_back(connect_unix(dir.file("s")));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    double before = cpu_seconds_of(pid);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_LT(cpu_seconds_of(pid) - before, 0.5) << "the accept loop spins";
+    for (int fd : held)
+        close(fd);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // ended sessions are reaped
+    {
+        session c(dir.file("s"));
+        EXPECT_EQ(string_at(c, "system.hostname"), "fw1");
+    }
+    kill(pid, SIGTERM);
+    EXPECT_EQ(exit_status_within(pid, 10), 0);
+    EXPECT_NE(read_file(dir.file("log")).find("cannot accept connections"), std::string::npos)
+        << read_file(dir.file("log"));
 }
 
 // A connection the daemon cannot start a session thread for is turned away;
