@@ -13,11 +13,21 @@
 
 #include "plain_data.h"
 
+#include <charconv>
 #include <cstring>
 
 namespace zrd {
 
 namespace {
+
+// The id counter stored in the database: decimal digits and nothing else,
+// so that a damaged value is refused rather than read in part or wrapped.
+bool parse_counter(const std::string &text, unsigned long &out)
+{
+    const char *end = text.data() + text.size();
+    auto [stop, error] = std::from_chars(text.data(), end, out);
+    return !text.empty() && error == std::errc() && stop == end;
+}
 
 // The canonical path of the element that uuid names, or "".
 std::string path_of(cfg *ctx, const char *uuid)
@@ -213,7 +223,12 @@ bool model::rebuild(std::string &report)
             report = "error: " + store_.last_error() + "\n";
         return false;
     }
-    next_id_ = std::stoul(store_.meta("next_id").value_or("2"));
+    std::string counter = store_.meta("next_id").value_or("2");
+    if (!parse_counter(counter, next_id_)) {
+        report = "error: the database is damaged: its id counter (next_id) reads \"" + counter +
+                 "\", not a number\n";
+        return false;
+    }
     std::vector<cfg_element *> added;
     bool valid = cfg_validate_data(ctx_);
     for (cfg_index_entry *e = ctx_->elements; e != nullptr;

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <grp.h>
 #include <random>
+#include <sqlite3.h>
 #include <sstream>
 #include <sys/resource.h>
 
@@ -425,6 +426,32 @@ TEST_F(Daemon, WriteAheadLogStopsGrowingAfterARestart)
     std::uintmax_t first = commits_then_log_size(300);
     ASSERT_GT(first, 0u);
     EXPECT_LT(commits_then_log_size(300), first + first / 4);
+}
+
+// A damaged id counter stops the start with a line that names it; read in
+// part or wrapped, it would hand out ids that are already taken.
+TEST_F(Daemon, StartRefusesADamagedIdCounter)
+{
+    daemon_process d;
+    d.stop();
+    std::string db = d.dir().file("config.db"), log = d.dir().file("restart.log");
+    for (const char *damaged : {"12abc", "-1", "", "99999999999999999999999"}) {
+        sqlite3 *handle = nullptr;
+        ASSERT_EQ(sqlite3_open(db.c_str(), &handle), SQLITE_OK);
+        std::string sql = std::string("UPDATE meta SET value = '") + damaged +
+                          "' WHERE key = 'next_id'";
+        EXPECT_EQ(sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+        EXPECT_EQ(sqlite3_changes(handle), 1);
+        sqlite3_close(handle);
+        unlink(log.c_str());
+        pid_t pid = spawn({ZRCONFIGD_PATH, "--socket", d.dir().file("again.sock"), "--db", db,
+                           "--foreground"},
+                          log);
+        EXPECT_EQ(exit_status_within(pid, 10), 1) << damaged;
+        EXPECT_NE(read_file(log).find("id counter (next_id) reads \"" + std::string(damaged)),
+                  std::string::npos)
+            << read_file(log);
+    }
 }
 
 TEST_F(Daemon, StartRefusesInvalidDataAndNeverDisplacesALiveDaemon)
