@@ -44,6 +44,11 @@ TEST_F(Zrcfg, GetSetDeleteAndAddRoundTripAndRefusalsCommitNothing)
     EXPECT_EQ(value_at(d, "system.hostname"), "fw2\n");
     EXPECT_EQ(value_at(d, "network.conns[1].mtu"), "1400\n");
 
+    // Past the command's first argument, "-h" and "--help" are values.
+    EXPECT_EQ(zrcfg(d, {"set", "system.ntp_server", "-h"}).status, 0);
+    EXPECT_EQ(value_at(d, "system.ntp_server"), "-h\n");
+    EXPECT_EQ(zrcfg(d, {"set", "--help"}).out.find("usage: zrcfg set PATH VALUE"), 0u);
+
     EXPECT_EQ(zrcfg(d, {"delete", "system.ntp_server"}).status, 0);
     run_result gone = zrcfg(d, {"get", "system.ntp_server"});
     EXPECT_EQ(gone.status, 1);

@@ -619,11 +619,11 @@ int main(int argc, char **argv)
         return usage_error;
     }
     invocation inv{opts, std::vector<std::string>(argv + at + 1, argv + argc)};
-    for (const std::string &a : inv.args)
-        if (a == "--help" || a == "-h") {
-            fputs(cmd->help, stdout);
-            return ok;
-        }
+    // Only right after the command: further on, "-h" may be a value to set.
+    if (!inv.args.empty() && (inv.args[0] == "--help" || inv.args[0] == "-h")) {
+        fputs(cmd->help, stdout);
+        return ok;
+    }
     if (inv.args.size() < cmd->min_args || inv.args.size() > cmd->max_args) {
         fputs(cmd->help, stderr);
         return usage_error;
