@@ -3,12 +3,14 @@
 // A zrconfig::context owns a libzrconfig context (its own schema, lookups in
 // its own index); a zrconfig::session is a context connected to zrconfigd
 // (connects in its constructor, disconnects in its destructor). Elements are
-// views (context and record) that the library owns; typed reads return
-// std::optional, writes return the element now in the place written (the
-// library replaces a scalar's record when its value changes). Validation
-// and commit return an outcome: ok, and every message as a value with the
-// canonical path of the element it names. Every C resource sits in an RAII
-// handle and nothing here throws.
+// views (context and element id) of records that the library owns: a view
+// finds the element's current record on every use, so it stays good across
+// writes (which replace a record) and commits (which drop every local one),
+// but not beyond its context. Typed reads return std::optional, writes
+// return the element now in the place written. Validation and commit return
+// an outcome: ok, and every message as a value with the canonical path of
+// the element it names. Every C resource sits in an RAII handle and nothing
+// here throws (but std::bad_alloc).
 #pragma once
 
 #include <zrconfig.h>
@@ -74,111 +76,150 @@ struct outcome {
     static constexpr int protocol_message_code = 4;
 };
 
-// A view of one element; empty when nothing was found.
+// A view of one element: its context and its id, looked up on every use.
+// The library replaces an element's record on every write and drops every
+// local record on a commit; a view by id keeps reading the element as it is
+// now (through the daemon's rename of a committed new element too). A view
+// must not outlive its context. Empty when nothing was found, or when the
+// element is gone.
 class element {
   public:
     element() = default;
-    element(cfg *ctx, cfg_element *e) noexcept : ctx_(ctx), e_(e) {}
+    element(cfg *ctx, cfg_element *e) : ctx_(ctx), id_(e != nullptr ? e->uuid : "") {}
 
-    explicit operator bool() const noexcept { return e_ != nullptr; }
-    cfg_element *get() const noexcept { return e_; }
+    explicit operator bool() const noexcept { return get() != nullptr; }
+    // The element's current record, or null: valid until the next write to
+    // it or the next commit in its context.
+    cfg_element *get() const noexcept
+    {
+        return ctx_ != nullptr && !id_.empty() ? cfg_get_by_id(ctx_, id_.c_str()) : nullptr;
+    }
     cfg *context() const noexcept { return ctx_; }
-    int type() const noexcept { return e_ != nullptr ? static_cast<int>(e_->type) : 0; }
+    int type() const noexcept
+    {
+        cfg_element *e = get();
+        return e != nullptr ? static_cast<int>(e->type) : 0;
+    }
     bool is_list() const noexcept { return type() == CFG_TYPE_LIST; }
     bool is_map() const noexcept { return type() == CFG_TYPE_MAP; }
-    std::string id() const { return e_ != nullptr ? e_->uuid : ""; }
+    std::string id() const
+    {
+        cfg_element *e = get();
+        return e != nullptr ? e->uuid : "";
+    }
     // The canonical path ("network.conns[1].address"), or "".
     std::string path() const
     {
-        return e_ != nullptr ? take_string(cfg_get_canonical_path(ctx_, e_, 0, ".")) : "";
+        cfg_element *e = get();
+        return e != nullptr ? take_string(cfg_get_canonical_path(ctx_, e, 0, ".")) : "";
     }
     // The schema node describing the element, or null.
     cfg_schema_element *schema() const
     {
-        return e_ != nullptr && e_->schema[0] != '\0' ? cfg_get_schema_node(ctx_, e_->schema)
-                                                      : nullptr;
+        cfg_element *e = get();
+        return e != nullptr && e->schema[0] != '\0' ? cfg_get_schema_node(ctx_, e->schema)
+                                                    : nullptr;
     }
 
     // The element at a path below this one ("conns[2].address", "[0]").
     element at(std::string_view relative) const
     {
-        if (e_ == nullptr)
+        cfg_element *e = get();
+        if (e == nullptr)
             return {};
         std::string steps(relative);
-        return {ctx_, cfg_get_child_by_path(ctx_, e_, steps.c_str())};
+        return {ctx_, cfg_get_child_by_path(ctx_, e, steps.c_str())};
     }
     // A map's member under key.
     element operator[](std::string_view key) const
     {
-        if (!is_map())
+        cfg_element *e = record_of(CFG_TYPE_MAP);
+        if (e == nullptr)
             return {};
         std::string k(key);
-        return lookup(cfg_get_mapelem(e_, k.c_str()));
+        return lookup(cfg_get_mapelem(e, k.c_str()));
     }
     // A list's member at index.
     element operator[](std::size_t index) const
     {
-        if (!is_list() || index > static_cast<std::size_t>(INT32_MAX))
+        cfg_element *e = record_of(CFG_TYPE_LIST);
+        if (e == nullptr || index > static_cast<std::size_t>(INT32_MAX))
             return {};
-        return lookup(cfg_get_listelem(e_, static_cast<int>(index)));
+        return lookup(cfg_get_listelem(e, static_cast<int>(index)));
     }
 
     // Typed reads: empty when the element is absent or of another type.
     std::optional<std::string> as_string() const
     {
         char *text = nullptr;
-        if (e_ == nullptr || !cfg_string_value(e_, &text))
+        if (!cfg_string_value(get(), &text))
             return std::nullopt;
         return take_string(text);
     }
-    std::optional<int> as_int() const { return scalar<int>(CFG_TYPE_INT, cfg_int_value); }
+    std::optional<int> as_int() const { return scalar<int>(cfg_int_value); }
     std::optional<bool> as_bool() const
     {
-        std::optional<int> v = scalar<int>(CFG_TYPE_BOOL, cfg_bool_value);
+        std::optional<int> v = scalar<int>(cfg_bool_value);
         return v ? std::optional<bool>(*v != 0) : std::nullopt;
     }
-    std::optional<double> as_double() const
-    {
-        return scalar<double>(CFG_TYPE_FLOAT, cfg_float_value);
-    }
+    std::optional<double> as_double() const { return scalar<double>(cfg_float_value); }
+    // A blob's bytes (which may hold zero bytes).
     std::optional<std::string> as_blob() const
     {
-        if (type() != CFG_TYPE_BLOB)
+        cfg_element *e = record_of(CFG_TYPE_BLOB);
+        if (e == nullptr)
             return std::nullopt;
-        return std::string(reinterpret_cast<const char *>(e_->value.blob.data),
-                           static_cast<std::size_t>(e_->value.blob.size));
+        return std::string(reinterpret_cast<const char *>(e->value.blob.data),
+                           static_cast<std::size_t>(e->value.blob.size));
     }
     // The element a reference names.
     element target() const
     {
-        return type() == CFG_TYPE_REFERENCE ? lookup(e_->value.string_value) : element();
+        cfg_element *e = record_of(CFG_TYPE_REFERENCE);
+        return e != nullptr ? lookup(e->value.string_value) : element();
     }
 
-    // Typed writes; each returns the element now in this place, or an empty
-    // view when the write failed (messages on the context's stack).
+    // Typed writes; each returns the element now in this place (this view
+    // sees it too), or an empty view when the write failed (messages on the
+    // context's stack).
     element set(std::string_view text) const
     {
         std::string value(text);
-        return wrap(e_ != nullptr ? cfg_set_string(ctx_, e_, value.c_str()) : nullptr);
+        return write([&](cfg_element *e) { return cfg_set_string(ctx_, e, value.c_str()); });
     }
     element set(const char *text) const { return set(std::string_view(text)); }
-    element set(int value) const { return wrap(cfg_set_int(ctx_, e_, value)); }
-    element set(bool value) const { return wrap(cfg_set_bool(ctx_, e_, value ? 1 : 0)); }
-    element set(double value) const { return wrap(cfg_set_float(ctx_, e_, value)); }
+    element set(int value) const
+    {
+        return write([&](cfg_element *e) { return cfg_set_int(ctx_, e, value); });
+    }
+    element set(bool value) const
+    {
+        return write([&](cfg_element *e) { return cfg_set_bool(ctx_, e, value ? 1 : 0); });
+    }
+    element set(double value) const
+    {
+        return write([&](cfg_element *e) { return cfg_set_float(ctx_, e, value); });
+    }
+    // Points the element at to, which must be an element of this context.
     element set_reference(const element &to) const
     {
-        return wrap(to ? cfg_set_reference(ctx_, e_, to.e_->uuid) : nullptr);
+        cfg_element *target = ctx_ != nullptr ? cfg_get_by_id(ctx_, to.id_.c_str()) : nullptr;
+        if (target == nullptr || to.id_.empty())
+            return {};
+        std::string target_id(target->uuid);
+        return write(
+            [&](cfg_element *e) { return cfg_set_reference(ctx_, e, target_id.c_str()); });
     }
 
     // A map's members with their keys, in member order (deleted ones left out).
     std::vector<std::pair<std::string, element>> entries() const
     {
         std::vector<std::pair<std::string, element>> out;
-        if (is_map())
-            for (cfg_link *l = e_->value.map.members; l != nullptr; l = l->next) {
+        if (cfg_element *e = record_of(CFG_TYPE_MAP))
+            for (cfg_link *l = e->value.map.members; l != nullptr; l = l->next) {
                 auto *link = static_cast<cfg_parent_link *>(l->data);
                 if (element m = live(link->uuid))
-                    out.emplace_back(link->name != nullptr ? link->name : "", m);
+                    out.emplace_back(link->name != nullptr ? link->name : "", std::move(m));
             }
         return out;
     }
@@ -186,38 +227,49 @@ class element {
     std::vector<element> members() const
     {
         std::vector<element> out;
-        if (is_list())
-            for (cfg_link *l = e_->value.list.members; l != nullptr; l = l->next)
+        if (cfg_element *e = record_of(CFG_TYPE_LIST))
+            for (cfg_link *l = e->value.list.members; l != nullptr; l = l->next)
                 if (element m = live(static_cast<cfg_parent_link *>(l->data)->uuid))
-                    out.push_back(m);
+                    out.push_back(std::move(m));
         return out;
     }
 
     // Joins child to a map under key (replacing a member held there).
     bool put(std::string_view key, const element &child) const
     {
+        cfg_element *e = record_of(CFG_TYPE_MAP);
+        cfg_element *c = child.get();
         std::string k(key);
-        return is_map() && child && cfg_add_mapelem(ctx_, e_, k.c_str(), child.e_) != nullptr;
+        return e != nullptr && c != nullptr && cfg_add_mapelem(ctx_, e, k.c_str(), c) != nullptr;
     }
     // Appends child to a list.
     bool append(const element &child) const
     {
-        return is_list() && child && cfg_add_listelem(ctx_, e_, child.e_) != nullptr;
+        cfg_element *e = record_of(CFG_TYPE_LIST);
+        cfg_element *c = child.get();
+        return e != nullptr && c != nullptr && cfg_add_listelem(ctx_, e, c) != nullptr;
     }
     // Deletes a map's member under key.
     bool erase(std::string_view key) const
     {
+        cfg_element *e = record_of(CFG_TYPE_MAP);
         std::string k(key);
-        return is_map() && cfg_map_delete_key(ctx_, e_, k.c_str()) != 0;
+        return e != nullptr && cfg_map_delete_key(ctx_, e, k.c_str()) != 0;
     }
     // Deletes this element (and what it holds) from the tree.
     void remove() const
     {
-        if (e_ != nullptr)
-            cfg_delete_element(ctx_, e_);
+        if (cfg_element *e = get())
+            cfg_delete_element(ctx_, e);
     }
 
   private:
+    // The current record when it is of type wanted, else null.
+    cfg_element *record_of(int wanted) const noexcept
+    {
+        cfg_element *e = get();
+        return e != nullptr && static_cast<int>(e->type) == wanted ? e : nullptr;
+    }
     element lookup(const char *uuid) const
     {
         return uuid != nullptr ? element(ctx_, cfg_get_by_id(ctx_, uuid)) : element();
@@ -225,20 +277,25 @@ class element {
     element live(const char *uuid) const
     {
         element m = lookup(uuid);
-        return m && !cfg_element_is_deleted(m.e_) ? m : element();
+        cfg_element *e = m.get();
+        return e != nullptr && !cfg_element_is_deleted(e) ? m : element();
     }
-    element wrap(cfg_element *e) const { return {ctx_, e}; }
-    template <class T, class Reader>
-    std::optional<T> scalar(int wanted, Reader read) const
+    // Runs a cfg_set_* call on the current record; the new record's view.
+    template <class Setter> element write(Setter set_record) const
+    {
+        cfg_element *e = get();
+        return e != nullptr ? element(ctx_, set_record(e)) : element();
+    }
+    template <class T, class Reader> std::optional<T> scalar(Reader read) const
     {
         T value{};
-        if (type() != wanted || !read(e_, &value))
+        if (!read(get(), &value))
             return std::nullopt;
         return value;
     }
 
     cfg *ctx_ = nullptr;
-    cfg_element *e_ = nullptr;
+    std::string id_; // the element's uuid; "" for an empty view
 };
 
 // A libzrconfig context with its own schema; lookups answer from its own

@@ -1,6 +1,7 @@
 // zrconfig.hpp against a real zrconfigd: the appliance client's flow (read,
 // change, validate, commit, read back, a refused change) written with the
-// C++ layer, and a session that finds no daemon.
+// C++ layer, views kept across writes and commits, and a session that
+// finds no daemon.
 #include "daemon_process.h"
 
 #include <zrconfig.hpp>
@@ -60,6 +61,30 @@ TEST_F(ZrconfigHpp, ReadsChangesCommitsAndReadsBack)
     EXPECT_EQ(checked.messages[0].level, 1);
     EXPECT_EQ(checked.messages[0].path, "network.conns[0]");
     EXPECT_EQ(checked.messages[0].text, "Required field 'address' is not present");
+}
+
+// A write replaces the element's record and a commit drops every local
+// record: views taken before either still read the element as it is now.
+TEST_F(ZrconfigHpp, ViewsFollowTheirElementThroughWritesAndCommits)
+{
+    daemon_process d;
+    session s(d.socket_path(), "hpp-test");
+    ASSERT_TRUE(s);
+    element conn = s.at("network.conns[1]");
+    element mtu = conn["mtu"];
+    ASSERT_TRUE(mtu.set(1400));
+    EXPECT_EQ(mtu.as_int(), 1400);
+    element lab = s.new_map();
+    ASSERT_TRUE(lab.put("name", s.new_value("lab")));
+    ASSERT_TRUE(lab.put("mode", s.new_value("dhcp")));
+    ASSERT_TRUE(s.at("network.conns").append(lab));
+    ASSERT_TRUE(s.commit());
+
+    EXPECT_EQ(mtu.as_int(), 1400);
+    EXPECT_EQ(mtu.path(), "network.conns[1].mtu");
+    EXPECT_EQ(conn["name"].as_string(), "lan");
+    EXPECT_EQ(lab["name"].as_string(), "lab"); // under the id the daemon gave it
+    EXPECT_EQ(lab.path(), "network.conns[4]");
 }
 
 TEST(ZrconfigHppLocal, SessionWithoutADaemonIsFalse)
