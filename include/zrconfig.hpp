@@ -88,6 +88,13 @@ class element {
     element(cfg *ctx, cfg_element *e) : ctx_(ctx), id_(e != nullptr ? e->uuid : "") {}
 
     explicit operator bool() const noexcept { return get() != nullptr; }
+    // The longest text a string element holds.
+    static constexpr std::size_t max_text_size = 16777216;
+    // Whether the library takes text as a string value whole.
+    static bool storable(std::string_view text) noexcept
+    {
+        return text.size() <= max_text_size && text.find('\0') == std::string_view::npos;
+    }
     // The element's current record, or null: valid until the next write to
     // it or the next commit in its context.
     cfg_element *get() const noexcept
@@ -180,14 +187,21 @@ class element {
     }
 
     // Typed writes; each returns the element now in this place (this view
-    // sees it too), or an empty view when the write failed (messages on the
-    // context's stack).
+    // sees it too), or an empty view when the write failed (messages, if
+    // any, on the context's stack). Text the library would refuse (too long,
+    // or holding a zero byte it would cut at) is refused up front: a refused
+    // write leaves the element as it was.
     element set(std::string_view text) const
     {
+        if (!storable(text))
+            return {};
         std::string value(text);
         return write([&](cfg_element *e) { return cfg_set_string(ctx_, e, value.c_str()); });
     }
-    element set(const char *text) const { return set(std::string_view(text)); }
+    element set(const char *text) const
+    {
+        return text != nullptr ? set(std::string_view(text)) : element();
+    }
     element set(int value) const
     {
         return write([&](cfg_element *e) { return cfg_set_int(ctx_, e, value); });
@@ -361,12 +375,19 @@ class context {
     // New elements, not yet joined to the tree.
     element new_map() const { return {ctx_, cfg_new_map(ctx_)}; }
     element new_list() const { return {ctx_, cfg_new_list(ctx_)}; }
+    // Text the library would refuse or cut (see element::storable) makes
+    // no element.
     element new_value(std::string_view text) const
     {
+        if (!element::storable(text))
+            return {};
         std::string value(text);
         return {ctx_, cfg_new_string(ctx_, value.c_str())};
     }
-    element new_value(const char *text) const { return new_value(std::string_view(text)); }
+    element new_value(const char *text) const
+    {
+        return text != nullptr ? new_value(std::string_view(text)) : element();
+    }
     element new_value(int value) const { return {ctx_, cfg_new_int(ctx_, value)}; }
     element new_value(bool value) const { return {ctx_, cfg_new_bool(ctx_, value ? 1 : 0)}; }
     element new_value(double value) const { return {ctx_, cfg_new_float(ctx_, value)}; }

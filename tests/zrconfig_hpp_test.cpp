@@ -1,7 +1,7 @@
 // zrconfig.hpp against a real zrconfigd: the appliance client's flow (read,
 // change, validate, commit, read back, a refused change) written with the
-// C++ layer, views kept across writes and commits, and a session that
-// finds no daemon.
+// C++ layer, views kept across writes and commits, failures that must
+// surface as outcomes, and a session that finds no daemon.
 #include "daemon_process.h"
 
 #include <zrconfig.hpp>
@@ -85,6 +85,27 @@ TEST_F(ZrconfigHpp, ViewsFollowTheirElementThroughWritesAndCommits)
     EXPECT_EQ(conn["name"].as_string(), "lan");
     EXPECT_EQ(lab["name"].as_string(), "lab"); // under the id the daemon gave it
     EXPECT_EQ(lab.path(), "network.conns[4]");
+}
+
+// A refused write leaves the element and its pending change as they were.
+TEST_F(ZrconfigHpp, RefusedWritesLeaveTheTreeAlone)
+{
+    daemon_process d;
+    {
+        session s(d.socket_path(), "hpp-test");
+        ASSERT_TRUE(s);
+        element hostname = s.at("system.hostname");
+        ASSERT_TRUE(hostname.set("fw2"));
+        EXPECT_FALSE(hostname.set(std::string(16 * 1024 * 1024 + 1, 'x'))); // too long
+        EXPECT_FALSE(hostname.set(std::string("fw\0x", 4)));                 // would be cut
+        EXPECT_FALSE(hostname.set(static_cast<const char *>(nullptr)));
+        EXPECT_FALSE(s.new_value(std::string("a\0b", 3)));
+        EXPECT_EQ(hostname.as_string(), "fw2");
+        ASSERT_TRUE(s.commit());
+    }
+    session s(d.socket_path(), "hpp-test");
+    element hostname = s.at("system.hostname");
+    EXPECT_EQ(hostname.as_string(), "fw2");
 }
 
 TEST(ZrconfigHppLocal, SessionWithoutADaemonIsFalse)
