@@ -468,8 +468,20 @@ class session : public context {
     {
     }
 
-    // Pushes every change as one update; refused pushes leave messages.
-    outcome commit() const { return finish(ctx_ != nullptr && cfg_commit(ctx_)); }
+    // Pushes every change as one update; refused pushes leave messages. A
+    // push the daemon never answered leaves none, so it gets a protocol
+    // message: the outcome is unreachable(), and whether the change was
+    // stored is unknown.
+    outcome commit() const
+    {
+        if (ctx_ == nullptr)
+            return {};
+        int earlier = cfg_message_count(ctx_);
+        bool pushed = cfg_commit(ctx_) != 0;
+        if (!pushed && cfg_message_count(ctx_) == earlier)
+            cfg_message_add_protocol(ctx_);
+        return finish(pushed);
+    }
 
     // The members of the list at list_path that meet condition (null: all).
     std::vector<element> search(std::string_view list_path, cfg_condition *condition) const

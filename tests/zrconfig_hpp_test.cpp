@@ -87,8 +87,9 @@ TEST_F(ZrconfigHpp, ViewsFollowTheirElementThroughWritesAndCommits)
     EXPECT_EQ(lab.path(), "network.conns[4]");
 }
 
-// A refused write leaves the element and its pending change as they were.
-TEST_F(ZrconfigHpp, RefusedWritesLeaveTheTreeAlone)
+// A refused write leaves the element and its pending change as they were;
+// a commit the daemon never answers says so in its outcome.
+TEST_F(ZrconfigHpp, FailuresLeaveTheTreeAloneAndSayWhy)
 {
     daemon_process d;
     {
@@ -106,6 +107,13 @@ TEST_F(ZrconfigHpp, RefusedWritesLeaveTheTreeAlone)
     session s(d.socket_path(), "hpp-test");
     element hostname = s.at("system.hostname");
     EXPECT_EQ(hostname.as_string(), "fw2");
+
+    ASSERT_TRUE(hostname.set("fw3"));
+    d.kill_now();
+    zrconfig::outcome committed = s.commit();
+    EXPECT_FALSE(committed);
+    EXPECT_TRUE(committed.unreachable());
+    EXPECT_FALSE(committed.messages.empty());
 }
 
 TEST(ZrconfigHppLocal, SessionWithoutADaemonIsFalse)

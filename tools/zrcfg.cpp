@@ -173,8 +173,8 @@ int push(const session &s, int changes)
     if (!checked)
         return conclude(checked);
     outcome committed = s.commit();
-    // A refusal always says why; silence means the answer never came.
-    if (!committed && committed.messages.empty())
+    // A refusal always says why; a push left unanswered is unreachable.
+    if (!committed && committed.unreachable())
         return fail(unreachable, "zrconfigd gave no answer to the commit (did it stop?); "
                                  "check with 'zrcfg get' whether the change was made");
     return conclude(committed);
