@@ -214,6 +214,13 @@ class element {
     {
         return write([&](cfg_element *e) { return cfg_set_float(ctx_, e, value); });
     }
+    // Makes the element a blob holding bytes.
+    element set_blob(std::string_view bytes) const
+    {
+        return write([&](cfg_element *e) {
+            return cfg_set_blob(ctx_, e, bytes.data(), bytes.size());
+        });
+    }
     // Points the element at to, which must be an element of this context.
     element set_reference(const element &to) const
     {
@@ -391,6 +398,10 @@ class context {
     element new_value(int value) const { return {ctx_, cfg_new_int(ctx_, value)}; }
     element new_value(bool value) const { return {ctx_, cfg_new_bool(ctx_, value ? 1 : 0)}; }
     element new_value(double value) const { return {ctx_, cfg_new_float(ctx_, value)}; }
+    element new_blob(std::string_view bytes) const
+    {
+        return {ctx_, cfg_new_blob(ctx_, bytes.data(), bytes.size())};
+    }
 
     // Validates the whole tree, or only what changed.
     outcome validate() const { return finish(ctx_ != nullptr && cfg_validate_data(ctx_)); }

@@ -116,6 +116,18 @@ TEST_F(ZrconfigHpp, FailuresLeaveTheTreeAloneAndSayWhy)
     EXPECT_FALSE(committed.messages.empty());
 }
 
+TEST(ZrconfigHppLocal, BlobsKeepEveryByte)
+{
+    zrconfig::context ctx;
+    const std::string bytes("\x01\0\xff", 3);
+    ASSERT_TRUE(ctx.root().put("key", ctx.new_blob(bytes)));
+    EXPECT_EQ(ctx.at("key").as_blob(), bytes);
+    EXPECT_EQ(ctx.at("key").as_string(), std::nullopt);
+    element rewritten = ctx.at("key").set_blob(std::string("\0", 1));
+    ASSERT_TRUE(rewritten);
+    EXPECT_EQ(ctx.at("key").as_blob(), std::string("\0", 1));
+}
+
 TEST(ZrconfigHppLocal, SessionWithoutADaemonIsFalse)
 {
     session unreachable("/nonexistent/zrconfigd.sock", "hpp-test");

@@ -75,8 +75,8 @@ bool set_scalar(const element &target, json_t *value, int &changes)
         break;
     case CFG_TYPE_BLOB:
         if (json_is_string(value))
-            written = element(ctx, cfg_set_blob(ctx, target.get(), json_string_value(value),
-                                                json_string_length(value)));
+            written = target.set_blob(
+                std::string_view(json_string_value(value), json_string_length(value)));
         break;
     case CFG_TYPE_REFERENCE:
         if (json_is_string(value))
