@@ -4,9 +4,11 @@
 #include "daemon_process.h"
 
 #include <atomic>
+#include <barrier>
 #include <functional>
 #include <fstream>
 #include <grp.h>
+#include <numeric>
 #include <random>
 #include <sqlite3.h>
 #include <sstream>
@@ -635,6 +637,133 @@ TEST_F(Daemon, RefusesPeersOutsideItsUsersAndGroup)
     int status = 0;
     waitpid(child, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+// The number after the letter of a name such as "a12"; -1 when there is none.
+int number_in(const std::string &name)
+{
+    bool numbered = name.size() > 1 && isdigit(static_cast<unsigned char>(name[1]));
+    return numbered ? std::stoi(name.substr(1)) : -1;
+}
+
+// Renames the first two connections to a<n> and b<n>, n one above the
+// number the daemon holds now, without committing; n, or -1.
+int rename_pair(cfg *ctx)
+{
+    cfg_reset(ctx);
+    int n = number_in(string_at(ctx, "network.conns[0].name")) + 1;
+    cfg_element *a = cfg_get_by_path(ctx, "network.conns[0].name");
+    cfg_element *b = cfg_get_by_path(ctx, "network.conns[1].name");
+    if (a == nullptr || b == nullptr)
+        return -1;
+    cfg_set_string(ctx, a, ("a" + std::to_string(n)).c_str());
+    cfg_set_string(ctx, b, ("b" + std::to_string(n)).c_str());
+    return n;
+}
+
+// Sets the integer at path and commits it, trying again while another
+// session holds the lock; true once acknowledged.
+bool set_own(cfg *ctx, const char *path, int value)
+{
+    for (int tries = 0; tries < 200; tries++) {
+        cfg_free_message_stack(ctx);
+        cfg_reset(ctx);
+        cfg_element *e = cfg_get_by_path(ctx, path);
+        if (e == nullptr || cfg_set_int(ctx, e, value) == nullptr)
+            return false;
+        if (cfg_commit(ctx) == 1)
+            return true;
+        if (codes_of(ctx) != std::vector<int>{37})
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return false;
+}
+
+// Sessions pushing at once, on the same elements and on their own, with a
+// lock holder, a reader and a subscriber: no two pushes from the same
+// generation both win, no session's own edit is refused, a reader sees a
+// push whole or not at all, and what was acknowledged survives a restart.
+TEST_F(Daemon, ConcurrentSessionsLoseNoUpdateAndSeeNoHalfPush)
+{
+    daemon_process d;
+    {
+        client setup(d);
+        ASSERT_EQ(subscribe(setup, "watch", 0, {"network"}, {}, {}, "cat > /dev/null"), 1);
+        ASSERT_EQ(rename_pair(setup), 0);
+        ASSERT_EQ(cfg_commit(setup), 1);
+    }
+    constexpr int writers = 3, rounds = 20;
+    const char *own[writers] = {"network.conns[2].mtu", "network.conns[3].mtu",
+                                "network.conns[3].netmask"};
+    std::mutex mutex;
+    std::vector<int> won;
+    std::vector<std::string> faults;
+    std::atomic<bool> writing{true};
+    std::barrier round_start(writers), all_read(writers);
+    auto fault = [&](std::string what) {
+        std::lock_guard<std::mutex> guard(mutex);
+        faults.push_back(std::move(what));
+    };
+    auto writer = [&](int w) {
+        client c(d, "writer");
+        for (int i = 1; i <= rounds; i++) {
+            round_start.arrive_and_wait();
+            bool locked = w == 0 && i % 2 == 1 && cfg_lock(c, 1) == 1;
+            cfg_free_message_stack(c);
+            int n = rename_pair(c);
+            all_read.arrive_and_wait(); // every writer pushes from the same generation
+            if (n > 0 && cfg_commit(c) == 1) {
+                std::lock_guard<std::mutex> guard(mutex);
+                won.push_back(n);
+            } else if (locked || (codes_of(c) != std::vector<int>{32} &&
+                                  codes_of(c) != std::vector<int>{37}))
+                fault(std::string(locked ? "locked " : "") + "push refused with " +
+                      testing::PrintToString(codes_of(c)));
+            if (!set_own(c, own[w], w == 2 ? i : 1000 + i))
+                fault(std::string(own[w]) + " refused: " +
+                      testing::PrintToString(codes_of(c)));
+            if (locked)
+                cfg_lock(c, 0);
+            cfg_free_message_stack(c);
+        }
+    };
+    std::thread reader([&] {
+        client c(d, "reader");
+        while (writing) {
+            cfg_reset(c);
+            cfg_element *conns = cfg_get_by_path(c, "network.conns");
+            if (conns == nullptr || cfg_get_list(c, conns) != 1) {
+                fault("list not served");
+                continue;
+            }
+            std::string a = string_at(c, "network.conns[0].name"),
+                        b = string_at(c, "network.conns[1].name");
+            if (number_in(a) != number_in(b))
+                fault("half a push: " + a + " with " + b);
+        }
+    });
+    std::vector<std::thread> threads;
+    for (int w = 0; w < writers; w++)
+        threads.emplace_back(writer, w);
+    for (std::thread &t : threads)
+        t.join();
+    writing = false;
+    reader.join();
+    EXPECT_EQ(faults, std::vector<std::string>{});
+    std::sort(won.begin(), won.end());
+    std::vector<int> one_per_round(rounds);
+    std::iota(one_per_round.begin(), one_per_round.end(), 1);
+    ASSERT_EQ(won, one_per_round);
+
+    d.kill_now();
+    ASSERT_TRUE(d.start()) << d.log();
+    client after(d);
+    EXPECT_EQ(string_at(after, "network.conns[0].name"), "a" + std::to_string(won.back()));
+    EXPECT_EQ(string_at(after, "network.conns[1].name"), "b" + std::to_string(won.back()));
+    EXPECT_EQ(int_of(cfg_get_by_path(after, own[0])), 1000 + rounds);
+    EXPECT_EQ(int_of(cfg_get_by_path(after, own[1])), 1000 + rounds);
+    EXPECT_EQ(int_of(cfg_get_by_path(after, own[2])), rounds);
 }
 
 } // namespace
