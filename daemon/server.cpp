@@ -8,6 +8,10 @@
 //      held: a client that does not read stalls only its own session.
 //   3. A frame that has begun must be complete within frame_deadline_s; an
 //      idle session between frames costs nothing but its blocked thread.
+//   4. Subscriptions run for one push at a time, in the order the pushes
+//      were accepted: each accepted push that has subscriptions to run takes
+//      the next turn under the model's mutex and ends it after its runs, so
+//      the last run a program sees carries the state the store holds.
 #define ZRD_SOURCE "daemon/server"
 #include "server.h"
 
@@ -456,32 +460,69 @@ json_t *server::push(session &s, json_t *data)
     if (!locks_.may_push(s.id))
         return failure(msg::lock_failed);
     push_outcome outcome;
-    std::vector<const subscription *> order;
     std::vector<subscription> subs;
+    unsigned long turn = 0;
     {
         std::lock_guard<std::mutex> guard(model_.mutex());
         outcome = model_.push(data);
-        if (outcome.accepted)
+        if (outcome.accepted && !subscriptions_.empty()) {
             subs = subscriptions_;
+            turn = next_turn_++;
+        }
     }
     json_t *answer = outcome.answer.release();
-    if (!outcome.accepted || subs.empty() || !run_order(subs, order))
+    if (subs.empty())
         return answer;
-    json_t *reports = json_array();
+    json_t *reports = run_subscriptions(s, subs, outcome, turn);
+    append_messages(answer, reports);
+    json_decref(reports);
+    return answer;
+}
+
+// Runs the subscriptions an accepted push concerns, once every push accepted
+// before it has had its own run (invariant 4); their reports.
+json_t *server::run_subscriptions(session &s, const std::vector<subscription> &subs,
+                                  const push_outcome &outcome, unsigned long turn)
+{
     auto keepalive = [&]() {
         json_ptr frame(json_pack("{s:b}", "keepalive", 1));
         send_frame(s.fd, frame.get());
     };
-    for (const subscription *sub : order) {
-        if (stopping_ || !concerns(*sub, outcome.changed_paths))
-            continue;
-        json_t *report = run_script(*sub, outcome.changeset, opts_.script_timeout, keepalive);
-        if (report != nullptr)
-            json_array_append_new(reports, report);
+    wait_for_turn(turn, keepalive);
+    json_t *reports = json_array();
+    std::vector<const subscription *> order;
+    if (run_order(subs, order))
+        for (const subscription *sub : order) {
+            if (stopping_ || !concerns(*sub, outcome.changed_paths))
+                continue;
+            json_t *report = run_script(*sub, outcome.changeset, opts_.script_timeout, keepalive);
+            if (report != nullptr)
+                json_array_append_new(reports, report);
+        }
+    end_turn();
+    return reports;
+}
+
+// Waits until turn is the one being served, calling tick about once a
+// second meanwhile (with the turn mutex released: tick writes a socket).
+void server::wait_for_turn(unsigned long turn, const std::function<void()> &tick)
+{
+    std::unique_lock<std::mutex> lock(turn_mutex_);
+    while (!turn_served_.wait_for(lock, std::chrono::seconds(1),
+                                  [&] { return serving_turn_ == turn; })) {
+        lock.unlock();
+        tick();
+        lock.lock();
     }
-    append_messages(answer, reports);
-    json_decref(reports);
-    return answer;
+}
+
+void server::end_turn()
+{
+    {
+        std::lock_guard<std::mutex> guard(turn_mutex_);
+        serving_turn_++;
+    }
+    turn_served_.notify_all();
 }
 
 json_t *server::subscribe(json_t *data)

@@ -7,6 +7,8 @@
 #include "scripts.h"
 
 #include <atomic>
+#include <condition_variable>
+#include <functional>
 #include <list>
 #include <memory>
 #include <set>
@@ -68,6 +70,10 @@ class server {
     json_t *hello(session &s, json_t *data);
     json_t *push(session &s, json_t *data);
     json_t *subscribe(json_t *data);
+    json_t *run_subscriptions(session &s, const std::vector<subscription> &subs,
+                              const push_outcome &outcome, unsigned long turn);
+    void wait_for_turn(unsigned long turn, const std::function<void()> &tick);
+    void end_turn();
     bool permitted(const struct ucred &peer) const;
     void reap(bool all);
     void wait_after_failed_accept(int error, int stop_fd);
@@ -85,6 +91,10 @@ class server {
     unsigned long next_session_ = 1;
     bool accept_failing_ = false; // the last accept ran out of descriptors or memory
     std::vector<subscription> subscriptions_; // guarded by the model's mutex
+    unsigned long next_turn_ = 0;             // guarded by the model's mutex
+    std::mutex turn_mutex_;
+    std::condition_variable turn_served_;
+    unsigned long serving_turn_ = 0; // guarded by turn_mutex_
 };
 
 } // namespace zrd

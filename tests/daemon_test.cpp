@@ -766,5 +766,26 @@ TEST_F(Daemon, ConcurrentSessionsLoseNoUpdateAndSeeNoHalfPush)
     EXPECT_EQ(int_of(cfg_get_by_path(after, own[2])), rounds);
 }
 
+// Subscribers see the changesets of overlapping pushes in commit order, one
+// run at a time: the last run applies what the daemon holds.
+TEST_F(Daemon, SubscriberRunsFollowCommitOrder)
+{
+    daemon_process d;
+    std::string out = d.dir().file("applied");
+    client first(d), second(d), reader(d);
+    ASSERT_EQ(subscribe(first, "apply", 0, {"system"}, {}, {},
+                        "v=$(cat); case \"$v\" in *early*) sleep 1;; esac; echo \"$v\" | "
+                        "grep -o '\"value\": *\"[a-z]*\"' >> " + out),
+              1);
+    std::thread slow([&] { EXPECT_EQ(commit_string(first, "system.hostname", "early"), 1); });
+    for (int i = 0; i < 500 && string_at(reader, "system.hostname") != "early"; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        cfg_reset(reader);
+    }
+    EXPECT_EQ(commit_string(second, "system.hostname", "late"), 1);
+    slow.join();
+    EXPECT_EQ(read_file(out), "\"value\": \"early\"\n\"value\": \"late\"\n");
+}
+
 } // namespace
 } // namespace zrtest
