@@ -457,13 +457,16 @@ json_t *server::hello(session &s, json_t *data)
 
 json_t *server::push(session &s, json_t *data)
 {
-    if (!locks_.may_push(s.id))
-        return failure(msg::lock_failed);
     push_outcome outcome;
     std::vector<subscription> subs;
     unsigned long turn = 0;
     {
+        // Checked under the model's mutex: a push that passed the check and
+        // then waited for the mutex could land after another session took
+        // the write lock and read, whose next push would then be stale.
         std::lock_guard<std::mutex> guard(model_.mutex());
+        if (!locks_.may_push(s.id))
+            return failure(msg::lock_failed);
         outcome = model_.push(data);
         if (outcome.accepted && !subscriptions_.empty()) {
             subs = subscriptions_;
