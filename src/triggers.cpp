@@ -14,12 +14,17 @@
 //     table until its caller removes it.
 //  5. A pattern record's compiled expression, once made, is that of its key
 //     and is freed with the record.
+//  6. Registrations waiting in a batch (see batch_registrations) belong to
+//     one context; every function here that reads or changes that
+//     context's tables makes them first, in the order they were asked for,
+//     so the tables are whole whenever anything else looks at them.
 #define ZR_SOURCE "src/triggers"
 #include "internal.h"
 #include "triggers.h"
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <pcre.h>
 #include <string>
 
@@ -188,6 +193,7 @@ template <typename R> R *find_hashed(R *table, const zr::hashed_key &key)
 
 template <typename R> R *find_record(cfg *context, const char *key)
 {
+    settle_registrations(context);
     if (context == nullptr || key == nullptr)
         return nullptr;
     return find_hashed(table_of<R>(context), table_key<R>(key));
@@ -197,6 +203,7 @@ template <typename R> R *find_record(cfg *context, const char *key)
 // invariant 1.
 template <typename R> R *find_or_add(cfg *context, const char *key)
 {
+    settle_registrations(context);
     if (context == nullptr || key == nullptr)
         return nullptr;
     R *&table = table_of<R>(context);
@@ -298,6 +305,31 @@ bool add_dependent(cfg_reverse_trigger *reverse, const cfg_trigger_entry &entry,
 
 namespace {
 
+// A conditional's registration waiting in a batch: copies of what
+// depend_on_uuid would read of the two texts.
+struct pending_registration {
+    char dependent[dependent_size];
+    char key[CFG_UUID_SIZE];
+};
+
+// Registrations of one context made inside a batch_registrations scope.
+// They are made in the order asked, sixteen at a time, the buckets and
+// first records of all of them fetched before any is looked up: each
+// lookup of a large table misses the cache, and a batch's misses overlap.
+// Anything else that reads or changes the tables makes the waiting ones
+// first, so no one sees the tables short of a registration.
+constexpr size_t registration_batch = 16;
+
+struct registration_queue {
+    cfg *context = nullptr;
+    int depth = 0;
+    size_t count = 0;
+    // On the heap: the library's thread-locals must stay a few bytes.
+    std::unique_ptr<pending_registration[]> pending;
+};
+
+thread_local registration_queue queued;
+
 // The registration depend_on_uuid made last, while removals stood at
 // removals_then.
 struct uuid_registration {
@@ -311,7 +343,9 @@ thread_local uuid_registration last_registration;
 
 } // namespace
 
-void depend_on_uuid(cfg *context, const char *dependent, const char *key)
+namespace {
+
+void register_now(cfg *context, const char *dependent, const char *key)
 {
     uuid_registration &last = last_registration;
     const uint64_t now = removals.load(std::memory_order_relaxed);
@@ -332,9 +366,98 @@ void depend_on_uuid(cfg *context, const char *dependent, const char *key)
     last.key = key;
 }
 
+// The bucket that hash falls in, in R's table; nullptr for an empty table.
+template <typename R> UT_hash_bucket *bucket_of(R *table, unsigned hash)
+{
+    if (table == nullptr)
+        return nullptr;
+    return &table->hh.tbl->buckets[hash & (table->hh.tbl->num_buckets - 1U)];
+}
+
+template <typename R> unsigned hash_of(const char *key)
+{
+    const zr::hashed_key hashed = table_key<R>(key);
+    return hashed.hash;
+}
+
+// Makes the waiting registrations, in order, having fetched their buckets
+// and then the buckets' first records.
+void make_queued()
+{
+    registration_queue &q = queued;
+    const size_t count = q.count;
+    q.count = 0;
+    cfg *context = q.context;
+    UT_hash_bucket *buckets[2 * registration_batch];
+    for (size_t i = 0; i < count; i++) {
+        buckets[2 * i] = bucket_of(context->reverse_triggers,
+                                   hash_of<cfg_reverse_trigger>(q.pending[i].dependent));
+        buckets[2 * i + 1] =
+            bucket_of(context->uuid_triggers, hash_of<cfg_uuid_trigger>(q.pending[i].key));
+    }
+    for (size_t i = 0; i < 2 * count; i++)
+        if (buckets[i] != nullptr)
+            __builtin_prefetch(buckets[i]);
+    for (size_t i = 0; i < 2 * count; i++)
+        if (buckets[i] != nullptr && buckets[i]->hh_head != nullptr)
+            __builtin_prefetch(buckets[i]->hh_head);
+    for (size_t i = 0; i < count; i++)
+        register_now(context, q.pending[i].dependent, q.pending[i].key);
+}
+
+} // namespace
+
+batch_registrations::batch_registrations(cfg *context)
+{
+    registration_queue &q = queued;
+    if (context == nullptr || (q.depth > 0 && q.context != context))
+        return; // a walk of another context inside one: its registrations are made at once
+    q.context = context;
+    q.depth++;
+    context_ = context;
+}
+
+batch_registrations::~batch_registrations()
+{
+    registration_queue &q = queued;
+    if (context_ == nullptr)
+        return;
+    if (--q.depth == 0) {
+        make_queued();
+        q.context = nullptr;
+    }
+}
+
+void depend_on_uuid(cfg *context, const char *dependent, const char *key)
+{
+    registration_queue &q = queued;
+    if (q.depth == 0 || q.context != context || dependent == nullptr || key == nullptr) {
+        register_now(context, dependent, key);
+        return;
+    }
+    if (q.pending == nullptr)
+        q.pending = std::make_unique<pending_registration[]>(registration_batch);
+    pending_registration &p = q.pending[q.count++];
+    size_t dependent_length = strnlen(dependent, sizeof p.dependent - 1);
+    memcpy(p.dependent, dependent, dependent_length);
+    p.dependent[dependent_length] = '\0';
+    size_t key_length = strnlen(key, sizeof p.key - 1);
+    memcpy(p.key, key, key_length);
+    p.key[key_length] = '\0';
+    if (q.count == registration_batch)
+        make_queued();
+}
+
+void settle_registrations(cfg *context)
+{
+    if (queued.count != 0 && queued.context == context)
+        make_queued();
+}
+
 // Keeps invariant 3: the dependent and its reverse entry go together.
 bool drop_dependent(cfg *context, const cfg_trigger_entry &entry, const char *uuid)
 {
+    settle_registrations(context);
     cfg_link **dependents = dependents_of(entry);
     if (dependents == nullptr || uuid == nullptr)
         return false;
@@ -347,6 +470,7 @@ bool drop_dependent(cfg *context, const cfg_trigger_entry &entry, const char *uu
 // Keeps invariant 3 for every dependent of the record.
 void remove_record(cfg *context, const cfg_trigger_entry &entry)
 {
+    settle_registrations(context);
     cfg_link **dependents = dependents_of(entry);
     if (dependents == nullptr)
         return;
@@ -358,6 +482,7 @@ void remove_record(cfg *context, const cfg_trigger_entry &entry)
 // Keeps invariant 3 from the reverse side.
 void forget_dependent(cfg *context, const char *uuid)
 {
+    settle_registrations(context);
     cfg_reverse_trigger *reverse = find_record<cfg_reverse_trigger>(context, uuid);
     if (reverse == nullptr)
         return;
@@ -477,6 +602,7 @@ extern "C" void cfg_create_validator_triggers(cfg *context, cfg_element *element
 
 extern "C" int cfg_print_trigger_tables(cfg *context)
 {
+    trig::settle_registrations(context);
     static_assert(sizeof rule == 54);
     printf("%s\n", rule);
     if (context != nullptr) {
@@ -492,6 +618,7 @@ extern "C" int cfg_print_trigger_tables(cfg *context)
 
 extern "C" void cfg_free_trigger_tables(cfg *context)
 {
+    trig::settle_registrations(context);
     if (context == nullptr)
         return;
     trig::free_table(context->reverse_triggers);

@@ -36,7 +36,30 @@ bool add_dependent(cfg_reverse_trigger *reverse, const cfg_trigger_entry &entry,
 // of both records and add_dependent do together. Asked again for the pair
 // it registered last, with nothing removed from any table since, it does
 // nothing: a map's second conditional on one element costs no lookup.
+// Inside a batch_registrations scope of context the registration may wait
+// for the next few; every other function here makes the waiting ones first.
 void depend_on_uuid(cfg *context, const char *dependent, const char *key);
+
+// While one lives (the outermost per thread counts), depend_on_uuid for
+// context gathers registrations and makes them in batches, the lookups of
+// a batch overlapping; they are all made when it goes. For walks of a
+// context that looks up through the library's own hooks, where no code of
+// the caller's reads the tables directly while the walk runs.
+class batch_registrations {
+  public:
+    explicit batch_registrations(cfg *context);
+    ~batch_registrations();
+    batch_registrations(const batch_registrations &) = delete;
+    batch_registrations &operator=(const batch_registrations &) = delete;
+
+  private:
+    cfg *context_ = nullptr;
+};
+
+// Makes the registrations of context still waiting in a batch, before code
+// that reads the tables directly.
+void settle_registrations(cfg *context);
+
 // Removes uuid from the record's dependents together with its reverse entry
 // (a reverse record left empty is freed). True when the record is now empty;
 // the record itself stays in its table.

@@ -533,6 +533,7 @@ int run_validators(validation_context *vctx, cfg *context, cfg_element *element,
             memo->taint(); // what it reads is not watched
         cfg_create_validator_triggers(context, element, validator);
         const char *name = validator->name != nullptr ? validator->name : "";
+        trig::settle_registrations(context); // the validator may read the tables
         cfg_validator_fn function = get_validator(name);
         if (function == nullptr) {
             ZR_LOG_FOR("cfg_validate_node", LOG_ERR, "No validator named '%s'\n", name);
@@ -991,8 +992,12 @@ extern "C" int cfg_validate_data(cfg *context)
          e = static_cast<cfg_index_entry *>(e->hh.next))
         if (!(e->element->flags & CFG_FLAG_DELETED))
             add_unhandled(vctx.get(), e->element);
+    std::optional<trig::batch_registrations> batch;
+    if (marks)
+        batch.emplace(context);
     if (!cfg_validate_node(vctx.get(), context, cfg_root(context), cfg_schema_root(context)))
         return 0;
+    batch.reset();
     if (first_unhandled(vctx.get()) == nullptr) {
         if (memo)
             memo->record();
@@ -1105,6 +1110,7 @@ bool pattern_matches(void *compiled, const std::string &path)
 // pattern does not compile.
 bool follow_patterns(cfg *context, const char *changed, const std::string &path, work_set &work)
 {
+    trig::settle_registrations(context);
     cfg_pattern_trigger *record, *next;
     for (record = context->pattern_triggers; record != nullptr; record = next) {
         next = static_cast<cfg_pattern_trigger *>(record->hh.next);
@@ -1440,7 +1446,11 @@ extern "C" int cfg_validate_changed_data(cfg *context)
         else
             cfg_populate_defaults(context, element, 0);
     }
+    std::optional<trig::batch_registrations> batch;
+    if (marks)
+        batch.emplace(context);
     int valid = validate_work(vctx.get(), context, work);
+    batch.reset();
     if (valid && memo)
         memo->record();
     return valid;

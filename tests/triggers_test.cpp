@@ -87,6 +87,46 @@ TEST(TriggerTables, RegistrationsPrintedAndFreed)
                                           "conn-2 thinks it is triggered by (host-1)"}));
 }
 
+// Looks up through a hook of the caller's own, so validation registers
+// every dependency at once instead of in batches.
+cfg_element *own_lookup(cfg *context, const char *uuid)
+{
+    return cfg_find_by_id(context, uuid);
+}
+
+// A full validation registers its conditionals' dependencies in batches; the
+// tables it leaves hold the same records in the same order as when each is
+// registered at once, across batch boundaries and with the path and pattern
+// registrations made in between.
+TEST(TriggerTables, BatchedRegistrationsMatchImmediateOnes)
+{
+    appliance batched, immediate;
+    immediate.ctx()->get_by_id = own_lookup;
+    for (appliance *a : {&batched, &immediate}) {
+        a->load_int(a->system, "loglevel", "log-1", 6);
+        a->load_string(a->system, "timezone", "tz-1", "UTC");
+        for (int i = 3; i < 40; i++) {
+            std::string n = std::to_string(i);
+            cfg_element *conn =
+                a->put(a->conns, nullptr, cfg_load_map(a->ctx(), ("c-" + n).c_str()));
+            a->load_string(conn, "name", ("name-" + n).c_str(), ("c" + n).c_str());
+            a->load_int(conn, "mtu", ("mtu-" + n).c_str(), 1500);
+            if (i % 3 == 0) {
+                a->load_string(conn, "mode", ("mode-" + n).c_str(), "dhcp");
+                continue;
+            }
+            a->load_string(conn, "mode", ("mode-" + n).c_str(), "static");
+            a->load_string(conn, "address", ("addr-" + n).c_str(), "10.0.0.1");
+            a->load_int(conn, "netmask", ("mask-" + n).c_str(), 24);
+        }
+        a->load_int(a->conn1, "mtu", "conn-mtu-1", 1500);
+        ASSERT_EQ(cfg_validate_data(a->ctx()), 1) << testing::PrintToString(a->messages());
+    }
+    std::string tables = batched.trigger_tables();
+    EXPECT_NE(tables.find("mode-39 triggers (c-39)"), std::string::npos) << tables;
+    EXPECT_EQ(tables, immediate.trigger_tables());
+}
+
 // Entries keep their own key: the record that replaces a freed one under
 // the same uuid finds its entry. An element handled before it was known is
 // seen, so never unhandled afterwards.
